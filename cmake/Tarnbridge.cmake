@@ -1,0 +1,73 @@
+# Shared build rules: one static library per subsystem folder, one test
+# executable per test folder, warnings on everywhere.
+
+set(TB_WARNINGS -Wall -Wextra)
+
+if(TB_SANITIZE STREQUAL "asan")
+  add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer
+                      -fno-sanitize-recover=undefined)
+  add_link_options(-fsanitize=address,undefined)
+elseif(TB_SANITIZE STREQUAL "tsan")
+  add_compile_options(-fsanitize=thread -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=thread)
+elseif(TB_SANITIZE STREQUAL "fuzz")
+  # Coverage for libFuzzer in every library; only fuzz targets link the driver.
+  add_compile_options(-fsanitize=fuzzer-no-link,address,undefined -fno-omit-frame-pointer)
+  add_link_options(-fsanitize=address,undefined)
+  set(TB_FUZZ ON)
+elseif(NOT TB_SANITIZE STREQUAL "")
+  message(FATAL_ERROR "TB_SANITIZE must be empty, asan or tsan")
+endif()
+
+# tb_library(NAME [DEPS lib...]): static library tb_NAME from every .cpp in
+# src/NAME and src/NAME/posix; headers are reached as "NAME/header.h".
+function(tb_library name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS
+       ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp ${CMAKE_CURRENT_SOURCE_DIR}/posix/*.cpp)
+  add_library(tb_${name} STATIC ${sources})
+  target_include_directories(tb_${name} PUBLIC ${PROJECT_SOURCE_DIR}/src)
+  target_compile_options(tb_${name} PRIVATE ${TB_WARNINGS})
+  target_link_libraries(tb_${name} PUBLIC ${ARG_DEPS})
+endfunction()
+
+# tb_tests(NAME [DEPS lib...]): one GoogleTest executable from every .cpp in
+# the current folder plus tests/support; each test case becomes a CTest test.
+function(tb_tests name)
+  cmake_parse_arguments(ARG "" "" "DEPS" ${ARGN})
+  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/*.cpp)
+  add_executable(${name} ${sources})
+  target_include_directories(${name} PRIVATE ${PROJECT_SOURCE_DIR}/tests)
+  target_compile_options(${name} PRIVATE ${TB_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS} GTest::gtest GTest::gmock
+                        GTest::gtest_main Threads::Threads)
+  target_compile_definitions(${name} PRIVATE
+    TB_BINARY_DIR="${PROJECT_BINARY_DIR}" TB_SOURCE_DIR="${PROJECT_SOURCE_DIR}")
+  gtest_discover_tests(${name} DISCOVERY_TIMEOUT 60
+                       PROPERTIES TIMEOUT 120 LABELS ${name})
+endfunction()
+
+# tb_tool(NAME SOURCES... DEPS lib...): an executable for people.
+function(tb_tool name)
+  cmake_parse_arguments(ARG "" "" "SOURCES;DEPS" ${ARGN})
+  add_executable(${name} ${ARG_SOURCES})
+  target_compile_options(${name} PRIVATE ${TB_WARNINGS})
+  target_link_libraries(${name} PRIVATE ${ARG_DEPS})
+endfunction()
+
+# Adds each listed subfolder that has a CMakeLists.txt, in the given order.
+macro(tb_add_existing)
+  foreach(dir ${ARGN})
+    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
+      add_subdirectory(${dir})
+    endif()
+  endforeach()
+endmacro()
+
+# tb_fuzz(NAME SOURCE file DEPS lib...): a libFuzzer target fuzz-NAME.
+function(tb_fuzz name)
+  cmake_parse_arguments(ARG "" "SOURCE" "DEPS" ${ARGN})
+  add_executable(fuzz-${name} ${ARG_SOURCE})
+  target_link_options(fuzz-${name} PRIVATE -fsanitize=fuzzer)
+  target_link_libraries(fuzz-${name} PRIVATE ${ARG_DEPS})
+endfunction()
