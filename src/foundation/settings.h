@@ -1,0 +1,59 @@
+// settings.h: the daemon's configuration, read once from the key-value file named on
+// the command line. A process-wide singleton; every getter returns a copy under the lock.
+#pragma once
+
+#include <mutex>
+
+#include "foundation/ustring.h"
+
+class Settings {
+  public:
+    static Settings& getInstance();
+
+    // Reads the file and sets every field whose key is present with a non-empty value.
+    // 0, or -1 when the file can't be read or breaks the grammar (no field changes then).
+    int loadConfigSettings(const ustring& path);
+
+    ustring getDbPath() const;
+    ustring getFStatDbPath() const;
+    ustring getFilterDbPath() const;
+    ustring getSystemFilterPath() const;
+    ustring getPidFilePath() const;
+    ustring getLogFilePath() const;
+    ustring getLogLevelFilePath() const;
+    size_t getWorkerCount() const;
+    ustring getSocketPath() const;
+    ustring getUISocketPath() const;
+    int getUIPort() const;
+    bool isDaemon() const;
+    bool useSSL() const;
+    int getServerPort() const;
+    ustring getServerIp() const;
+    ustring getSession() const;
+    ustring getClientName() const;
+
+    Settings(const Settings&) = delete;
+    Settings& operator=(const Settings&) = delete;
+
+  private:
+    Settings() = default;
+
+    mutable std::mutex lock;
+    ustring db_path = "/tmp/db.sqlite";
+    ustring pid_file_path = "/var/run/tarnbridge-daemon.pid";
+    ustring log_file_path = "/var/log/tarnbridge-daemon.log";
+    ustring log_level_file_path = "/var/log/tarnbridge-daemon.debug";
+    ustring fstat_db_path = "/tmp/file-status.sqlite";
+    ustring filter_db_path = "/tmp/filter.sqlite";
+    ustring system_filter_path = "/tmp/filter";
+    size_t worker_count = 3;
+    ustring socket_path = "/tmp/tarnbridge-socket";
+    ustring ui_sock_path = "/tmp/tarnbridge-ui-socket";
+    int ui_port = 1024;
+    bool is_daemon = true;
+    ustring client_name = "user";
+    bool use_ssl = false;
+    ustring session = "InvalidSession";
+    int server_port = 0;
+    ustring server_ip = "InvalidAddress";
+};
