@@ -32,9 +32,10 @@ int parse_line(const std::string& line, map_type& out) {
     size_t key_start = i;
     while (i < n && is_key_char(at(i))) ++i;
     std::string key = line.substr(key_start, i - key_start);
-    if (i == n || line[i] == '#') return 0;
+    // A key with nothing after it but blanks or a comment is a line to ignore.
     skip_space();
-    if (i == n || line[i] != '=') return -1;
+    if (i == n || line[i] == '#') return 0;
+    if (line[i] != '=') return -1;
     ++i;
     skip_space();
     if (i == n) return -1;

@@ -1,0 +1,117 @@
+// The log: per-component limits, the line format, rotation.
+#include <gtest/gtest.h>
+
+#include <fcntl.h>
+#include <sys/stat.h>
+
+#include <fstream>
+#include <sstream>
+#include <string>
+
+#include "foundation/log.h"
+#include "support/temp-dir.h"
+
+namespace {
+
+std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream ss;
+    ss << in.rdbuf();
+    return ss.str();
+}
+
+bool exists(const std::string& path) {
+    struct stat st;
+    return ::stat(path.c_str(), &st) == 0;
+}
+
+class LoggerFile : public ::testing::Test {
+  protected:
+    void TearDown() override { Logger::Destroy(); }
+    std::string log() const { return dir.path() + "/daemon.log"; }
+    TempDir dir;
+};
+
+TEST_F(LoggerFile, LevelFileLiftsOnlyItsComponent) {
+    dir.write("levels", "client_debug=7\n");
+    ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, log(), dir.path() + "/levels", 50), 0);
+    Logger::LogMsg(Logger::L_DEBUG, "client_debug", "[DEBUG] app(%d): visible %s\n", 10, "x");
+    Logger::LogMsg(Logger::L_DEBUG, "worker_debug", "[DEBUG] worker(%d): hidden\n", 11);
+    Logger::LogMsg(Logger::L_INFO, "default_component", "[INFO] x(%d): hidden too\n", 12);
+    Logger::LogMsg(Logger::L_WARNING, "worker_debug", "[WARNING] worker(%d): shown\n", 13);
+    std::string text = slurp(log());
+    EXPECT_NE(text.find("[DEBUG] app(10): visible x\n"), std::string::npos);
+    EXPECT_NE(text.find("[WARNING] worker(13): shown\n"), std::string::npos);
+    EXPECT_EQ(text.find("hidden"), std::string::npos);
+    // Each line starts with a time stamp "Mon DD HH:MM:SS ".
+    EXPECT_EQ(text[3], ' ');
+    EXPECT_EQ(text[6], ' ');
+    EXPECT_EQ(text[9], ':');
+    EXPECT_EQ(text.substr(16, 8), "[DEBUG] ");
+}
+
+TEST_F(LoggerFile, FilteredLinesWriteNothing) {
+    ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, log(), "", 50), 0);
+    for (int i = 0; i < 3; ++i)
+        Logger::LogMsg(Logger::L_INFO, "quiet_debug", "[INFO] a(%d): x\n", i);
+    EXPECT_EQ(slurp(log()), "");
+    EXPECT_FALSE(Logger::Enabled(Logger::L_INFO, "quiet_debug"));
+    EXPECT_TRUE(Logger::Enabled(Logger::L_ERR, "quiet_debug"));
+}
+
+TEST_F(LoggerFile, RotatesAfterTheSizeLimitInCharacters) {
+    ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, log(), "", 3), 0);
+    // Two-byte characters: the limit counts characters, so bytes pass it first.
+    std::string chunk;
+    for (int i = 0; i < 500; ++i) chunk += "\xC3\xA9";
+    int lines = 0;
+    long chars = 0;
+    while (chars <= 1048576) {
+        Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): %s\n", 1, chunk.c_str());
+        chars += 16 + 14 + 500 + 1;  // stamp, prefix, text, newline
+        ++lines;
+        if (chars <= 1048576) {
+            ASSERT_FALSE(exists(log() + "_0")) << "rotated early at line " << lines;
+        }
+    }
+    EXPECT_TRUE(exists(log() + "_0"));
+    EXPECT_EQ(slurp(log()), "");
+    Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): after\n", 2);
+    EXPECT_NE(slurp(log()).find("after"), std::string::npos);
+}
+
+// The last numbered name is freed after the shift, so N names hold N-1 old logs.
+TEST_F(LoggerFile, RotationMovesTheChainAndDropsTheOldest) {
+    ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, log(), "", 3), 0);
+    for (int round = 0; round < 4; ++round) {
+        Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): round\n", round);
+        ASSERT_EQ(Logger::Rotate(), 0);
+    }
+    EXPECT_NE(slurp(log() + "_0").find("x(3)"), std::string::npos);
+    EXPECT_NE(slurp(log() + "_1").find("x(2)"), std::string::npos);
+    EXPECT_FALSE(exists(log() + "_2"));
+}
+
+TEST_F(LoggerFile, LogFileIsClosedToChildProcesses) {
+    ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, log(), "", 50), 0);
+    Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): opened\n", 1);
+    int open_without_cloexec = 0;
+    for (int fd = 3; fd < 1024; ++fd) {
+        int flags = ::fcntl(fd, F_GETFD);
+        if (flags < 0) continue;
+        char link[64], target[512] = {};
+        std::snprintf(link, sizeof link, "/proc/self/fd/%d", fd);
+        ssize_t n = ::readlink(link, target, sizeof target - 1);
+        if (n > 0 && std::string(target, static_cast<size_t>(n)) == log() && !(flags & FD_CLOEXEC))
+            ++open_without_cloexec;
+    }
+    EXPECT_EQ(open_without_cloexec, 0);
+}
+
+TEST(LoggerSetup, FileLoggerNeedsAPathThatOpens) {
+    EXPECT_EQ(Logger::Initialize(Logger::FILE_LOGGER, "", "", 50), -1);
+    EXPECT_EQ(Logger::Initialize(Logger::FILE_LOGGER, "/nonexistent-dir/x.log", "", 50), -1);
+    EXPECT_EQ(Logger::Initialize(Logger::STDERR_LOGGER, "", "", 50), 0);
+}
+
+}  // namespace

@@ -1,0 +1,128 @@
+// Behaviour of PObject: value semantics, the read rules, the text form.
+#include <gtest/gtest.h>
+
+#include <stdexcept>
+
+#include "foundation/object.h"
+
+namespace {
+
+TEST(PObjectValue, CopiesAreDeepAndIndependent) {
+    PObject a;
+    a["list"].asArray().push_back(PObject("x"));
+    a["map"]["inner"] = uint64_t{7};
+    PObject b(a);
+    b["map"]["inner"] = uint64_t{8};
+    b["list"].asArray().push_back(PObject("y"));
+    EXPECT_EQ(a["map"]["inner"].asInteger(), 7u);
+    EXPECT_EQ(a["list"].asArray().size(), 1u);
+    EXPECT_EQ(b.toString(), ustring("{\"list\": [\"x\", \"y\"], \"map\": {\"inner\": 8}}"));
+}
+
+TEST(PObjectValue, AssigningFromOwnMemberIsSafe) {
+    PObject a;
+    a["child"]["leaf"] = "v";
+    a = a["child"];
+    EXPECT_EQ(a.toString(), ustring("{\"leaf\": \"v\"}"));
+    PObject moved(std::move(a));
+    EXPECT_TRUE(a.isNull());
+    EXPECT_TRUE(moved.hasMember("leaf"));
+}
+
+TEST(PObjectValue, AssignmentReplacesAnyKind) {
+    PObject o("text");
+    o = int32_t{-1};
+    EXPECT_EQ(o.asUInt64(), 18446744073709551615ull);
+    EXPECT_EQ(o.asInt32(), -1);
+    o = true;
+    EXPECT_EQ(o.asInteger(), 1u);
+    o = PObject::binary_type{5, 10, "/tmp/f"};
+    EXPECT_TRUE(o.isBinary());
+    o.clear();
+    EXPECT_TRUE(o.isNull());
+}
+
+TEST(PObjectRead, WrongKindReadsGiveZeroEmptyOrNull) {
+    const PObject s("42");
+    EXPECT_EQ(s.asInteger(), 0u);
+    EXPECT_TRUE(s.asMap().empty());
+    EXPECT_TRUE(s.asArray().empty());
+    EXPECT_TRUE(s.asBinary().empty());
+    EXPECT_TRUE(s["key"].isNull());
+    EXPECT_TRUE(s[0].isNull());
+    EXPECT_FALSE(s.hasMember("key"));
+    EXPECT_TRUE(s.isString());  // const reads changed nothing
+    EXPECT_EQ(PObject(uint64_t{5}).asString(), ustring("5"));
+}
+
+TEST(PObjectRead, AsStringOfIntegerKeepsOnlyLow32Bits) {
+    EXPECT_EQ(PObject(uint64_t{4294967296ull}).asString(), ustring("0"));
+    EXPECT_EQ(PObject(uint64_t{4294967297ull}).asString(), ustring("1"));
+    EXPECT_EQ(PObject(uint64_t{4294967296ull}).toString(), ustring("4294967296"));
+}
+
+TEST(PObjectRead, AsBoolFollowsEmptinessExceptForIntegers) {
+    EXPECT_TRUE(PObject("false").asBool());
+    EXPECT_FALSE(PObject("").asBool());
+    EXPECT_FALSE(PObject(uint64_t{0}).asBool());
+    EXPECT_FALSE(PObject(uint64_t{0}).isEmpty());
+    EXPECT_FALSE(PObject().asBool());
+    PObject m;
+    m.asMap();
+    EXPECT_FALSE(m.asBool());
+}
+
+TEST(PObjectRead, SmallWidthsTakeTheLowBits) {
+    PObject o(uint64_t{0x1234567890ABCDEFull});
+    EXPECT_EQ(o.asUInt32(), 0x90ABCDEFu);
+    EXPECT_EQ(o.asUInt16(), 0xCDEFu);
+    EXPECT_EQ(o.asUInt8(), 0xEFu);
+    EXPECT_EQ(o.asInt8(), static_cast<int8_t>(0xEF));
+}
+
+TEST(PObjectAccess, NonConstAccessorsConvertAndLoseTheOldValue) {
+    PObject o(uint64_t{3});
+    o.asArray().push_back(PObject("a"));
+    EXPECT_TRUE(o.isArray());
+    o["k"] = "v";  // a non-map becomes a map
+    EXPECT_TRUE(o.isMap());
+    EXPECT_EQ(o.asMap().size(), 1u);
+    o.asBinary().path = "/x";
+    EXPECT_TRUE(o.isBinary());
+    EXPECT_EQ(o.asBinary().path, ustring("/x"));
+}
+
+TEST(PObjectAccess, IndexesWalkMapsInKeyOrder) {
+    PObject o;
+    o["b"] = uint64_t{2};
+    o["a"] = uint64_t{1};
+    o["B"] = uint64_t{3};  // a key differing only in case is a different key
+    const PObject& c = o;
+    EXPECT_EQ(c[0].asInteger(), 3u);  // "B" sorts first
+    EXPECT_EQ(c[1].asInteger(), 1u);
+    EXPECT_TRUE(c[3].isNull());
+    EXPECT_TRUE(c[-1].isNull());
+    o[2] = uint64_t{9};
+    EXPECT_EQ(c["b"].asInteger(), 9u);
+    EXPECT_THROW(o[3], std::out_of_range);
+    PObject arr;
+    arr.asArray().push_back(PObject("e"));
+    EXPECT_EQ(static_cast<const PObject&>(arr)[0].asString(), ustring("e"));
+    EXPECT_THROW(arr[0], std::out_of_range);  // arrays are read through const access
+}
+
+TEST(PObjectText, EveryKindHasItsForm) {
+    PObject o;
+    EXPECT_EQ(o.toString(), ustring("null"));
+    o["n"] = PObject();
+    o["i"] = uint64_t{18446744073709551615ull};
+    o["s"] = "say \"hi\"";
+    o["a"].asArray().push_back(PObject(uint64_t{1}));
+    o["a"].asArray().push_back(PObject());
+    o["b"] = PObject::binary_type{1, 2, "/p"};
+    EXPECT_EQ(o.toString(),
+              ustring("{\"a\": [1, null], \"b\": {offset: 1, length: 2, path: \"/p\"}, "
+                      "\"i\": 18446744073709551615, \"n\": null, \"s\": \"say \"hi\"\"}"));
+}
+
+}  // namespace

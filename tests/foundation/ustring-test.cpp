@@ -1,0 +1,152 @@
+// Behaviour of the system's string type: conversions, searches, order, normalization.
+#include <gtest/gtest.h>
+
+#include <sstream>
+#include <stdexcept>
+#include <string>
+
+#include "foundation/ustring.h"
+
+namespace {
+
+std::u16string wide(const ustring& s) {
+    return std::u16string(s.c_str());
+}
+
+TEST(UstringConversion, Utf8AndUtf16RoundTrip) {
+    const char* samples[] = {"", "plain", "caf\xC3\xA9", "\xE6\x97\xA5\xE6\x9C\xAC",
+                             "\xF0\x9F\x98\x80 emoji"};
+    for (const char* text : samples) {
+        ustring s(text);
+        ustring back(s.c_str());
+        EXPECT_STREQ(back.c_str_utf8(), text);
+        EXPECT_EQ(back.size(), std::string(text).size());
+    }
+    EXPECT_EQ(wide(ustring("\xF0\x9F\x98\x80")), std::u16string(u"\U0001F600"));
+    EXPECT_EQ(ustring(u"\u00e9t\u00e9").size(), 5u);
+}
+
+TEST(UstringConversion, EmptyStringHasTerminatedForms) {
+    ustring s;
+    EXPECT_EQ(s.c_str()[0], 0);
+    EXPECT_STREQ(s.c_str_utf8(), "");
+    EXPECT_TRUE(s.empty());
+}
+
+TEST(UstringConversion, IllFormedUtf8HasNoWideFormAndIsInvalid) {
+    ustring bad(
+        "a\xFF"
+        "b");
+    EXPECT_FALSE(ustring::is_valid(bad));
+    EXPECT_EQ(bad.c_str()[0], 0);
+    EXPECT_STREQ(bad.c_str_utf8(),
+                 "a\xFF"
+                 "b");  // the bytes themselves survive
+    EXPECT_FALSE(ustring::is_valid(ustring("\xC3")));
+    EXPECT_TRUE(ustring::is_valid(ustring("")));
+    EXPECT_TRUE(ustring::is_valid(ustring("caf\xC3\xA9")));
+}
+
+TEST(UstringConversion, ChangingBytesDropsTheStaleWideForm) {
+    ustring s("abc");
+    EXPECT_EQ(wide(s), u"abc");
+    s.append("d");
+    EXPECT_EQ(wide(s), u"abcd");
+    s.assign(u"xyz");
+    EXPECT_STREQ(s.c_str_utf8(), "xyz");
+}
+
+TEST(UstringConversion, ReplaceKeepsTheWideFormAsItStood) {
+    ustring s("a/b");
+    EXPECT_EQ(wide(s), u"a/b");
+    s.replace('/', '\\');
+    EXPECT_STREQ(s.c_str_utf8(), "a\\b");
+    EXPECT_EQ(wide(s), u"a/b");
+}
+
+TEST(UstringEdit, CountsStopAtTerminatorsAndSelfAppendIsSafe) {
+    EXPECT_EQ(ustring("abc", 10).size(), 3u);
+    EXPECT_EQ(ustring("abcdef", 2), ustring("ab"));
+    ustring s("xy");
+    s.append(s);
+    s += s;
+    EXPECT_EQ(s, ustring("xyxyxyxy"));
+    s.append(s.c_str_utf8() + 2, 2);
+    EXPECT_EQ(s, ustring("xyxyxyxyxy"));
+    EXPECT_EQ(ustring(3, 'z'), ustring("zzz"));
+    EXPECT_EQ(ustring(std::string("hello"), 1, 3), ustring("ell"));
+    EXPECT_EQ(ustring("a") + "b" + ustring("c") + 'd', ustring("abcd"));
+}
+
+TEST(UstringEdit, SubstrUsesBytesAndThrowsPastTheEnd) {
+    ustring s("caf\xC3\xA9!");
+    EXPECT_EQ(s.substr(3, 2), ustring("\xC3\xA9"));
+    EXPECT_EQ(s.substr(4), ustring("\xA9!"));
+    EXPECT_EQ(s.substr(0, ustring::npos), s);
+    EXPECT_EQ(s.substr(6), ustring(""));
+    EXPECT_THROW(s.substr(7), std::out_of_range);
+}
+
+TEST(UstringEdit, TrimStripsOnlyTheGivenSet) {
+    ustring s("  -x y-  ");
+    EXPECT_EQ(ustring(s).trim(), ustring("-x y-"));
+    EXPECT_EQ(ustring(s).trim(" -"), ustring("x y"));
+    EXPECT_EQ(ustring(s).ltrim(" "), ustring("-x y-  "));
+    EXPECT_EQ(ustring(s).rtrim(" "), ustring("  -x y-"));
+    EXPECT_EQ(ustring("   ").trim(), ustring(""));
+}
+
+TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
+    ustring s("/a/bc/a/d");
+    EXPECT_EQ(s.find("/a"), 0u);
+    EXPECT_EQ(s.find("/a", 1), 5u);
+    EXPECT_EQ(s.find('d'), 8u);
+    EXPECT_EQ(s.find("zz"), ustring::npos);
+    EXPECT_EQ(s.find("a", 9), ustring::npos);
+    EXPECT_EQ(s.rfind("/a"), 5u);
+    EXPECT_EQ(s.rfind("/a", 4), 0u);
+    EXPECT_EQ(s.rfind('/', 100), 7u);
+    EXPECT_EQ(s.rfind('/', ustring::npos), 7u);
+    EXPECT_EQ(s.find_first_of("bd"), 3u);
+    EXPECT_EQ(s.find_first_not_of("/a"), 3u);
+    EXPECT_EQ(s.find_last_of("ab"), 6u);
+    EXPECT_EQ(s.find_last_not_of("d/"), 6u);
+    EXPECT_EQ(ustring("").rfind('a'), ustring::npos);
+    EXPECT_EQ(ustring("aaa").find_first_not_of('a'), ustring::npos);
+}
+
+TEST(UstringOrder, ComparesUnsignedBytesAndFoldsAsciiOnly) {
+    EXPECT_LT(ustring("a"), ustring("b"));
+    EXPECT_LT(ustring("Z"), ustring("a"));
+    EXPECT_LT(ustring("z"), ustring("\xC3\xA9"));  // a high byte is larger, not negative
+    EXPECT_LT(ustring("ab"), ustring("abc"));
+    EXPECT_EQ(ustring::compare("A", "a", true), 0);
+    EXPECT_NE(ustring::compare("\xC3\x89", "\xC3\xA9", true), 0);  // É and é keep their case
+    EXPECT_NE(ustring::compare("A", "a", false), 0);
+    EXPECT_EQ(ustring("abcX").compare(ustring("abcY"), 3), 0);
+    EXPECT_EQ(ustring("a").compare(ustring("b"), 0), 0);
+    EXPECT_TRUE(ustring("x") == "x");
+    EXPECT_TRUE(ustring("x") != "X");
+}
+
+TEST(UstringNormalization, ComposesAndDecomposes) {
+    ustring composed("caf\xC3\xA9");
+    ustring decomposed("cafe\xCC\x81");
+    EXPECT_NE(composed, decomposed);
+    EXPECT_EQ(decomposed.normalize(ustring::NFC), composed);
+    EXPECT_EQ(composed.normalize(ustring::NFD), decomposed);
+    EXPECT_EQ(ustring::normalize(ustring(""), ustring::NFC), ustring(""));
+    EXPECT_EQ(ustring::normalize(composed, ustring::NFC), composed);
+}
+
+TEST(UstringStream, WritesBytesAndReadsOneWord) {
+    std::ostringstream out;
+    out << ustring("caf\xC3\xA9");
+    EXPECT_EQ(out.str(), "caf\xC3\xA9");
+    std::istringstream in("first second");
+    ustring word;
+    in >> word;
+    EXPECT_EQ(word, ustring("first"));
+}
+
+}  // namespace
