@@ -1,0 +1,221 @@
+// Tasks under real threads: start, pause, resume, stop, join, and the waits that a
+// change of state must cut short.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <thread>
+
+#include "platform/clock.h"
+#include "runtime/task.h"
+
+namespace {
+
+using Ms = std::chrono::milliseconds;
+using SteadyClock = std::chrono::steady_clock;
+
+int64_t ElapsedMs(SteadyClock::time_point since) {
+    return std::chrono::duration_cast<Ms>(SteadyClock::now() - since).count();
+}
+
+// Spins while RUN, sleeps while PAUSE, ends on STOP: the shape of every daemon task.
+class CountingTask : public Task {
+  public:
+    void DoTask() override {
+        runs++;
+        for (;;) {
+            State state = GetState();
+            if (state == STOP) return;
+            if (state == PAUSE) {
+                WaitWhilePaused(1000);
+                continue;
+            }
+            rounds++;
+            Wait(0);
+            std::this_thread::yield();
+        }
+    }
+    std::atomic<int> runs{0};
+    std::atomic<long> rounds{0};
+};
+
+// Sleeps in one long Wait and records what it gave.
+class SleepingTask : public Task {
+  public:
+    explicit SleepingTask(int seconds) : m_seconds(seconds) {}
+    void DoTask() override {
+        entered = true;
+        result = Wait(m_seconds);
+        done = true;
+    }
+    std::atomic<bool> entered{false};
+    std::atomic<bool> done{false};
+    std::atomic<int> result{99};
+
+  private:
+    int m_seconds;
+};
+
+template <typename Pred>
+bool Eventually(Pred pred, int64_t ms = 5000) {
+    auto start = SteadyClock::now();
+    while (!pred()) {
+        if (ElapsedMs(start) > ms) return false;
+        std::this_thread::sleep_for(Ms(1));
+    }
+    return true;
+}
+
+TEST(TaskConcurrency, FreshTaskIsStoppedAndCannotBeJoined) {
+    Task task;
+    EXPECT_EQ(task.GetState(), Task::STOP);
+    EXPECT_EQ(task.GetId(), -1);
+    EXPECT_EQ(task.Join(), -1);
+}
+
+TEST(TaskConcurrency, RunTwiceStartsOneThreadAndJoinAllowsARestart) {
+    CountingTask task;
+    ASSERT_EQ(task.Run(), 0);
+    EXPECT_EQ(task.Run(), -1);
+    EXPECT_GE(task.GetId(), 0);
+    ASSERT_TRUE(Eventually([&] { return task.rounds.load() > 0; }));
+    task.Stop();
+    ASSERT_EQ(task.Join(), 0);
+    EXPECT_EQ(task.runs.load(), 1);
+    EXPECT_EQ(task.GetId(), -1);
+    EXPECT_EQ(task.GetState(), Task::STOP);
+
+    ASSERT_EQ(task.Run(), 0);
+    task.Stop();
+    ASSERT_EQ(task.Join(), 0);
+    EXPECT_EQ(task.runs.load(), 2);
+}
+
+TEST(TaskConcurrency, IdsFollowTheOrderOfFirstRun) {
+    Task first, second;
+    ASSERT_EQ(first.Run(), 0);
+    ASSERT_EQ(second.Run(), 0);
+    EXPECT_LT(first.GetId(), second.GetId());
+    EXPECT_EQ(first.Join(), 0);
+    EXPECT_EQ(second.Join(), 0);
+}
+
+TEST(TaskConcurrency, ThreadEndSetsStop) {
+    Task task;  // DoTask returns at once
+    ASSERT_EQ(task.Run(), 0);
+    ASSERT_EQ(task.Join(), 0);
+    EXPECT_EQ(task.GetState(), Task::STOP);
+}
+
+TEST(TaskConcurrency, StopWakesAWaitAtOnce) {
+    SleepingTask task(60);
+    ASSERT_EQ(task.Run(), 0);
+    ASSERT_TRUE(Eventually([&] { return task.entered.load(); }));
+    std::this_thread::sleep_for(Ms(20));
+    auto start = SteadyClock::now();
+    task.Stop();
+    ASSERT_EQ(task.Join(), 0);
+    EXPECT_LT(ElapsedMs(start), 1000);
+    EXPECT_EQ(task.result.load(), -1);
+}
+
+TEST(TaskConcurrency, PauseAlsoEndsAWait) {
+    SleepingTask task(60);
+    ASSERT_EQ(task.Run(), 0);
+    ASSERT_TRUE(Eventually([&] { return task.entered.load(); }));
+    task.Pause();
+    ASSERT_TRUE(Eventually([&] { return task.done.load(); }, 1000));
+    EXPECT_EQ(task.result.load(), -1);
+    EXPECT_EQ(task.Join(), 0);
+}
+
+TEST(TaskConcurrency, WaitRunsItsTimeWhenNothingChanges) {
+    SleepingTask task(1);
+    auto start = SteadyClock::now();
+    ASSERT_EQ(task.Run(), 0);
+    ASSERT_EQ(task.Join(), 0);
+    EXPECT_EQ(task.result.load(), 0);
+    EXPECT_GE(ElapsedMs(start), 990);
+}
+
+TEST(TaskConcurrency, WaitOfZeroOrWhilePausedReturnsAtOnce) {
+    Task task;
+    EXPECT_EQ(task.Wait(0), 0);  // even in STOP
+    task.SetState(Task::PAUSE);
+    auto start = SteadyClock::now();
+    EXPECT_EQ(task.Wait(2), -1);
+    EXPECT_LT(ElapsedMs(start), 100);
+}
+
+TEST(TaskConcurrency, PausedTaskHoldsStillAndResumes) {
+    CountingTask task;
+    ASSERT_EQ(task.Run(), 0);
+    ASSERT_TRUE(Eventually([&] { return task.rounds.load() > 0; }));
+    task.Pause();
+    std::this_thread::sleep_for(Ms(20));  // let a round in progress finish
+    long frozen = task.rounds.load();
+    std::this_thread::sleep_for(Ms(100));
+    EXPECT_EQ(task.rounds.load(), frozen);
+
+    task.Resume();
+    EXPECT_TRUE(Eventually([&] { return task.rounds.load() > frozen; }, 1000));
+
+    task.Pause();
+    auto start = SteadyClock::now();
+    task.Stop();  // a stop while paused ends the pause sleep too
+    ASSERT_EQ(task.Join(), 0);
+    EXPECT_LT(ElapsedMs(start), 900);
+}
+
+TEST(TaskConcurrency, ManyStopsAndJoinsNeverHang) {
+    for (int i = 0; i < 50; ++i) {
+        CountingTask task;
+        ASSERT_EQ(task.Run(), 0);
+        if (i % 3 == 1) task.Pause();
+        std::thread stopper([&] { task.Stop(); });
+        stopper.join();
+        ASSERT_EQ(task.Join(), 0);
+    }
+}
+
+TEST(TaskConcurrency, DestroyingARunningTaskStopsItsThread) {
+    auto task = std::make_unique<SleepingTask>(60);
+    ASSERT_EQ(task->Run(), 0);
+    ASSERT_TRUE(Eventually([&] { return task->entered.load(); }));
+    auto start = SteadyClock::now();
+    task.reset();
+    EXPECT_LT(ElapsedMs(start), 1000);
+}
+
+TEST(TaskConcurrency, WaitFollowsASubstitutedClock) {
+    platform::ManualClock clock;
+    platform::ScopedClock use(clock);
+    SleepingTask task(3600);
+    ASSERT_EQ(task.Run(), 0);
+    ASSERT_TRUE(Eventually([&] { return task.entered.load(); }));
+    std::this_thread::sleep_for(Ms(150));
+    EXPECT_FALSE(task.done.load());
+    clock.Advance(3600 * 1000);
+    EXPECT_TRUE(Eventually([&] { return task.done.load(); }, 1000));
+    EXPECT_EQ(task.result.load(), 0);
+    EXPECT_EQ(task.Join(), 0);
+}
+
+TEST(TaskConcurrency, AbortFlagIsSeenByAPollingThread) {
+    Task task;
+    std::atomic<bool> seen{false};
+    std::thread poller([&] {
+        const int* flag = task.AbortFlag();
+        while (std::atomic_ref<int>(*const_cast<int*>(flag)).load() == 0) std::this_thread::yield();
+        seen = true;
+    });
+    EXPECT_FALSE(task.IsAborted());
+    task.SetAbortFlag(1);
+    poller.join();
+    EXPECT_TRUE(seen.load());
+    EXPECT_TRUE(task.IsAborted());
+    task.SetAbortFlag(0);
+    EXPECT_FALSE(task.IsAborted());
+}
+
+}  // namespace
