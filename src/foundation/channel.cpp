@@ -1,0 +1,479 @@
+// channel.cpp: the ring buffers, the time-out loops and the plain socket operations.
+#include "foundation/channel.h"
+
+#include <algorithm>
+#include <atomic>
+#include <cstring>
+#include <mutex>
+
+#include "foundation/error-code.h"
+#include "foundation/log.h"
+
+namespace {
+
+const ustring& component() {
+    static const ustring name("channel_debug");
+    return name;
+}
+
+using clock_type = std::chrono::steady_clock;
+
+bool silence_exceeded(clock_type::time_point since, uint32_t limit_seconds) {
+    return limit_seconds != 0 && clock_type::now() - since >= std::chrono::seconds(limit_seconds);
+}
+
+platform::socket_t plain_fd(const void* context) {
+    return context == nullptr ? platform::kInvalidSocket
+                              : *static_cast<const platform::socket_t*>(context);
+}
+
+int plain_read(void* context, char* buf, size_t len, int timeout_ms) {
+    if (len == 0) {
+        Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): ReadFd: request 0\n",
+                       __LINE__);
+        return ERR_INVAL;
+    }
+    platform::socket_t fd = plain_fd(context);
+    int err = 0;
+    switch (platform::wait_ready(fd, false, timeout_ms, &err)) {
+        case platform::WAIT_ERROR:
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): select: [%d] %s\n", __LINE__, err,
+                           platform::error_text(err));
+            return ERR_IO;
+        case platform::WAIT_TIMEOUT:
+            return ERR_TIMEOUT;
+        case platform::WAIT_NOT_READY:
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): ReadFd: select but fd [%d] not ready\n",
+                           __LINE__, fd);
+            return ERR_SYS;
+        case platform::WAIT_READY:
+            break;
+    }
+    long n = platform::recv_some(fd, buf, len, &err);
+    // A readiness report can be spurious; nothing to read is an empty slice.
+    if (n < 0 && platform::is_would_block(err)) return ERR_TIMEOUT;
+    if (n > 0) return static_cast<int>(n);
+    Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): read: %s\n", __LINE__,
+                   platform::error_text(n < 0 ? err : 0));
+    if (n == 0)
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       "[WARNING] channel(%d): Diagnose: select says the socket is readable but "
+                       "actually we can't read ... connection closed?\n",
+                       __LINE__);
+    return ERR_IO;
+}
+
+int plain_write(void* context, const char* buf, size_t len, int timeout_ms) {
+    if (len == 0) return 0;
+    platform::socket_t fd = plain_fd(context);
+    int err = 0;
+    switch (platform::wait_ready(fd, true, timeout_ms, &err)) {
+        case platform::WAIT_ERROR:
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): select: [%d] %s\n", __LINE__, err,
+                           platform::error_text(err));
+            return ERR_IO;
+        case platform::WAIT_TIMEOUT:
+            return ERR_TIMEOUT;
+        case platform::WAIT_NOT_READY:
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): WriteFd: select but fd [%d] not ready\n",
+                           __LINE__, fd);
+            return ERR_SYS;
+        case platform::WAIT_READY:
+            break;
+    }
+    long n = platform::send_some(fd, buf, len, &err);
+    if (n < 0 && platform::is_would_block(err)) return ERR_TIMEOUT;
+    if (n > 0) return static_cast<int>(n);
+    Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): write: %s\n", __LINE__,
+                   platform::error_text(n < 0 ? err : 0));
+    if (n == 0)
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       "[WARNING] channel(%d): Diagnose: select says the socket is writeable but "
+                       "actually we can't write ... connection closed?\n",
+                       __LINE__);
+    return ERR_IO;
+}
+
+platform::socket_t plain_get_fd(void* context) {
+    return plain_fd(context);
+}
+
+// The plain handle is a heap-held socket so that another mode can put its own object
+// in the same slot.
+void plain_close(void*& context) {
+    auto* fd = static_cast<platform::socket_t*>(context);
+    if (fd == nullptr) return;
+    platform::shutdown_close(*fd);
+    delete fd;
+    context = nullptr;
+}
+
+bool plain_is_invalid(const void* context) {
+    return context == nullptr;
+}
+
+ChannelOps plain_ops() {
+    ChannelOps ops;
+    ops.read_ = plain_read;
+    ops.write = plain_write;
+    ops.get_fd = plain_get_fd;
+    ops.close = plain_close;
+    ops.isInvalid = plain_is_invalid;
+    return ops;
+}
+
+// The operations of the encrypted mode, installed once by the module that provides it.
+struct ModeRegistry {
+    std::mutex lock;
+    ChannelOps ops;
+    bool present = false;
+};
+
+ModeRegistry& registry() {
+    static ModeRegistry r;
+    return r;
+}
+
+}  // namespace
+
+Channel::Channel(size_t capacity_)
+    : w_buf(new char[capacity_]), r_buf(new char[capacity_]), capacity(capacity_) {
+    platform::net_init();
+    SwitchChannelOp(CHANNEL_PLAIN_MODE);
+}
+
+Channel::~Channel() {
+    Close();
+}
+
+int Channel::Open(const char*) {
+    return 0;
+}
+
+int Channel::Open(platform::socket_t socket, bool configure) {
+    if (!IsClosed()) {
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       "[WARNING] channel(%d): Open: Channel already opened [%d]\n", __LINE__,
+                       GetSocket());
+        Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): Open: %s\n",
+                       __LINE__, GetErrorString(ERR_INVAL));
+        return ERR_INVAL;
+    }
+    if (socket == platform::kInvalidSocket) return ERR_INVAL;
+    if (configure && (SetLinger(socket, 1) < 0 || SetNonBlock(socket) < 0)) return ERR_SYS;
+    AttachSocket(socket);
+    ClearRead();
+    ClearWrite();
+    return 0;
+}
+
+int Channel::Open(const char* host, int port) {
+    if (host == nullptr || port < 0) return 0;
+    if (!IsClosed()) {
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       "[WARNING] channel(%d): Open: Channel already opened [%d]\n", __LINE__,
+                       GetSocket());
+        Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): Open: %s\n",
+                       __LINE__, GetErrorString(ERR_INVAL));
+        return ERR_INVAL;
+    }
+    platform::socket_t s = CreateSock();
+    if (s == platform::kInvalidSocket) return ERR_IO;
+    if (SetLinger(s, 1) < 0 || SetNonBlock(s) < 0) {
+        platform::close_socket(s);
+        return ERR_SYS;
+    }
+    if (ConnectWithTimeout(s, host, port) < 0) {
+        platform::close_socket(s);
+        return ERR_IO;
+    }
+    AttachSocket(s);
+    ClearRead();
+    ClearWrite();
+    return 0;
+}
+
+int Channel::Close() {
+    if (!IsClosed()) {
+        int rc = FlushWrite(0);
+        if (rc < 0)
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): FlushWrite: %s\n", __LINE__, GetErrorString(rc));
+        m_ops.close(m_ops.context);
+    }
+    ClearRead();
+    ClearWrite();
+    m_isSSL = false;
+    SwitchChannelOp(CHANNEL_PLAIN_MODE);
+    return 0;
+}
+
+void Channel::SetTimeout(uint32_t seconds) {
+    channel_timeout = seconds;
+}
+
+void Channel::SetFlag(int* abort_flag) {
+    flag = abort_flag;
+}
+
+bool Channel::Aborted() const {
+    return flag != nullptr && std::atomic_ref<int>(*flag).load(std::memory_order_relaxed) != 0;
+}
+
+int Channel::ReadByte(uint8_t& v) {
+    return Read(reinterpret_cast<char*>(&v), 1);
+}
+
+int Channel::ReadInt16(uint16_t& v) {
+    uint8_t b[2];
+    int rc = Read(reinterpret_cast<char*>(b), sizeof b);
+    if (rc < 0) return rc;
+    v = static_cast<uint16_t>((b[0] << 8) | b[1]);
+    return 0;
+}
+
+int Channel::ReadInt32(uint32_t& v) {
+    uint8_t b[4];
+    int rc = Read(reinterpret_cast<char*>(b), sizeof b);
+    if (rc < 0) return rc;
+    v = 0;
+    for (uint8_t byte : b) v = (v << 8) | byte;
+    return 0;
+}
+
+int Channel::ReadInt64(uint64_t& v) {
+    uint8_t b[8];
+    int rc = Read(reinterpret_cast<char*>(b), sizeof b);
+    if (rc < 0) return rc;
+    v = 0;
+    for (uint8_t byte : b) v = (v << 8) | byte;
+    return 0;
+}
+
+int Channel::WriteByte(uint8_t v) {
+    return Write(reinterpret_cast<const char*>(&v), 1);
+}
+
+int Channel::WriteInt16(uint16_t v) {
+    const char b[2] = {static_cast<char>(v >> 8), static_cast<char>(v)};
+    return Write(b, sizeof b);
+}
+
+int Channel::WriteInt32(uint32_t v) {
+    char b[4];
+    for (int i = 3; i >= 0; --i, v >>= 8) b[i] = static_cast<char>(v & 0xFF);
+    return Write(b, sizeof b);
+}
+
+int Channel::WriteInt64(uint64_t v) {
+    char b[8];
+    for (int i = 7; i >= 0; --i, v >>= 8) b[i] = static_cast<char>(v & 0xFF);
+    return Write(b, sizeof b);
+}
+
+int Channel::Read(char* buf, size_t len) {
+    size_t got = 0;
+    return Read(buf, len, got);
+}
+
+int Channel::Read(char* buf, size_t len, size_t& got) {
+    got = 0;
+    if (IsClosed()) return ERR_IO;
+    got = TakeFromRing(buf, len);
+    while (got < len) {
+        // The ring is empty here: everything it held has been handed out.
+        int rc = ReadMore(std::min(len - got, capacity));
+        got += TakeFromRing(buf + got, len - got);
+        if (rc < 0) return rc;
+    }
+    return 0;
+}
+
+size_t Channel::TakeFromRing(char* buf, size_t len) {
+    size_t n = std::min(len, r_size);
+    size_t first = std::min(n, capacity - r_head);
+    std::memcpy(buf, r_buf.get() + r_head, first);
+    std::memcpy(buf + first, r_buf.get(), n - first);
+    r_head = (r_head + n) % capacity;
+    r_size -= n;
+    if (r_size == 0) r_head = 0;
+    return n;
+}
+
+int Channel::ReadMore(size_t want) {
+    auto t0 = clock_type::now();
+    if (want == 0) return 0;
+    if (IsClosed()) return ERR_IO;
+    if (want > capacity - r_size) return ERR_INVAL;
+    size_t total = 0;
+    for (;;) {
+        if (Aborted()) return ERR_INT;
+        size_t tail = (r_head + r_size) % capacity;
+        size_t run = tail >= r_head ? capacity - tail : r_head - tail;
+        int rc = m_ops.read_(m_ops.context, r_buf.get() + tail, run, WaitSliceMs());
+        if (rc == ERR_TIMEOUT) {
+            if (!silence_exceeded(t0, channel_timeout)) continue;
+            Logger::LogMsg(Logger::L_DEBUG, component(),
+                           "[DEBUG] channel(%d): ReadMore: Channel timeout for %u seconed\n",
+                           __LINE__, channel_timeout);
+            return ERR_TIMEOUT;
+        }
+        if (rc < 0) return rc;
+        total += static_cast<size_t>(rc);
+        r_size += static_cast<size_t>(rc);
+        t0 = clock_type::now();
+        if (total >= want) return static_cast<int>(total);
+    }
+}
+
+int Channel::Write(const char* buf, size_t len) {
+    if (IsClosed()) return ERR_IO;
+    if (len > capacity) {
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       "[WARNING] channel(%d): Write: Exceed maximum data block size\n", __LINE__);
+        return ERR_INVAL;
+    }
+    size_t room = capacity - w_size;
+    if (room < len) {
+        int rc = FlushWrite(len - room);
+        if (rc < 0) {
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): Write: FlushWrite failed\n", __LINE__);
+            return rc;
+        }
+    }
+    size_t tail = (w_head + w_size) % capacity;
+    size_t first = std::min(len, capacity - tail);
+    std::memcpy(w_buf.get() + tail, buf, first);
+    std::memcpy(w_buf.get(), buf + first, len - first);
+    w_size += len;
+    return 0;
+}
+
+int Channel::FlushWrite(size_t n) {
+    if (IsClosed()) return ERR_IO;
+    size_t target = n == 0 ? w_size : std::min(n, w_size);
+    size_t sent = 0;
+    auto t0 = clock_type::now();
+    while (sent < target) {
+        if (Aborted()) return ERR_INT;
+        size_t run = std::min(w_size, capacity - w_head);
+        int rc = m_ops.write(m_ops.context, w_buf.get() + w_head, run, WaitSliceMs());
+        if (rc == ERR_TIMEOUT) {
+            if (!silence_exceeded(t0, channel_timeout)) continue;
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): FlushWrite: Channel timeout for %u seconds\n",
+                           __LINE__, channel_timeout);
+            return ERR_TIMEOUT;
+        }
+        if (rc < 0) return rc;
+        w_head += static_cast<size_t>(rc);
+        w_size -= static_cast<size_t>(rc);
+        sent += static_cast<size_t>(rc);
+        t0 = clock_type::now();
+        if (w_size == 0 || w_head == capacity) w_head = 0;
+    }
+    return static_cast<int>(sent);
+}
+
+void Channel::ClearRead() {
+    r_head = 0;
+    r_size = 0;
+}
+
+void Channel::ClearWrite() {
+    w_head = 0;
+    w_size = 0;
+}
+
+int Channel::GetPeerInfo(char*, size_t, int&) {
+    return ERR_SYS;
+}
+
+bool Channel::IsClosed() const {
+    return m_ops.isInvalid(m_ops.context);
+}
+
+uint64_t Channel::Convert(uint64_t v) const {
+    return __builtin_bswap64(v);
+}
+uint32_t Channel::Convert(uint32_t v) const {
+    return __builtin_bswap32(v);
+}
+uint16_t Channel::Convert(uint16_t v) const {
+    return __builtin_bswap16(v);
+}
+
+platform::socket_t Channel::GetSocket() const {
+    return IsClosed() ? platform::kInvalidSocket : m_ops.get_fd(m_ops.context);
+}
+
+platform::socket_t Channel::CreateSock() {
+    return platform::tcp_socket();
+}
+
+int Channel::SetLinger(platform::socket_t socket, int seconds) {
+    return platform::set_linger(socket, seconds) == 0 ? 0 : ERR_SYS;
+}
+
+int Channel::SetNonBlock(platform::socket_t socket) {
+    return platform::set_nonblock(socket) == 0 ? 0 : ERR_SYS;
+}
+
+int Channel::ConnectWithTimeout(platform::socket_t socket, const char* ip, int port) {
+    int err = 0;
+    int rc = ip == nullptr || port <= 0 ? -1 : platform::connect_start(socket, ip, port, &err);
+    if (rc < 0 && err == 0) {
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       "[WARNING] channel(%d): Invalid argumants (ip: %s, port: %d\n", __LINE__,
+                       ip == nullptr ? "(null)" : ip, port);
+        return ERR_INVAL;
+    }
+    if (rc < 0) return ERR_SYS;
+    if (rc == 0) return 0;
+    // Each empty slice counts three: a 60-second channel allows about 20 seconds here.
+    uint32_t counter = 0;
+    for (;;) {
+        platform::WaitResult w = platform::wait_ready(socket, true, WaitSliceMs(), &err);
+        if (w == platform::WAIT_ERROR) return ERR_SYS;
+        if (w != platform::WAIT_TIMEOUT)
+            return platform::connect_result(socket, &err) == 0 ? 0 : ERR_SYS;
+        counter += 3;
+        if (channel_timeout != 0 && counter >= channel_timeout) {
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): Channel timed out during connect (%d seconds), "
+                           "abort anyway\n",
+                           __LINE__, static_cast<int>(channel_timeout));
+            return ERR_TIMEOUT;
+        }
+    }
+}
+
+void Channel::RegisterModeOps(int mode, const ChannelOps& ops) {
+    if (mode != CHANNEL_SSL_MODE) return;
+    ModeRegistry& r = registry();
+    std::lock_guard<std::mutex> guard(r.lock);
+    r.ops = ops;
+    r.present = true;
+}
+
+int Channel::SwitchChannelOp(int mode) {
+    ChannelOps next = plain_ops();
+    if (mode != CHANNEL_PLAIN_MODE) {
+        ModeRegistry& r = registry();
+        std::lock_guard<std::mutex> guard(r.lock);
+        if (mode != CHANNEL_SSL_MODE || !r.present) return ERR_INVAL;
+        next = r.ops;
+    }
+    next.context = m_ops.context;
+    m_ops = next;
+    return 0;
+}
+
+void Channel::AttachSocket(platform::socket_t socket) {
+    m_ops.context = new platform::socket_t(socket);
+}

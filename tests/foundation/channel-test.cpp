@@ -1,0 +1,288 @@
+// Channel over real loopback sockets: time-outs, the abort flag, ring limits, connects.
+#include "foundation/channel.h"
+
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "foundation/error-code.h"
+#include "support/loopback.h"
+
+namespace {
+
+using loopback::seconds_since;
+using clock_type = std::chrono::steady_clock;
+
+// A Channel that owns one end of a loopback pair; `peer` is the raw other end.
+struct Wired {
+    loopback::Pair pair;
+    Channel ch;
+    int peer;
+    Wired() : peer(pair.a) { EXPECT_EQ(ch.Open(pair.take_b(), true), 0); }
+};
+
+std::string pattern(size_t n) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + i / 251) & 0xFF);
+    return s;
+}
+
+TEST(ChannelOpen, AdoptsOnlyOneValidSocket) {
+    Channel ch;
+    EXPECT_TRUE(ch.IsClosed());
+    EXPECT_EQ(ch.Open(platform::kInvalidSocket, true), ERR_INVAL);
+    loopback::Pair pair;
+    ASSERT_EQ(ch.Open(pair.take_a(), true), 0);
+    EXPECT_FALSE(ch.IsClosed());
+    int other = pair.take_b();
+    EXPECT_EQ(ch.Open(other, true), ERR_INVAL);  // already open; the caller keeps `other`
+    ::close(other);
+    ch.Close();
+    EXPECT_TRUE(ch.IsClosed());
+    EXPECT_EQ(ch.Open(nullptr, 80), 0);  // deliberately nothing
+    EXPECT_TRUE(ch.IsClosed());
+}
+
+TEST(ChannelOpen, ConnectsByDottedQuadOnly) {
+    loopback::Listener listener;
+    Channel ch;
+    EXPECT_EQ(ch.Open("localhost", listener.port()), ERR_IO);
+    EXPECT_EQ(ch.Open("127.0.0.1", 0), ERR_IO);
+    ASSERT_EQ(ch.Open("127.0.0.1", listener.port()), 0);
+    int server = listener.accept();
+    ASSERT_GE(server, 0);
+    ASSERT_EQ(ch.Write("ping", 4), 0);
+    ASSERT_EQ(ch.FlushWrite(0), 4);
+    EXPECT_EQ(loopback::read_some(server, 4), "ping");
+    ::close(server);
+}
+
+TEST(ChannelOpen, RefusedConnectionFailsAtOnce) {
+    int port;
+    {
+        loopback::Listener gone;
+        port = gone.port();
+    }
+    Channel ch;
+    auto t0 = clock_type::now();
+    EXPECT_EQ(ch.Open("127.0.0.1", port), ERR_IO);
+    EXPECT_LT(seconds_since(t0), 1.0);
+    EXPECT_TRUE(ch.IsClosed());
+}
+
+TEST(ChannelOpen, ConnectToAFullBacklogTimesOut) {
+    loopback::Listener listener(0);
+    std::vector<int> waiting;
+    for (int i = 0; i < 3; ++i) {
+        int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+        sockaddr_in addr = loopback::address(listener.port());
+        ::connect(fd, reinterpret_cast<sockaddr*>(&addr), sizeof addr);
+        waiting.push_back(fd);
+    }
+    Channel ch;
+    ch.SetTimeout(3);  // each empty one-second slice counts three
+    platform::socket_t s = ch.CreateSock();
+    ASSERT_EQ(ch.SetNonBlock(s), 0);
+    auto t0 = clock_type::now();
+    EXPECT_EQ(ch.ConnectWithTimeout(s, "127.0.0.1", listener.port()), ERR_TIMEOUT);
+    EXPECT_LT(seconds_since(t0), 2.5);
+    platform::close_socket(s);
+    for (int fd : waiting) ::close(fd);
+}
+
+TEST(ChannelTimeouts, SilentPeerTimesOut) {
+    Wired w;
+    w.ch.SetTimeout(1);
+    char buf[4];
+    auto t0 = clock_type::now();
+    EXPECT_EQ(w.ch.Read(buf, sizeof buf), ERR_TIMEOUT);
+    EXPECT_GE(seconds_since(t0), 0.9);
+    EXPECT_LT(seconds_since(t0), 3.0);
+}
+
+TEST(ChannelTimeouts, LimitIsOnSilenceNotOnTheWholeRead) {
+    Wired w;
+    w.ch.SetTimeout(2);
+    std::thread trickle([&] {
+        for (char c : std::string("ab")) {
+            std::this_thread::sleep_for(std::chrono::milliseconds(1300));
+            loopback::write_all(w.peer, std::string(1, c));
+        }
+    });
+    char buf[2];
+    EXPECT_EQ(w.ch.Read(buf, sizeof buf), 0);
+    trickle.join();
+    EXPECT_EQ(std::string(buf, 2), "ab");
+}
+
+TEST(ChannelConcurrency, AbortFlagEndsABlockedRead) {
+    Wired w;
+    int abort_flag = 0;
+    w.ch.SetFlag(&abort_flag);
+    w.ch.SetTimeout(0);  // never time out: only the flag can end it
+    std::thread setter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(200));
+        std::atomic_ref<int>(abort_flag).store(1, std::memory_order_relaxed);
+    });
+    char buf[1];
+    auto t0 = clock_type::now();
+    EXPECT_EQ(w.ch.Read(buf, 1), ERR_INT);
+    EXPECT_LT(seconds_since(t0), 1.8);
+    setter.join();
+}
+
+TEST(ChannelConcurrency, AbortFlagEndsABlockedFlush) {
+    loopback::Pair pair;
+    int small = 4096;
+    ::setsockopt(pair.a, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ::setsockopt(pair.b, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
+    Channel ch;
+    ASSERT_EQ(ch.Open(pair.take_b(), true), 0);
+    int abort_flag = 0;
+    ch.SetFlag(&abort_flag);
+    ch.SetTimeout(0);
+    std::thread setter([&] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));
+        std::atomic_ref<int>(abort_flag).store(1, std::memory_order_relaxed);
+    });
+    std::string chunk = pattern(Channel::kCapacity);
+    int rc = 0;
+    auto t0 = clock_type::now();
+    // The peer never reads, so sooner or later a flush blocks until the flag is seen.
+    while (rc == 0 && seconds_since(t0) < 10) rc = ch.Write(chunk.data(), chunk.size());
+    EXPECT_EQ(rc, ERR_INT);
+    EXPECT_LT(seconds_since(t0), 1.8);
+    setter.join();
+    ch.SetFlag(nullptr);
+    ch.ClearWrite();  // nothing to flush on close: the peer still isn't reading
+}
+
+TEST(ChannelRings, WriteAboveCapacityIsRefused) {
+    Wired w;
+    std::string big(Channel::kCapacity + 1, 'x');
+    EXPECT_EQ(w.ch.Write(big.data(), big.size()), ERR_INVAL);
+    EXPECT_EQ(w.ch.Write(big.data(), Channel::kCapacity), 0);
+    EXPECT_EQ(w.ch.FlushWrite(0), static_cast<int>(Channel::kCapacity));
+    EXPECT_EQ(loopback::read_some(w.peer, Channel::kCapacity).size(), Channel::kCapacity);
+}
+
+TEST(ChannelRings, NothingLeavesBeforeAFlushOrAFullRing) {
+    Wired w;
+    ASSERT_EQ(w.ch.Write("abc", 3), 0);
+    EXPECT_EQ(loopback::read_some(w.peer, 3, 200), "");
+    EXPECT_EQ(w.ch.FlushWrite(0), 3);
+    EXPECT_EQ(loopback::read_some(w.peer, 3), "abc");
+}
+
+TEST(ChannelRings, BigEndianIntegers) {
+    Wired w;
+    ASSERT_EQ(w.ch.WriteByte(0x01), 0);
+    ASSERT_EQ(w.ch.WriteInt16(0x0203), 0);
+    ASSERT_EQ(w.ch.WriteInt32(0x04050607), 0);
+    ASSERT_EQ(w.ch.WriteInt64(0x08090A0B0C0D0E0FULL), 0);
+    ASSERT_GT(w.ch.FlushWrite(0), 0);
+    std::string wire = loopback::read_some(w.peer, 15);
+    EXPECT_EQ(wire, std::string("\x01\x02\x03\x04\x05\x06\x07\x08\x09\x0A\x0B\x0C\x0D\x0E\x0F"));
+    loopback::write_all(w.peer, wire);
+    uint8_t b = 0;
+    uint16_t s = 0;
+    uint32_t i = 0;
+    uint64_t l = 0;
+    ASSERT_EQ(w.ch.ReadByte(b), 0);
+    ASSERT_EQ(w.ch.ReadInt16(s), 0);
+    ASSERT_EQ(w.ch.ReadInt32(i), 0);
+    ASSERT_EQ(w.ch.ReadInt64(l), 0);
+    EXPECT_EQ(b, 0x01);
+    EXPECT_EQ(s, 0x0203);
+    EXPECT_EQ(i, 0x04050607u);
+    EXPECT_EQ(l, 0x08090A0B0C0D0E0FULL);
+    EXPECT_EQ(w.ch.Convert(uint16_t{0x0102}), 0x0201);
+}
+
+TEST(ChannelRings, PeerClosingMidReadGivesIOErrorAndWhatArrived) {
+    Wired w;
+    loopback::write_all(w.peer, "12345");
+    ::shutdown(w.peer, SHUT_WR);
+    char buf[10];
+    size_t got = 0;
+    EXPECT_EQ(w.ch.Read(buf, sizeof buf, got), ERR_IO);
+    EXPECT_EQ(got, 5u);
+    EXPECT_EQ(std::string(buf, got), "12345");
+}
+
+TEST(ChannelRings, ClosedChannelRefusesIO) {
+    Channel ch;
+    char buf[1];
+    EXPECT_EQ(ch.Read(buf, 1), ERR_IO);
+    EXPECT_EQ(ch.Write("x", 1), ERR_IO);
+    int port = 0;
+    EXPECT_EQ(ch.GetPeerInfo(nullptr, 0, port), ERR_SYS);
+}
+
+TEST(ChannelRings, CloseFlushesWhatWaits) {
+    Wired w;
+    ASSERT_EQ(w.ch.Write("tail", 4), 0);
+    w.ch.Close();
+    EXPECT_EQ(loopback::read_some(w.peer), "tail");
+}
+
+// Both rings wrap many times over with odd-sized pieces; every byte arrives in order.
+TEST(ChannelConcurrency, RingsWrapWithoutLosingBytes) {
+    loopback::Pair pair;
+    Channel sender;
+    Channel receiver;
+    ASSERT_EQ(sender.Open(pair.take_a(), true), 0);
+    ASSERT_EQ(receiver.Open(pair.take_b(), true), 0);
+    const std::string data = pattern(1000003);
+    std::thread writer([&] {
+        for (size_t done = 0; done < data.size(); done += 7777)
+            ASSERT_EQ(sender.Write(data.data() + done, std::min<size_t>(7777, data.size() - done)),
+                      0);
+        ASSERT_GE(sender.FlushWrite(0), 0);
+    });
+    std::string got(data.size(), '\0');
+    for (size_t done = 0; done < data.size(); done += 5003)
+        ASSERT_EQ(receiver.Read(got.data() + done, std::min<size_t>(5003, data.size() - done)), 0);
+    writer.join();
+    EXPECT_TRUE(got == data);
+}
+
+// Operations of another mode come in through the table, on the same socket.
+int counted_reads = 0;
+int counting_read(void* context, char* buf, size_t len, int) {
+    ++counted_reads;
+    return static_cast<int>(::recv(*static_cast<platform::socket_t*>(context), buf, len, 0));
+}
+
+TEST(ChannelModes, SwitchingInstallsTheRegisteredTable) {
+    Wired w;
+    ChannelOps other;
+    other.read_ = counting_read;
+    other.write = [](void*, const char*, size_t, int) { return static_cast<int>(ERR_IO); };
+    other.get_fd = [](void* c) { return *static_cast<platform::socket_t*>(c); };
+    other.close = [](void*& c) {
+        platform::shutdown_close(*static_cast<platform::socket_t*>(c));
+        delete static_cast<platform::socket_t*>(c);
+        c = nullptr;
+    };
+    other.isInvalid = [](const void* c) { return c == nullptr; };
+    Channel::RegisterModeOps(Channel::CHANNEL_SSL_MODE, other);
+    ASSERT_EQ(w.ch.SwitchChannelOp(Channel::CHANNEL_SSL_MODE), 0);
+    loopback::write_all(w.peer, "z");
+    char c = 0;
+    ASSERT_EQ(w.ch.Read(&c, 1), 0);
+    EXPECT_EQ(c, 'z');
+    EXPECT_EQ(counted_reads, 1);
+    EXPECT_EQ(w.ch.Write("y", 1), 0);
+    EXPECT_EQ(w.ch.FlushWrite(0), ERR_IO);  // the other table's write is in charge
+    w.ch.ClearWrite();
+    w.ch.Close();
+    EXPECT_TRUE(w.ch.IsClosed());
+    EXPECT_EQ(w.ch.SwitchChannelOp(7), ERR_INVAL);
+}
+
+}  // namespace
