@@ -1,0 +1,69 @@
+// proto-test-util.h: a Channel wired to a raw loopback socket, and byte builders, for the
+// protocol tests. The raw end lets a test see exactly what went on the wire and feed
+// exactly the bytes it wants.
+#pragma once
+
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdint>
+#include <initializer_list>
+#include <string>
+
+#include "foundation/channel.h"
+#include "support/loopback.h"
+
+namespace prototest {
+
+// A Channel that owns one end of a loopback pair; `peer` is the raw other end.
+struct Wired {
+    loopback::Pair pair;
+    Channel ch;
+    int peer;
+    Wired() : peer(pair.a) { EXPECT_EQ(ch.Open(pair.take_b(), true), 0); }
+
+    // Flushes the channel and takes exactly `n` bytes from the wire.
+    std::string sent(size_t n) {
+        EXPECT_GE(ch.FlushWrite(0), 0);
+        return loopback::read_some(peer, n, 2000);
+    }
+    // Flushes the channel and takes whatever has been sent.
+    std::string sent_all() {
+        EXPECT_GE(ch.FlushWrite(0), 0);
+        return loopback::read_some(peer, SIZE_MAX, 200);
+    }
+    // True when nothing more than what was taken has been sent.
+    bool nothing_more() {
+        ch.FlushWrite(0);
+        return loopback::read_some(peer, 1, 50).empty();
+    }
+    void feed(const std::string& bytes) { loopback::write_all(peer, bytes); }
+    // Ends the raw side's sending, so that the channel sees the peer close.
+    void hang_up() { ::shutdown(peer, SHUT_WR); }
+};
+
+inline std::string bytes(std::initializer_list<int> list) {
+    std::string s;
+    for (int b : list) s.push_back(static_cast<char>(b));
+    return s;
+}
+
+// `v` big-endian in `width` bytes.
+inline std::string be(uint64_t v, int width) {
+    std::string s;
+    for (int i = width - 1; i >= 0; --i) s.push_back(static_cast<char>((v >> (8 * i)) & 0xFF));
+    return s;
+}
+
+// A variable section: id, 16-bit length, data.
+inline std::string var_section(int id, const std::string& data) {
+    return bytes({id}) + be(data.size(), 2) + data;
+}
+
+inline std::string pattern(size_t n, unsigned seed = 7) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + seed + i / 251) & 0xFF);
+    return s;
+}
+
+}  // namespace prototest
