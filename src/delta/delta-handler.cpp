@@ -1,0 +1,457 @@
+#include "delta/delta-handler.h"
+
+#ifndef OPENSSL_SUPPRESS_DEPRECATED
+#define OPENSSL_SUPPRESS_DEPRECATED
+#endif
+#include <openssl/md4.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+
+#include "delta/rs-constant.h"
+
+namespace {
+
+constexpr size_t kInitialBuffer = 500;
+constexpr size_t kBackgroundChunkMin = 64 * 1024;
+constexpr size_t kNotFound = std::numeric_limits<size_t>::max();
+constexpr uint32_t kSlotMix = 0x85EBCA6Bu;
+
+// The filter word of a weak sum comes from the top bits of one 64-bit product, its three
+// bits from the 18 bits below bit 38; a word index never reaches that low.
+constexpr uint64_t kFilterMix = 0x9E3779B97F4A7C15ull;
+constexpr unsigned kFilterMaxWordBits = 24;
+
+inline uint64_t filterMask(uint64_t h) {
+    return (uint64_t{1} << ((h >> 20) & 63)) | (uint64_t{1} << ((h >> 26) & 63)) |
+           (uint64_t{1} << ((h >> 32) & 63));
+}
+
+inline bool filterHit(const uint64_t* words, unsigned shift, uint32_t digest) {
+    uint64_t h = uint64_t{digest} * kFilterMix;
+    uint64_t mask = filterMask(h);
+    return (words[h >> shift] & mask) == mask;
+}
+
+unsigned ceilLog2(size_t n) {
+    unsigned bits = 0;
+    while ((size_t{1} << bits) < n) ++bits;
+    return bits;
+}
+
+// Grows `data` to exactly `needed` bytes; on failure the capacity becomes 0.
+bool growExact(uint8_t*& data, size_t& capacity, size_t needed) {
+    auto* grown = static_cast<uint8_t*>(std::realloc(data, needed));
+    if (grown == nullptr) {
+        capacity = 0;
+        return false;
+    }
+    data = grown;
+    capacity = needed;
+    return true;
+}
+
+}  // namespace
+
+DeltaHandler::~DeltaHandler() {
+    m_lane.wait();
+    release();
+    fd_close(fd);
+}
+
+void DeltaHandler::release() {
+    std::free(sig_body);
+    sig_body = nullptr;
+    std::vector<DeltaBlock>().swap(sig_stat);
+    std::vector<uint64_t>().swap(m_filter);
+    std::vector<WeakSlot>().swap(m_slots);
+    std::free(read_buffer);
+    read_buffer = nullptr;
+    read_buffer_capacity = 0;
+    std::free(write_buffer);
+    write_buffer = nullptr;
+    write_buffer_capacity = 0;
+}
+
+int DeltaHandler::begin() {
+    write_buffer = static_cast<uint8_t*>(std::malloc(kInitialBuffer));
+    read_buffer = static_cast<uint8_t*>(std::malloc(kInitialBuffer));
+    if (write_buffer == nullptr || read_buffer == nullptr) return -1;
+    write_buffer_capacity = kInitialBuffer;
+    read_buffer_capacity = kInitialBuffer;
+    if (loadSignature() < 0) return -1;
+    if (fd_open_write(delta_file, fd) < 0) return -1;
+    uint8_t magic[4];
+    RSConstant::putBE32(magic, RSConstant::MAGIC_DELTA);
+    if (fd_write(fd, magic, sizeof magic) != static_cast<int64_t>(sizeof magic)) return -1;
+    m_job = [this](size_t) { m_job_status = process(m_job_input, m_job_length); };
+    return 0;
+}
+
+int DeltaHandler::loadSignature() {
+    fd_t sig;
+    if (fd_open_read(signature_file, sig) < 0) return -1;
+    int result = loadHeader(sig);
+    if (result == 0) result = loadBody(sig);
+    fd_close(sig);
+    if (result == 0) buildPrefilter();
+    return result;
+}
+
+int DeltaHandler::loadHeader(fd_t& sig) {
+    uint8_t header[RSConstant::SIGNATURE_HEADER_SIZE];
+    if (fd_read(sig, header, sizeof header) != static_cast<int64_t>(sizeof header)) return -1;
+    switch (RSConstant::parseSignatureHeader(header, block_size, hash_size)) {
+        case RSConstant::SIG_OK:
+            return 0;
+        case RSConstant::SIG_BAD_MAGIC:
+            std::fprintf(stderr, "api (%d): invalid signature header\n", __LINE__);
+            return -1;
+        case RSConstant::SIG_BAD_BLOCK_SIZE:
+            std::fprintf(stderr, "api (%d): invalid signature block size\n", __LINE__);
+            return -1;
+        case RSConstant::SIG_BAD_HASH_SIZE:
+            std::fprintf(stderr, "api (%d): invalid signature hash size\n", __LINE__);
+            return -1;
+    }
+    return -1;
+}
+
+int DeltaHandler::loadBody(fd_t& sig) {
+    uint64_t file_size = 0;
+    if (fd_stat(sig, file_size) < 0) {
+        std::fprintf(stderr, "api (%d): fd_stat: Error Code %d\n", __LINE__, errno);
+        return -1;
+    }
+    uint64_t body_size = file_size - RSConstant::SIGNATURE_HEADER_SIZE;
+    uint64_t count = body_size / (hash_size + 4);
+    if (body_size > std::numeric_limits<size_t>::max() / 2 ||
+        count > std::numeric_limits<uint32_t>::max()) {
+        std::fprintf(stderr, "api (%d): invalid signature size %llu\n", __LINE__,
+                     static_cast<unsigned long long>(file_size));
+        return -1;
+    }
+    sig_block_count = static_cast<size_t>(count);
+    sig_body = static_cast<uint8_t*>(std::malloc(body_size == 0 ? 1 : body_size));
+    if (sig_body == nullptr) return -1;
+    sig_stat.resize(sig_block_count);
+    for (uint64_t got = 0; got < body_size;) {
+        int64_t n = fd_read(sig, sig_body + got, static_cast<size_t>(body_size - got));
+        if (n <= 0) {
+            // A signature that shrinks while it is read is as unusable as an unreadable one.
+            std::fprintf(stderr, "api (%d): fd_read: Error Code %d\n", __LINE__,
+                         n < 0 ? errno : EIO);
+            return -1;
+        }
+        got += static_cast<uint64_t>(n);
+    }
+    for (size_t i = 0; i < sig_block_count; ++i) {
+        sig_stat[i].weaksum = RSConstant::getBE32(sig_body + i * (hash_size + 4));
+        sig_stat[i].index = static_cast<uint32_t>(i);
+    }
+    std::sort(sig_stat.begin(), sig_stat.end(), [](const DeltaBlock& x, const DeltaBlock& y) {
+        return x.weaksum != y.weaksum ? x.weaksum < y.weaksum : x.index < y.index;
+    });
+    return 0;
+}
+
+void DeltaHandler::buildPrefilter() {
+    // About 32 filter bits per distinct sum: one false positive in a thousand windows.
+    unsigned word_bits = std::clamp(ceilLog2(sig_block_count / 2), 6u, kFilterMaxWordBits);
+    m_filter.assign(size_t{1} << word_bits, 0);
+    m_filter_shift = 64 - word_bits;
+    m_slot_bits = std::max(ceilLog2(sig_block_count) + 1, 4u);
+    m_slots.assign(size_t{1} << m_slot_bits, WeakSlot{0, 0});
+    size_t mask = m_slots.size() - 1;
+    for (size_t pos = 0; pos < sig_block_count; ++pos) {
+        uint32_t weak = sig_stat[pos].weaksum;
+        if (pos > 0 && sig_stat[pos - 1].weaksum == weak) continue;
+        uint64_t h = uint64_t{weak} * kFilterMix;
+        m_filter[h >> m_filter_shift] |= filterMask(h);
+        size_t slot = (weak * kSlotMix) >> (32 - m_slot_bits);
+        while (m_slots[slot].position_plus_one != 0) slot = (slot + 1) & mask;
+        m_slots[slot] = WeakSlot{weak, static_cast<uint32_t>(pos + 1)};
+    }
+}
+
+bool DeltaHandler::mayMatch(uint32_t digest) const {
+    return filterHit(m_filter.data(), m_filter_shift, digest);
+}
+
+// The position in sig_stat of the first block whose weak sum is `digest`, or kNotFound:
+// what a lower-bound search of the sorted array gives, in one probe sequence.
+size_t DeltaHandler::firstWithWeak(uint32_t digest) const {
+    size_t mask = m_slots.size() - 1;
+    for (size_t slot = (digest * kSlotMix) >> (32 - m_slot_bits);; slot = (slot + 1) & mask) {
+        const WeakSlot& s = m_slots[slot];
+        if (s.position_plus_one == 0) return kNotFound;
+        if (s.weaksum == digest) return s.position_plus_one - 1;
+    }
+}
+
+int DeltaHandler::update(const void* buffer, size_t length) {
+    m_job_input = static_cast<const uint8_t*>(buffer);
+    m_job_length = length;
+    m_job_status = 0;
+    m_lane.start(1, m_job, length >= kBackgroundChunkMin);
+    return 0;
+}
+
+int DeltaHandler::wait() {
+    m_lane.wait();
+    if (m_job_status < 0) return -1;
+    write_buffer_size = 0;
+    return 0;
+}
+
+// One chunk: appended behind the unconsumed bytes, matched window by window, its commands
+// written out. Runs on the lane's thread for large chunks.
+int DeltaHandler::process(const uint8_t* input, size_t length) {
+    size_t size = read_buffer_size + length;
+    if (size > read_buffer_capacity && !growExact(read_buffer, read_buffer_capacity, size)) {
+        return -1;
+    }
+    std::memcpy(read_buffer + read_buffer_size, input, length);
+    read_buffer_size = size;
+    const uint8_t* head = read_buffer;
+    if (checksum.size() < block_size) {
+        size_t left = block_size - checksum.size();
+        const uint8_t* fresh = read_buffer + size - length;
+        if (length < left) {
+            checksum.update(fresh, length);
+            return 0;
+        }
+        checksum.update(fresh, left);
+    }
+    for (;;) {
+        int matched = matchBlock(head);
+        if (matched < 0) {
+            write_buffer_size = 0;
+            return -1;
+        }
+        if (matched == 0) {
+            if (!scanForMatch(head, size)) break;
+            continue;
+        }
+        checksum.clear();
+        size -= block_size;
+        head += block_size;
+        if (block_size > size) {
+            checksum.update(head, size);
+            break;
+        }
+        checksum.update(head, block_size);
+    }
+    // The pending literal ends here, since the unconsumed bytes are about to move.
+    if (clearMismatch(head) < 0) {
+        write_buffer_size = 0;
+        return -1;
+    }
+    std::memmove(read_buffer, head, size);
+    read_buffer_size = size;
+    if (write_buffer_size == 0) return 0;
+    return fd_write(fd, write_buffer, write_buffer_size) == static_cast<int64_t>(write_buffer_size)
+               ? 0
+               : -1;
+}
+
+// After a window that matched nothing, rolls the window one byte at a time up to the next
+// window that findMatch would accept. Returns true with the window there, false when fewer
+// than block_size bytes are left (the window then holds all of them).
+//
+// Windows are taken in batches: first the sums of the whole batch are rolled and their filter
+// probes computed (arithmetic only, in locals the byte loads can't alias), then the probes
+// are tested. The filter loads of a batch don't depend on each other, so their cache misses
+// overlap instead of stalling the rolling chain one by one.
+bool DeltaHandler::scanForMatch(const uint8_t*& head, size_t& size) {
+    constexpr size_t kBatch = 64;
+    const uint32_t bs = static_cast<uint32_t>(block_size);
+    const uint32_t offset = RSRollingChecksum::CHAR_OFFSET;
+    const uint64_t* filter = m_filter.data();
+    const unsigned shift = m_filter_shift;
+    uint32_t a = checksum.a;
+    uint32_t b = checksum.b;
+    const uint8_t* p = head;
+    const uint8_t* last = head + (size - block_size);
+    uint32_t sum_a[kBatch];
+    uint32_t sum_b[kBatch];
+    uint32_t words[kBatch];
+    uint64_t masks[kBatch];
+    while (p != last) {
+        size_t n = std::min<size_t>(kBatch, static_cast<size_t>(last - p));
+        for (size_t i = 0; i < n; ++i) {
+            uint32_t out = uint32_t(p[i]) + offset;
+            a += uint32_t(p[i + bs]) - uint32_t(p[i]);
+            b += a - out * bs;
+            uint64_t h = uint64_t{(a & 0xFFFF) | (b << 16)} * kFilterMix;
+            sum_a[i] = a;
+            sum_b[i] = b;
+            words[i] = static_cast<uint32_t>(h >> shift);
+            masks[i] = filterMask(h);
+        }
+        for (size_t i = 0; i < n; ++i) {
+            if ((filter[words[i]] & masks[i]) != masks[i]) continue;
+            uint32_t digest = (sum_a[i] & 0xFFFF) | (sum_b[i] << 16);
+            if (!strongMatch(p + i + 1, digest, nullptr)) continue;
+            size -= static_cast<size_t>(p + i + 1 - head);
+            head = p + i + 1;
+            checksum.a = sum_a[i];
+            checksum.b = sum_b[i];
+            checksum.count = block_size;
+            return true;
+        }
+        p += n;
+    }
+    // The last window drops its first byte and the rest waits for the next chunk.
+    uint32_t out = uint32_t(*p) + offset;
+    checksum.a = a - out;
+    checksum.b = b - out * bs;
+    checksum.count = block_size - 1;
+    size -= static_cast<size_t>(p + 1 - head);
+    head = p + 1;
+    return false;
+}
+
+// Whether a signature block with weak sum `digest` has the strong sum of `window`; the
+// first such block in sig_stat order goes to `index`.
+bool DeltaHandler::strongMatch(const uint8_t* window, uint32_t digest, size_t* index) const {
+    size_t pos = firstWithWeak(digest);
+    if (pos == kNotFound) return false;
+    uint8_t strong[MD4_DIGEST_LENGTH];
+    MD4(window, block_size, strong);
+    for (; pos < sig_block_count && sig_stat[pos].weaksum == digest; ++pos) {
+        size_t candidate = sig_stat[pos].index;
+        if (std::memcmp(sig_body + candidate * (hash_size + 4) + 4, strong, hash_size) == 0) {
+            if (index != nullptr) *index = candidate;
+            return true;
+        }
+    }
+    return false;
+}
+
+int DeltaHandler::matchBlock(const uint8_t* buffer) {
+    if (match_count != 0) {
+        if (extendMatch(buffer)) return 1;
+        if (clearMatch() < 0) return -1;
+    }
+    if (!findMatch(buffer)) {
+        if (mismatch_start == nullptr) mismatch_start = buffer;
+        return 0;
+    }
+    return clearMismatch(buffer) < 0 ? -1 : 1;
+}
+
+int DeltaHandler::findMatch(const uint8_t* buffer) {
+    uint32_t digest = checksum.digest();
+    match_possibility.clear();
+    match_start = 0;
+    match_count = 0;
+    size_t index = 0;
+    if (!mayMatch(digest) || !strongMatch(buffer, digest, &index)) return 0;
+    match_possibility.push_back(index);
+    checksum.clear();
+    match_start = index;
+    match_count = 1;
+    return 1;
+}
+
+int DeltaHandler::extendMatch(const uint8_t* buffer) {
+    uint32_t digest = checksum.digest();
+    uint8_t strong[MD4_DIGEST_LENGTH];
+    bool hashed = false;
+    for (auto it = match_possibility.begin(); it != match_possibility.end();) {
+        size_t next = *it + match_count;
+        bool keep = false;
+        // The block after the last entry doesn't exist: the run can't go on.
+        if (next < sig_block_count) {
+            const uint8_t* entry = sig_body + next * (hash_size + 4);
+            if (RSConstant::getBE32(entry) == digest) {
+                if (!hashed) {
+                    MD4(buffer, block_size, strong);
+                    hashed = true;
+                }
+                keep = std::memcmp(entry + 4, strong, hash_size) == 0;
+            }
+        }
+        it = keep ? it + 1 : match_possibility.erase(it);
+    }
+    if (match_possibility.empty()) return 0;
+    checksum.clear();
+    match_start = match_possibility.front();
+    ++match_count;
+    return 1;
+}
+
+int DeltaHandler::clearMatch() {
+    if (match_count == 0) return 0;
+    uint32_t start = static_cast<uint32_t>(match_start) * static_cast<uint32_t>(block_size);
+    uint32_t length = static_cast<uint32_t>(match_count) * static_cast<uint32_t>(block_size);
+    uint8_t command[RSConstant::MAX_COPY_COMMAND];
+    size_t n = RSConstant::encodeCopy(start, length, command);
+    if (appendWriteBuffer(command, n) < 0) return -1;
+    match_count = 0;
+    match_start = 0;
+    match_possibility.clear();
+    return 0;
+}
+
+int DeltaHandler::clearMismatch(const uint8_t* match_buffer_head) {
+    if (mismatch_start == nullptr) return 0;
+    size_t count = static_cast<size_t>(match_buffer_head - mismatch_start);
+    uint8_t command[RSConstant::MAX_LITERAL_COMMAND];
+    size_t n = RSConstant::encodeLiteral(count, command);
+    if (appendWriteBuffer(command, n) < 0 || appendWriteBuffer(mismatch_start, count) < 0) {
+        return -1;
+    }
+    mismatch_start = nullptr;
+    return 0;
+}
+
+int DeltaHandler::appendWriteBuffer(const void* buffer, size_t length) {
+    size_t needed = write_buffer_size + length;
+    if (needed > write_buffer_capacity && !growExact(write_buffer, write_buffer_capacity, needed)) {
+        return -1;
+    }
+    std::memcpy(write_buffer + write_buffer_size, buffer, length);
+    write_buffer_size = needed;
+    return 0;
+}
+
+int DeltaHandler::end() {
+    m_lane.wait();
+    if (!fd_is_open(fd)) {
+        release();
+        return -1;
+    }
+    if (match_count != 0) {
+        if (clearMatch() < 0) return -1;
+        if (fd_write(fd, write_buffer, write_buffer_size) !=
+            static_cast<int64_t>(write_buffer_size)) {
+            std::fprintf(stderr, "api (%d): fd_write: Error Code %d\n", __LINE__, errno);
+            return -1;
+        }
+        write_buffer_size = 0;
+    }
+    if (read_buffer_size != 0) {
+        uint8_t command[RSConstant::MAX_LITERAL_COMMAND];
+        size_t n = RSConstant::encodeLiteral(read_buffer_size, command);
+        if (fd_write(fd, command, n) != static_cast<int64_t>(n) ||
+            fd_write(fd, read_buffer, read_buffer_size) != static_cast<int64_t>(read_buffer_size)) {
+            std::fprintf(stderr, "api (%d): fd_write: Error Code %d\n", __LINE__, errno);
+            return -1;
+        }
+        read_buffer_size = 0;
+    }
+    uint8_t end_command = RSConstant::OP_END;
+    if (fd_write(fd, &end_command, 1) != 1) {
+        std::fprintf(stderr, "api (%d): fd_write_int: Error Code %d\n", __LINE__, errno);
+        return -1;
+    }
+    release();
+    fd_close(fd);
+    return 0;
+}
