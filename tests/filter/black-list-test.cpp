@@ -1,0 +1,222 @@
+// BlackList2 and WhiteListCpp: loading, the editing table with its case rules, and tests
+// running while another thread reloads the rules.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "filter/black-list-v2.h"
+#include "filter/white-list-cpp.h"
+#include "support/temp-dir.h"
+
+namespace {
+
+TEST(BlackList, NewListPassesEverything) {
+    BlackList2 list;
+    EXPECT_EQ(list.TestFilePath("/any/thing.tmp"), 0);
+    EXPECT_EQ(list.TestDirectoryPath("/.git"), 0);
+    EXPECT_EQ(list.TestFileSize(~0ull), 0);
+    EXPECT_EQ(list.TestFullPathSize(~0ull), 0);
+    EXPECT_EQ(&BlackList2::getInstance(), &BlackList2::getInstance());
+}
+
+TEST(BlackList, BadFileLeavesAnEmptyFilterNotTheOldOne) {
+    TempDir dir;
+    dir.write("good", "[Version]\nmajor = 1\nminor = 2\n[File]\nblack_ext = \"tmp\"\n");
+    dir.write("bad", "[File]\nblack_ext = \"tmp\"\nmax_size = 12kb\n");
+    BlackList2 list;
+    ASSERT_EQ(list.Load(dir / "good"), 0);
+    EXPECT_EQ(list.TestFilePath("/a.tmp"), FILTER_EXT);
+    Filter* f = list.GetFilter();
+    EXPECT_EQ(list.GetMajorVersion(), 1);
+    EXPECT_EQ(list.GetMinorVersion(), 2);
+    EXPECT_EQ(f->File.black_ext.used, 1u);
+    list.ReturnFilter();
+
+    parse_report report;
+    EXPECT_EQ(list.Load(dir / "bad", &report), -1);
+    EXPECT_EQ(report.line, 3);
+    EXPECT_EQ(list.TestFilePath("/a.tmp"), 0);
+    EXPECT_EQ(list.Load(dir / "missing"), -1);
+    EXPECT_EQ(list.TestFilePath("/a.tmp"), 0);
+}
+
+TEST(BlackList, WriteThenLoadKeepsEditedRules) {
+    TempDir dir;
+    BlackList2 list;
+    Filter* f = list.GetFilter();
+    BlackList2::InsertFilter(&f->Version, 1, 0);
+    BlackList2::InsertFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("mkv"));
+    BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE, static_cast<uint64_t>(4096));
+    list.ReturnFilter();
+    ASSERT_EQ(list.Write(dir / "out"), 0);
+
+    BlackList2 other;
+    ASSERT_EQ(other.Load(dir / "out"), 0);
+    EXPECT_EQ(other.TestFilePath("/film.MKV"), FILTER_EXT_SELECTIVE_SYNC);
+    EXPECT_EQ(other.TestFileSize(4097), FILTER_FILE_SIZE);
+    other.Clear();
+    EXPECT_EQ(other.TestFilePath("/film.MKV"), 0);
+}
+
+TEST(BlackListEditing, InsertAddsOnlyWhatIsNewIgnoringAsciiCase) {
+    BlackList2 list;
+    Filter* f = list.GetFilter();
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PREFIX, ustring("~$")), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, ustring("Thumbs.db")), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, ustring("THUMBS.DB")), 0);
+    EXPECT_EQ(f->Common.black_name.used, 1u);
+    EXPECT_STREQ(f->Common.black_name.set[0], "Thumbs.db");
+    // Bytes above 0x7F are compared exactly, so É and é are two rules.
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, ustring("\xc3\xa9t\xc3\xa9")),
+              0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, ustring("\xc3\x89t\xc3\x89")),
+              0);
+    EXPECT_EQ(f->Directory.black_name.used, 2u);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ustring(":")), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ustring("|")), 0);
+    EXPECT_STREQ(f->Common.black_char.str, "|");
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_LENGTH, static_cast<uint64_t>(9)), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_SIZE, static_cast<uint64_t>(99)), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE_SELECTIVE_SYNC,
+                                       static_cast<uint64_t>(7)),
+              0);
+    EXPECT_EQ(f->File.max_size_selective_sync, 7u);
+    list.ReturnFilter();
+    EXPECT_EQ(list.TestFilePath("/thumbs.db"), FILTER_NAME);
+    EXPECT_EQ(list.TestFilePath("/a|b"), FILTER_CHAR);
+    EXPECT_EQ(list.TestFilePath("/" + ustring(std::string(10, 'n'))), FILTER_LENGTH);
+    EXPECT_EQ(list.TestFullPathSize(100), FILTER_PATH_SIZE);
+}
+
+TEST(BlackListEditing, FolderRuleAnswersMinusOneWhenNew) {
+    BlackList2 list;
+    Filter* f = list.GetFilter();
+    const ustring rule("/Photos");
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, rule), -1);
+    EXPECT_EQ(
+        BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, ustring("/photos")),
+        0);
+    EXPECT_EQ(f->Common.black_path_prefix_selective_sync.used, 1u);
+    list.ReturnFilter();
+    EXPECT_EQ(list.TestFilePath("/PHOTOS/a.jpg"), FILTER_PATH_PREFIX_SELECTIVE_SYNC);
+}
+
+TEST(BlackListEditing, RemoveComparesWithExactCase) {
+    BlackList2 list;
+    Filter* f = list.GetFilter();
+    BlackList2::InsertFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/a/B"));
+    BlackList2::InsertFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/c"));
+    BlackList2::InsertFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("iso"));
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/a/b")), 0);
+    EXPECT_EQ(f->Common.black_dir_prefix.used, 2u);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/a/B")), 0);
+    ASSERT_EQ(f->Common.black_dir_prefix.used, 1u);
+    EXPECT_STREQ(f->Common.black_dir_prefix.set[0], "/c");
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("ISO")), 0);
+    EXPECT_EQ(f->File.black_ext_selective_sync.used, 1u);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("iso")), 0);
+    EXPECT_EQ(f->File.black_ext_selective_sync.used, 0u);
+    list.ReturnFilter();
+}
+
+TEST(BlackListEditing, TypesASectionDoesNotHoldAreRefused) {
+    BlackList2 list;
+    Filter* f = list.GetFilter();
+    const ustring v("x");
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_EXT, v), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_DIR_PREFIX, v), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_CHAR, v), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_PREFIX, v), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_FILE_SIZE, static_cast<uint64_t>(1)), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_LENGTH, static_cast<uint64_t>(1)), -1);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_NAME, v), -1);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT, v), -1);
+    EXPECT_EQ(f->Common.max_length, 0u);
+    list.ReturnFilter();
+}
+
+TEST(WhiteListCppTest, LoadTestAndClear) {
+    TempDir dir;
+    dir.write("white", "[Version]\nmajor = 1\nminor = 0\n[File]\nwhite_ext = \"jpg\", \"PNG\"\n");
+    WhiteListCpp list;
+    EXPECT_EQ(list.Test("a.jpg"), -1);
+    ASSERT_EQ(list.Load(dir / "white"), 0);
+    EXPECT_EQ(list.Test("a.JPG"), 0);
+    EXPECT_EQ(list.Test("a.png"), 0);
+    EXPECT_EQ(list.Test("a.gif"), -1);
+    list.Clear();
+    EXPECT_EQ(list.Test("a.jpg"), -1);
+    dir.write("bad", "[File]\nwhite_ext = \"jpg\" \"png\"\n");
+    ASSERT_EQ(list.Load(dir / "white"), 0);
+    EXPECT_EQ(list.Load(dir / "bad"), -1);
+    EXPECT_EQ(list.Test("a.jpg"), -1);
+}
+
+// Workers test paths while the control thread swaps between a good file, a bad one and
+// an edit in place. Every answer must come from one whole state: the rules of the good
+// file, the empty filter, or the good rules plus the edit.
+TEST(BlackListConcurrency, TestsWhileAnotherThreadReloads) {
+    TempDir dir;
+    dir.write("good", "[File]\nblack_ext = \"tmp\"\n[Directory]\nblack_name = \".git\"\n");
+    dir.write("bad", "[File]\nblack_ext = \"tmp\"\n[Directory]\nblack_name = .git\n");
+    BlackList2 list;
+    ASSERT_EQ(list.Load(dir / "good"), 0);
+
+    std::atomic<bool> stop{false};
+    std::atomic<int> bad_answers{0};
+    std::atomic<long> tests{0};
+    std::vector<std::thread> workers;
+    for (int t = 0; t < 3; ++t) {
+        workers.emplace_back([&] {
+            while (!stop.load()) {
+                int ext = list.TestFilePath("/src/a.tmp");
+                int git = list.TestDirectoryPath("/src/.git");
+                int bak = list.TestFilePath("/src/a.bak");
+                if ((ext != 0 && ext != FILTER_EXT) || (git != 0 && git != FILTER_NAME) ||
+                    (bak != 0 && bak != FILTER_EXT))
+                    ++bad_answers;
+                tests += 3;
+            }
+        });
+    }
+    // Go on until the workers have had a fair share of turns, however they are scheduled.
+    for (int round = 0; round < 300 || tests.load() < 3000; ++round) {
+        if (round % 3 == 0) {
+            EXPECT_EQ(list.Load(dir / "bad"), -1);
+        } else if (round % 3 == 1) {
+            EXPECT_EQ(list.Load(dir / "good"), 0);
+        } else {
+            Filter* f = list.GetFilter();
+            BlackList2::InsertFilter(&f->File, FILTER_EXT, ustring("bak"));
+            list.ReturnFilter();
+        }
+    }
+    stop = true;
+    for (auto& w : workers) w.join();
+    EXPECT_EQ(bad_answers.load(), 0);
+}
+
+TEST(WhiteListConcurrency, TestsWhileAnotherThreadReloads) {
+    TempDir dir;
+    dir.write("white", "[File]\nwhite_ext = \"jpg\"\n");
+    WhiteListCpp list;
+    std::atomic<bool> stop{false};
+    std::thread reader([&] {
+        while (!stop.load()) {
+            int r = list.Test("a.jpg");
+            EXPECT_TRUE(r == 0 || r == -1);
+            EXPECT_EQ(list.Test("a.gif"), -1);
+        }
+    });
+    for (int i = 0; i < 300; ++i) {
+        EXPECT_EQ(list.Load(dir / "white"), 0);
+        list.Clear();
+    }
+    stop = true;
+    reader.join();
+}
+
+}  // namespace
