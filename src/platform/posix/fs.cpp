@@ -191,7 +191,13 @@ class PosixFileSystem : public FileSystem {
                  int* err) override {
         int flags = O_RDONLY | O_DIRECTORY | O_CLOEXEC | (no_follow ? O_NOFOLLOW : 0);
         int fd = ::open(path, flags);
-        if (fd < 0) return fail(err);
+        if (fd < 0) {
+            // Linux reports a refused final link as "not a directory"; say what it is.
+            struct stat st {};
+            if (no_follow && errno == ENOTDIR && ::lstat(path, &st) == 0 && S_ISLNK(st.st_mode))
+                errno = ELOOP;
+            return fail(err);
+        }
         DIR* dir = ::fdopendir(fd);
         if (dir == nullptr) {
             int saved = errno;
