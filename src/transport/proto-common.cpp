@@ -543,9 +543,9 @@ int ProtoReadSection(Channel& ch, uint8_t sec, ustring& str) {
 
 int ProtoWriteEncSection(Channel& ch, uint8_t sec, const ustring& str) {
     if (!variable(sec)) return bad_write_attr(sec);
-    int rc = ch.WriteByte(sec);
-    if (rc < 0) return write_failed(rc, sec);
-    return ProtoWriteEncString(ch, str);
+    ustring enc;
+    if (SyncPassEnc(str, enc) < 0) return ERR_INVAL;
+    return ProtoWriteSection(ch, sec, enc);
 }
 
 int ProtoReadDecSection(Channel& ch, uint8_t sec, ustring& str) {

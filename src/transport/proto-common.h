@@ -130,8 +130,10 @@ int ProtoWriteVarData(Channel& ch, const char* buf, int len);
 // is then unusable); the channel's code when the data doesn't arrive.
 int ProtoReadVarData(Channel& ch, char* buf, size_t max);
 
-// Variable data without a section id. Wide text travels as UTF-8. A read holds at most
-// PROTO_STRING_MAX bytes (-5 for more) and ends at an embedded zero byte. 0 or a code.
+// Variable data without a section id. Wide text travels as UTF-8; a text longer than
+// PROTO_VAR_MAX bytes is refused with -4. A write gives 0 or a code. A read holds at most
+// PROTO_STRING_MAX bytes (-5 for more), ends at an embedded zero byte, and gives the count
+// of bytes taken from the wire or a code; `str` is set only on success.
 int ProtoWriteString(Channel& ch, const char* str);
 int ProtoWriteString(Channel& ch, const uchar16* str);
 int ProtoWriteString(Channel& ch, const ustring& str);
@@ -139,8 +141,9 @@ int ProtoReadString(Channel& ch, std::string& str);
 int ProtoReadString(Channel& ch, std::u16string& str);
 int ProtoReadString(Channel& ch, ustring& str);
 // A secret (a password) as the base64 text of its Blowfish CFB64 encipherment under the
-// key both ends hold (SyncPassEnc); the empty text stays empty. 0 or a code; a read gives
-// -5 when the text doesn't decipher.
+// key both ends hold (SyncPassEnc); the empty text stays empty. A write gives 0 or a code
+// (-4 for a secret too long to encipher); a read gives the count of bytes taken from the
+// wire, or -5 when the text doesn't decipher, leaving `str` as it was.
 int ProtoWriteEncString(Channel& ch, const ustring& str);
 int ProtoReadDecString(Channel& ch, ustring& str);
 

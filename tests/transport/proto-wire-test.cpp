@@ -107,6 +107,9 @@ TEST(ProtoSecretEncoding, EncipheredTextOfAKnownSecret) {
     ASSERT_EQ(ProtoWriteEncString(w.ch, ustring("pässwörd-0123456789")), 0);
     ASSERT_EQ(ProtoWriteEncSection(w.ch, SPROTO_ID_PASSWD, ustring()), 0);
     EXPECT_EQ(ProtoWriteEncSection(w.ch, SPROTO_ID_SID, ustring("secret")), ERR_PROTO);
+    // Too long to encipher: refused before the section's id is queued.
+    EXPECT_EQ(ProtoWriteEncSection(w.ch, SPROTO_ID_PASSWD, ustring(std::string(2305, 'x'))),
+              ERR_INVAL);
     EXPECT_EQ(w.sent_all(), var_section(SPROTO_ID_PASSWD, "rFT8wxzW") + be(28, 2) +
                                 "r/I7wgrVUBihlSpWbfVqz86yoYtI" + var_section(SPROTO_ID_PASSWD, ""));
 }
