@@ -264,9 +264,10 @@ enum _SYNC_PROTO_ERR_tag : uint32_t {
 };
 constexpr uint32_t SPROTO_ERR_CLASS_MASK = 0xF000;
 
-// What every PObject request carries under "_agent": who is asking. The server knows
-// clients by these values, so they stay as the server expects them.
-constexpr const char* PROTO_AGENT_PLATFORM = "Windows";
+// What every PObject request carries under "_agent": who is asking. The platform is the
+// one this client really runs on, so a server can tell a case-sensitive client apart;
+// the version is the protocol generation the server knows this client by.
+constexpr const char* PROTO_AGENT_PLATFORM = "Linux";
 constexpr uint64_t PROTO_AGENT_MAJOR = 2;
 constexpr uint64_t PROTO_AGENT_MINOR = 1;
 constexpr uint64_t PROTO_AGENT_BUILD = 2570;
