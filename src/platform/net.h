@@ -44,6 +44,9 @@ WaitResult wait_ready(socket_t s, bool for_write, int timeout_ms, int* err = nul
 long send_some(socket_t s, const void* buf, size_t len, int* err = nullptr);
 long recv_some(socket_t s, void* buf, size_t len, int* err = nullptr);
 bool is_would_block(int err);
+// Looks at waiting bytes without taking them: the count, 0 when the peer has closed
+// and nothing is left, -1 on failure (or would-block).
+long peek_some(socket_t s, void* buf, size_t len, int* err = nullptr);
 
 // Shutdown both ways (errors ignored), then close. -1 for an invalid socket.
 int shutdown_close(socket_t s);

@@ -118,6 +118,14 @@ long recv_some(socket_t s, void* buf, size_t len, int* err) {
     }
 }
 
+long peek_some(socket_t s, void* buf, size_t len, int* err) {
+    for (;;) {
+        ssize_t n = ::recv(s, buf, len, MSG_PEEK | MSG_DONTWAIT);
+        if (n >= 0) return n;
+        if (errno != EINTR) return fail(err);
+    }
+}
+
 bool is_would_block(int err) {
     return err == EAGAIN || err == EWOULDBLOCK;
 }
