@@ -1,0 +1,50 @@
+// server.h: the listening server: opens the store (cleaning up after a crash), listens on
+// the configured address and port, and serves each connection on a thread of its own.
+// main runs one; tests run one in-process on a port the system picks.
+#pragma once
+
+#include <atomic>
+#include <list>
+#include <memory>
+#include <mutex>
+#include <thread>
+
+#include "faults.h"
+#include "server-options.h"
+
+class Session;
+
+class Server {
+  public:
+    explicit Server(const ServerOptions& options);
+    ~Server();
+    Server(const Server&) = delete;
+    Server& operator=(const Server&) = delete;
+
+    // Prepares the data folder, binds and starts accepting. 0, or -1 (logged) when the
+    // store can't be opened or the address can't be bound.
+    int Start();
+    // The bound port (the system's pick when the options said 0).
+    int port() const { return m_port; }
+    // Stops accepting, ends every connection and joins their threads. Idempotent.
+    void Stop();
+    // Connections being served now.
+    size_t ConnectionCount();
+
+  private:
+    struct Connection {
+        std::unique_ptr<Session> session;
+        std::thread thread;
+    };
+    void AcceptLoop();
+    void Reap(bool all);
+
+    ServerOptions m_options;
+    Faults m_faults;
+    int m_listen_fd = -1;
+    int m_port = 0;
+    std::atomic<bool> m_stop{false};
+    std::thread m_acceptor;
+    std::mutex m_mutex;  // guards m_connections
+    std::list<Connection> m_connections;
+};

@@ -1,0 +1,325 @@
+// session.cpp: the request loop of one connection.
+#include "session.h"
+
+#include <sys/socket.h>
+
+#include <algorithm>
+#include <chrono>
+#include <condition_variable>
+#include <filesystem>
+#include <system_error>
+#include <thread>
+
+#include "download.h"
+#include "foundation/error-code.h"
+#include "foundation/log.h"
+#include "pull.h"
+#include "remove.h"
+#include "resume.h"
+#include "server-path.h"
+#include "transport/proto-common.h"
+#include "upload.h"
+
+namespace {
+
+const char* const kLog = "server_debug";
+// Silence allowed inside a message once its header has come.
+constexpr uint32_t kMessageTimeout = 60;
+
+struct ActionCommand {
+    const char* action;
+    uint8_t cmd;
+};
+
+const ActionCommand kActions[] = {
+    {"connect", SCMD_REQUEST_CONNECT},
+    {"encrypt_channel", SCMD_REQUEST_SSL_2},
+    {"pull_event", SCMD_EVT_PULL},
+    {"upload", SCMD_EVT_RECV_4},
+    {"remove", SCMD_EVT_REMOVE},
+    {"resume_get_token", SCMD_RESUME_TRANSFER},
+    {"resume_get_status", SCMD_RESUME_TRANSFER},
+    {"resume_upload", SCMD_RESUME_TRANSFER},
+    {"resume_download", SCMD_RESUME_TRANSFER},
+};
+
+// The command an action travels under, or 0 for an unknown action.
+uint8_t CommandOf(const std::string& action) {
+    for (const ActionCommand& a : kActions) {
+        if (action == a.action) return a.cmd;
+    }
+    return 0;
+}
+
+const char* ErrorText(uint32_t code) {
+    switch (code) {
+        case SPROTO_ERR_SESSION_MISS:
+            return "unknown session";
+        case SPROTO_ERR_INVALID_VIEW_ID:
+            return "unknown view";
+        case SPROTO_ERR_ACCESS_DENY:
+            return "no access to the view";
+        case SPROTO_ERR_VIEW_INVALID_PATH:
+            return "invalid path";
+        case SPROTO_ERR_VERSION:
+            return "request not supported";
+        case SPROTO_ERR_CONFLICT:
+            return "conflict";
+        case SPROTO_ERR_INTERNAL:
+            return "internal error";
+        case SPROTO_ERR_DOWNLOAD_NOFILE:
+            return "no such object";
+        case SPROTO_ERR_UPLOAD:
+            return "upload refused";
+        case SPROTO_ERR_UPLOAD_NOBASE:
+            return "base content not held";
+        case SPROTO_ERR_UPLOAD_BASE_CHANGED:
+            return "base is not the present version";
+        case SPROTO_ERR_REMOVE:
+            return "cannot remove";
+        case SPROTO_ERR_REMOVE_NOFILE:
+            return "no such object";
+        case SPROTO_ERR_REMOVE_MODIFIED:
+            return "changed since the client's version";
+        case SPROTO_ERR_RESUME:
+            return "cannot resume";
+        case SPROTO_ERR_RESUME_NOTOKEN:
+            return "unknown token";
+        default:
+            return "error";
+    }
+}
+
+std::string BinaryPath(const PObject& value) {
+    return value.isBinary() ? value.asBinary().path.str() : std::string();
+}
+
+}  // namespace
+
+Session::Session(const ServerOptions& options, Faults& faults)
+    : m_options(options), m_faults(faults) {}
+
+void Session::Stop() {
+    m_stop = true;
+    std::lock_guard<std::mutex> lock(m_socket_mutex);
+    if (m_socket != platform::kInvalidSocket) ::shutdown(m_socket, SHUT_RDWR);
+}
+
+void Session::Run(platform::socket_t socket) {
+    {
+        std::lock_guard<std::mutex> lock(m_socket_mutex);
+        m_socket = socket;
+    }
+    bool ready = !m_stop && m_store.Open(m_options.data_dir, m_options.versions_kept) == 0 &&
+                 m_channel.Open(socket, true) == 0;
+    if (!ready) {
+        std::lock_guard<std::mutex> lock(m_socket_mutex);
+        if (m_channel.IsClosed()) platform::shutdown_close(socket);
+    }
+    m_stream.SetDefaultRecvLocation(m_store.contents().SpoolDir().c_str());
+    while (ready && !m_stop) {
+        m_channel.ResetCount();
+        m_channel.SetTimeout(m_options.alive);
+        uint16_t pkt_len = 0;
+        uint8_t cmd = 0, version = 0;
+        if (ProtoReadHeader(m_channel, pkt_len, cmd, version) < 0) break;
+        m_channel.SetTimeout(kMessageTimeout);
+        PObject request;
+        std::string action, token;
+        int rc = ReadRequest(request, action, token);
+        m_stream.ClearHistory();
+        if (rc < 0) {
+            Logger::LogMsg(Logger::L_INFO, kLog,
+                           "[INFO] session(%d): request '%s' broken after %llu bytes (%d); "
+                           "closing\n",
+                           __LINE__, action.c_str(),
+                           static_cast<unsigned long long>(m_channel.consumed()), rc);
+            RemoveSpooled(request);
+            break;
+        }
+        PObject reply;
+        std::string scratch;
+        uint32_t code = SPROTO_ERR_VERSION;
+        if (rc == 0 &&
+            RunWithKeepAlive([&] { code = Dispatch(cmd, action, request, reply, scratch); }) < 0) {
+            RemoveSpooled(request);
+            break;
+        }
+        RemoveSpooled(request);
+        if (code != 0) {
+            reply = PObject();
+            reply["error"]["code"] = code;
+            reply["error"]["message"] = ErrorText(code);
+        }
+        reply["alive"] = m_options.alive;
+        rc = Send(reply);
+        std::error_code ec;
+        if (!scratch.empty()) std::filesystem::remove(scratch, ec);
+        if (rc < 0) break;
+    }
+    {
+        std::lock_guard<std::mutex> lock(m_socket_mutex);
+        m_channel.Close();
+        m_socket = platform::kInvalidSocket;
+    }
+    m_finished = true;
+}
+
+int Session::ReadRequest(PObject& request, std::string& action, std::string& token) {
+    uint8_t tag = 0;
+    int rc = m_stream.RecvTag(m_channel, tag);
+    if (rc < 0) return rc;
+    if (tag != ptag::kMap) {
+        rc = m_stream.RecvDispatch(m_channel, tag, request);
+        return rc < 0 ? rc : 1;
+    }
+    PObject::map_type& members = request.asMap();
+    for (;;) {
+        rc = m_stream.RecvTag(m_channel, tag);
+        if (rc < 0) return rc;
+        if (tag == ptag::kEnd) return 0;
+        if (tag != ptag::kString) return ERR_PROTO;
+        ustring key;
+        rc = m_stream.Recv(m_channel, key);
+        if (rc < 0) return rc;
+        PObject& member = members[key];
+        // "file" comes before "path" and "session" in key order, so its bytes must go
+        // somewhere before the request is understood.
+        if (key == "file") PrepareFileTarget(member, action, token);
+        rc = m_stream.RecvObject(m_channel, member);
+        if (rc < 0) return rc;
+        if (key == "action") {
+            action = member.asString().str();
+            uint64_t cut = m_faults.CloseAfter(action);
+            if (cut != 0) m_channel.SetLimit(cut);
+            if (m_channel.LimitReached()) return ERR_IO;
+        } else if (key == "resume_token") {
+            token = member.asString().str();
+        }
+    }
+}
+
+void Session::PrepareFileTarget(PObject& file, const std::string& action,
+                                const std::string& token) {
+    if (action != "resume_upload" || token.empty() || m_store.TokenExists(token) != 1) return;
+    std::string spool = m_store.UploadSpoolOf(token);
+    std::error_code ec;
+    uint64_t held = std::filesystem::file_size(spool, ec);
+    if (ec) held = 0;
+    // Appends to what earlier attempts of this token left, which "resume_get_status" told
+    // the client; after a failure the file still holds every byte that came.
+    PObject::binary_type target;
+    target.path = spool.c_str();
+    target.offset = held;
+    target.length = held;
+    file["data"] = target;
+}
+
+uint32_t Session::Dispatch(uint8_t cmd, const std::string& action, const PObject& request,
+                           PObject& reply, std::string& scratch) {
+    uint8_t expected = CommandOf(action);
+    if (expected == 0 || expected != cmd || action == "encrypt_channel") {
+        Logger::LogMsg(Logger::L_NOTICE, kLog,
+                       "[NOTICE] session(%d): refused '%s' under command %u\n", __LINE__,
+                       action.c_str(), static_cast<unsigned>(cmd));
+        return SPROTO_ERR_VERSION;
+    }
+    int64_t account_id = 0;
+    uint64_t view_id = request["view_id"].asUInt64();
+    uint32_t code = m_store.Authorize(request["session"].asString().str(), view_id, account_id);
+    if (code != 0) return code;
+    std::string path;
+    if (request.hasMember("path") && server_path::Normalize(request["path"].asString().str(), path))
+        code = m_faults.ErrorFor(action, path);
+    else
+        code = m_faults.ErrorFor(action, "*");
+    uint32_t delay = m_faults.DelayMs(action);
+    if (delay) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
+    if (code != 0) return code;
+    return Serve(action, request, account_id, view_id, reply, scratch);
+}
+
+uint32_t Session::Serve(const std::string& action, const PObject& request, int64_t account_id,
+                        uint64_t view_id, PObject& reply, std::string& scratch) {
+    if (action == "connect") {
+        if (request["do_ssl"].asBool()) return SPROTO_ERR_VERSION;
+        if (!m_options.legacy_2402) {
+            PObject& version = reply["server"]["package_version"];
+            version["major"] = kServerMajor;
+            version["minor"] = kServerMinor;
+            version["build"] = kServerBuild;
+        }
+        return 0;
+    }
+    if (action == "pull_event") {
+        PullLimits limits;
+        limits.max_events = m_options.max_pull_events;
+        return HandlePull(m_store, view_id, request, limits, reply);
+    }
+    if (action == "upload")
+        return HandleUpload(m_store, view_id, request, BinaryPath(request["file"]["data"]), reply);
+    if (action == "resume_upload") {
+        ResumeToken token;
+        int rc =
+            m_store.GetToken(request["resume_token"].asString().str(), account_id, view_id, token);
+        if (rc < 0) return SPROTO_ERR_INTERNAL;
+        if (rc == 0) return SPROTO_ERR_RESUME_NOTOKEN;
+        uint32_t code =
+            HandleUpload(m_store, view_id, request, BinaryPath(request["file"]["data"]), reply);
+        // Whatever the outcome, the client starts with a new token next time.
+        m_store.DropToken(token.token);
+        return code;
+    }
+    if (action == "remove") return HandleRemove(m_store, view_id, request, reply);
+    if (action == "resume_get_token") return HandleGetToken(m_store, account_id, view_id, reply);
+    if (action == "resume_get_status")
+        return HandleGetStatus(m_store, account_id, view_id, request, reply);
+    if (action == "resume_download")
+        return HandleDownload(m_store, account_id, view_id, request, reply, scratch);
+    return SPROTO_ERR_VERSION;
+}
+
+template <typename Work>
+int Session::RunWithKeepAlive(Work work) {
+    std::mutex mutex;
+    std::condition_variable cond;
+    bool done = false;
+    std::thread worker([&] {
+        work();
+        std::lock_guard<std::mutex> lock(mutex);
+        done = true;
+        cond.notify_all();
+    });
+    int rc = 0;
+    std::unique_lock<std::mutex> lock(mutex);
+    const auto interval = std::chrono::seconds(std::max<uint32_t>(1, m_options.keepalive_seconds));
+    while (!cond.wait_for(lock, interval, [&] { return done; })) {
+        if (rc < 0) continue;
+        lock.unlock();
+        PObject keep_alive;
+        keep_alive["type"] = "keep_alive";
+        keep_alive["alive"] = m_options.alive;
+        rc = Send(keep_alive) < 0 ? -1 : 0;
+        lock.lock();
+    }
+    lock.unlock();
+    worker.join();
+    return rc;
+}
+
+int Session::Send(const PObject& value) {
+    return m_stream.Send(m_channel, value);
+}
+
+void Session::RemoveSpooled(const PObject& value) {
+    if (value.isMap()) {
+        for (const auto& member : value.asMap()) RemoveSpooled(member.second);
+    } else if (value.isArray()) {
+        for (const PObject& item : value.asArray()) RemoveSpooled(item);
+    } else if (value.isBinary()) {
+        const std::string path = value.asBinary().path.str();
+        const std::string& spool = m_store.contents().SpoolDir();
+        std::error_code ec;
+        if (path.compare(0, spool.size() + 1, spool + "/") == 0) std::filesystem::remove(path, ec);
+    }
+}
