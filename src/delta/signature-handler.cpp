@@ -92,14 +92,17 @@ int SignatureHandler::update(const void* buffer, size_t length) {
             read_buffer_size = 0;
         }
     }
-    // Whole blocks are hashed in place, straight from the caller's memory.
+    // Whole blocks are hashed in place, straight from the caller's memory. Input left at
+    // this point means the carried block was completed, so the tail starts a new one.
     m_pending_blocks = length / block_size;
     m_pending_src = input;
     m_pending_dst = write_buffer + write_buffer_size;
     write_buffer_size += m_pending_blocks * (hash_size + 4);
     size_t whole = m_pending_blocks * block_size;
-    std::memcpy(read_buffer, input + whole, length - whole);
-    read_buffer_size = length - whole;
+    if (length > whole) {
+        std::memcpy(read_buffer, input + whole, length - whole);
+        read_buffer_size = length - whole;
+    }
     size_t slices = (m_pending_blocks + kBlocksPerSlice - 1) / kBlocksPerSlice;
     m_lane.start(slices, m_slice_fn, m_pending_blocks >= kBackgroundBlocksMin);
     return 0;

@@ -1,0 +1,180 @@
+// The one-pass reader: what every handler produces from one read, how failures of the input
+// and of the outputs show, and the abort flag.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <csignal>
+#include <string>
+#include <thread>
+
+#include "delta-test-support.h"
+#include "support/temp-dir.h"
+
+using namespace deltatest;
+
+namespace {
+
+const std::string kMd4OfNothing = "31d6cfe0d16ae931b73c59d7e0c089c0";
+
+struct AllOutputs {
+    int result;
+    std::string hash;
+};
+
+AllOutputs readWithEveryHandler(const TempDir& dir, const std::string& input,
+                                int* abort_flag = nullptr) {
+    SimpleFileReader reader;
+    reader.setFile(input.c_str());
+    reader.setCopyFile((dir / "copy").c_str());
+    ustring hash;
+    reader.setHashString(hash);
+    reader.setSignature((dir / "sig").c_str(), 2048, 8);
+    if (abort_flag != nullptr) reader.setAbortFlag(abort_flag);
+    int result = reader.readFile();
+    return {result, hash.str()};
+}
+
+}  // namespace
+
+TEST(FileReader, EveryHandlerSeesTheSameBytes) {
+    TempDir dir;
+    for (size_t len : {size_t{0}, size_t{1048576}, size_t{3 * 1048576 + 5}}) {
+        std::string content = randomBytes(len, static_cast<uint32_t>(len + 1));
+        writeFile(dir / "in", content);
+        AllOutputs out = readWithEveryHandler(dir, dir / "in");
+        EXPECT_EQ(out.result, 0);
+        EXPECT_EQ(out.hash, md4Hex(content));
+        EXPECT_TRUE(readFile(dir / "copy") == content);
+        EXPECT_EQ(readFile(dir / "sig").size(), 12 + 12 * ((len + 2047) / 2048));
+    }
+    EXPECT_EQ(md4Hex(""), kMd4OfNothing);
+}
+
+TEST(FileReader, DeltaAgainstTheSignatureOfTheSameFileInTheSamePass) {
+    TempDir dir;
+    std::string content = randomBytes(2 * 1048576 + 100, 51);
+    writeFile(dir / "in", content);
+    ASSERT_EQ(makeSignature(dir / "in", dir / "old.sig"), 0);
+    SimpleFileReader reader;
+    reader.setFile((dir / "in").c_str());
+    reader.setDelta((dir / "delta").c_str(), (dir / "old.sig").c_str());
+    reader.setSignature((dir / "new.sig").c_str(), 2048, 8);
+    ustring hash;
+    reader.setHashString(hash);
+    reader.setCopyFile((dir / "copy").c_str());
+    ASSERT_EQ(reader.readFile(), 0);
+    EXPECT_TRUE(readFile(dir / "new.sig") == readFile(dir / "old.sig"));
+    EXPECT_EQ(hash.str(), md4Hex(content));
+    auto cmds = parseDelta(readFile(dir / "delta"));
+    ASSERT_TRUE(cmds.has_value());
+    ASSERT_EQ(cmds->size(), 2u);  // all whole blocks in one copy, the short tail as literal
+    EXPECT_EQ((*cmds)[0].length, content.size() - 100);
+}
+
+TEST(FileReader, EmptyPathIsAnArgumentErrorAndCreatesNothing) {
+    TempDir dir;
+    SimpleFileReader reader;
+    reader.setCopyFile((dir / "copy").c_str());
+    EXPECT_EQ(reader.readFile(), FileReader::ERROR_ARGUMENT);
+    EXPECT_FALSE(exists(dir / "copy"));
+}
+
+TEST(FileReader, MissingInputLeavesTheStartedOutputsForTheCaller) {
+    TempDir dir;
+    AllOutputs out = readWithEveryHandler(dir, dir / "missing");
+    EXPECT_EQ(out.result, FileReader::ERROR_SYSTEM_CALL);
+    EXPECT_TRUE(exists(dir / "copy"));
+    EXPECT_EQ(readFile(dir / "sig").size(), 12u);
+    EXPECT_EQ(out.hash, kMd4OfNothing);  // end ran although nothing was read
+}
+
+TEST(FileReader, DirectoryAsInputIsAReadFailure) {
+    TempDir dir;
+    EXPECT_EQ(readWithEveryHandler(dir, dir.path()).result, FileReader::ERROR_SYSTEM_CALL);
+}
+
+TEST(FileReader, FailingHandlerStillLetsTheOthersFinish) {
+    TempDir dir;
+    writeFile(dir / "in", randomBytes(5000, 52));
+    SimpleFileReader reader;
+    reader.setFile((dir / "in").c_str());
+    reader.setCopyFile((dir / "no-dir/copy").c_str());
+    reader.setSignature((dir / "sig").c_str(), 2048, 8);
+    ustring hash;
+    reader.setHashString(hash);
+    EXPECT_EQ(reader.readFile(), FileReader::ERROR_HANDLER_CALL);
+    EXPECT_EQ(readFile(dir / "sig").size(), 12u);
+    EXPECT_EQ(hash.str(), kMd4OfNothing);
+}
+
+TEST(FileReader, AbortFlagSetBeforehandStopsBeforeTheFirstChunk) {
+    TempDir dir;
+    writeFile(dir / "in", randomBytes(3 * 1048576, 53));
+    int flag = 1;
+    AllOutputs out = readWithEveryHandler(dir, dir / "in", &flag);
+    EXPECT_EQ(out.result, FileReader::ERROR_ABORT);
+    EXPECT_EQ(readFile(dir / "copy"), "");
+    EXPECT_EQ(readFile(dir / "sig").size(), 12u);
+    flag = 0;
+    EXPECT_EQ(readWithEveryHandler(dir, dir / "in", &flag).result, 0);
+}
+
+// The input is a pipe fed by another thread, which raises the flag halfway: the reader
+// must stop at the next chunk with ERROR_ABORT, having copied only what came before.
+TEST(FileReaderConcurrency, AbortFlagRaisedDuringTheReadStopsIt) {
+    TempDir dir;
+    std::string fifo = dir / "fifo";
+    ASSERT_EQ(::mkfifo(fifo.c_str(), 0600), 0);
+    // The reader closes the pipe when it stops; the feeder then gets EPIPE, not a signal.
+    ::signal(SIGPIPE, SIG_IGN);
+    int flag = 0;
+    const std::string first = randomBytes(200000, 54);
+    const std::string second = randomBytes(200000, 55);
+    std::thread feeder([&] {
+        int fd = ::open(fifo.c_str(), O_WRONLY);
+        if (fd < 0) return;
+        auto put = [fd](const std::string& s) {
+            for (size_t done = 0; done < s.size();) {
+                ssize_t n = ::write(fd, s.data() + done, s.size() - done);
+                if (n <= 0) return;
+                done += static_cast<size_t>(n);
+            }
+        };
+        put(first);
+        std::atomic_ref<int>(flag).store(1, std::memory_order_relaxed);
+        put(second);
+        ::close(fd);
+    });
+    AllOutputs out = readWithEveryHandler(dir, fifo, &flag);
+    feeder.join();
+    EXPECT_EQ(out.result, FileReader::ERROR_ABORT);
+    std::string copied = readFile(dir / "copy");
+    // The feeder can only raise the flag once the pipe has taken most of the first part.
+    EXPECT_GT(copied.size(), 0u);
+    EXPECT_LT(copied.size(), first.size() + second.size());
+    EXPECT_TRUE(copied == (first + second).substr(0, copied.size()));
+}
+
+TEST(FileReaderConcurrency, ReadersOnSeveralThreadsStayApart) {
+    TempDir dir;
+    std::string old = randomBytes(1500000, 56);
+    writeFile(dir / "old", old);
+    ASSERT_EQ(makeSignature(dir / "old", dir / "old.sig"), 0);
+    std::vector<std::thread> threads;
+    std::atomic<int> good{0};
+    for (int t = 0; t < 4; ++t) {
+        threads.emplace_back([&, t] {
+            std::string name = dir / ("t" + std::to_string(t));
+            std::string next = old.substr(0, 300000 * t) + "edit" + old.substr(300000 * t);
+            writeFile(name, next);
+            if (makeDelta(dir / "old.sig", name, name + ".delta") != 0) return;
+            PatchOutcome outcome = applyPatch(dir / "old", name + ".delta", name + ".new");
+            if (outcome.result == 0 && readFile(name + ".new") == next) ++good;
+        });
+    }
+    for (auto& t : threads) t.join();
+    EXPECT_EQ(good.load(), 4);
+}

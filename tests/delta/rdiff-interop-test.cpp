@@ -1,0 +1,86 @@
+// Interoperability with the published formats, checked against the rdiff tool: identical
+// signatures, and deltas that each side can apply for the other.
+#include <gtest/gtest.h>
+
+#include <string>
+
+#include "delta-test-support.h"
+#include "support/temp-dir.h"
+
+using namespace deltatest;
+
+namespace {
+
+class RdiffInterop : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        if (!haveRdiff()) GTEST_SKIP() << "rdiff is not installed (scripts/setup installs it)";
+    }
+
+    // Pairs of (old, new) contents covering the usual shapes of change.
+    std::vector<std::pair<std::string, std::string>> cases() {
+        std::string old = randomBytes(2 * 1048576 + 999, 61);
+        std::string edited = old;
+        edited.insert(1000, "inserted text");
+        edited.erase(1500000, 4000);
+        edited.replace(1800000, 50, std::string(50, 'w'));
+        std::string zeros(300000, '\0');
+        return {{old, old},
+                {old, edited},
+                {old, "!" + old},
+                {old, old.substr(0, 1048576 + 3)},
+                {old, old + randomBytes(3000, 62)},
+                {old, ""},
+                {"", old.substr(0, 5000)},
+                {zeros, zeros + "tail" + zeros},
+                {old.substr(0, 1), old.substr(0, 2)}};
+    }
+
+    TempDir dir;
+};
+
+}  // namespace
+
+TEST_F(RdiffInterop, SignaturesAreByteIdentical) {
+    std::string content = randomBytes(3 * 1048576 + 777, 63);
+    for (size_t len : {0, 1, 2047, 2048, 2049, 1048576, 1048577, 3 * 1048576 + 777}) {
+        writeFile(dir / "basis", content.substr(0, len));
+        ASSERT_EQ(makeSignature(dir / "basis", dir / "ours"), 0);
+        ASSERT_TRUE(
+            runQuietly(rdiffSignatureArgs() + " " + (dir / "basis") + " " + (dir / "theirs")));
+        EXPECT_TRUE(readFile(dir / "ours") == readFile(dir / "theirs")) << "length " << len;
+    }
+}
+
+TEST_F(RdiffInterop, RdiffPatchAppliesOurDeltas) {
+    for (const auto& [old, next] : cases()) {
+        writeFile(dir / "old", old);
+        writeFile(dir / "new", next);
+        ASSERT_EQ(makeSignature(dir / "old", dir / "sig"), 0);
+        ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
+        ASSERT_TRUE(runQuietly("rdiff -f patch " + (dir / "old") + " " + (dir / "delta") + " " +
+                               (dir / "rebuilt")));
+        EXPECT_TRUE(readFile(dir / "rebuilt") == next)
+            << "old " << old.size() << " new " << next.size();
+    }
+}
+
+TEST_F(RdiffInterop, OurPatchAppliesRdiffDeltasAndReversesThem) {
+    for (const auto& [old, next] : cases()) {
+        writeFile(dir / "old", old);
+        writeFile(dir / "new", next);
+        ASSERT_TRUE(runQuietly(rdiffSignatureArgs() + " " + (dir / "old") + " " + (dir / "sig")));
+        ASSERT_TRUE(runQuietly("rdiff -f delta " + (dir / "sig") + " " + (dir / "new") + " " +
+                               (dir / "delta")));
+        PatchOutcome outcome =
+            applyPatch(dir / "old", dir / "delta", dir / "rebuilt", dir / "reverse");
+        EXPECT_EQ(outcome.result, 0);
+        EXPECT_EQ(outcome.patch_result, 0);
+        EXPECT_TRUE(readFile(dir / "rebuilt") == next)
+            << "old " << old.size() << " new " << next.size();
+        // The reverse delta goes back, and rdiff reads it too.
+        ASSERT_TRUE(runQuietly("rdiff -f patch " + (dir / "rebuilt") + " " + (dir / "reverse") +
+                               " " + (dir / "restored")));
+        EXPECT_TRUE(readFile(dir / "restored") == old);
+    }
+}

@@ -1,0 +1,156 @@
+// The file layer under the delta engine: ring buffers, the buffered file view, appending
+// asynchronous writes and the plain file operations.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+
+#include "delta-test-support.h"
+#include "delta/xio.h"
+#include "support/temp-dir.h"
+
+using namespace deltatest;
+
+namespace {
+
+std::string takeOut(buffer_t& b, size_t n) {
+    std::string s(n, '\0');
+    s.resize(buffer_copy_out(b, s.data(), n));
+    return s;
+}
+
+}  // namespace
+
+TEST(XioRing, KeepsByteOrderAcrossTheWrap) {
+    buffer_t ring(8);
+    EXPECT_EQ(buffer_copy_in(ring, "abcdef", 6), 6u);
+    EXPECT_EQ(takeOut(ring, 4), "abcd");
+    // Six more bytes fit only partly: two behind the data, two wrapped to the front.
+    EXPECT_EQ(buffer_copy_in(ring, "ghijkl", 6), 6u);
+    EXPECT_TRUE(buffer_is_full(ring));
+    EXPECT_EQ(buffer_copy_in(ring, "x", 1), 0u);
+    EXPECT_EQ(takeOut(ring, 100), "efghijkl");
+    EXPECT_EQ(ring.head, 0u);
+    EXPECT_EQ(buffer_size(ring), 0u);
+}
+
+TEST(XioRing, ResizeNeverShrinksAndRefusesWhileHoldingData) {
+    buffer_t ring;
+    EXPECT_EQ(ring.capacity, 8192u);
+    EXPECT_EQ(buffer_resize(ring, 100), 0);
+    EXPECT_EQ(ring.capacity, 8192u);
+    buffer_copy_in(ring, "abc", 3);
+    EXPECT_EQ(buffer_resize(ring, 20000), -1);
+    buffer_clear(ring);
+    EXPECT_EQ(buffer_resize(ring, 20000), 0);
+    EXPECT_EQ(ring.capacity, 20000u);
+}
+
+TEST(XioRing, ReadsFromAndWritesToFilesInOrder) {
+    TempDir dir;
+    writeFile(dir / "in", "0123456789");
+    fd_t in;
+    ASSERT_EQ(fd_open_read((dir / "in").c_str(), in), 0);
+    buffer_t ring(8);
+    buffer_copy_in(ring, "ab", 2);
+    takeOut(ring, 1);  // data "b" at head 1: moved to the start before the read
+    EXPECT_EQ(buffer_read_fd(ring, in), 7);
+    EXPECT_EQ(ring.head, 0u);
+    EXPECT_EQ(buffer_read_fd(ring, in), 0);  // full
+    EXPECT_EQ(takeOut(ring, 5), "b0123");
+    buffer_copy_in(ring, "XYZ", 3);  // wraps: "456" ends the storage, "XYZ" starts it
+    fd_t out;
+    ASSERT_EQ(fd_open_write((dir / "out").c_str(), out), 0);
+    EXPECT_EQ(buffer_write_fd(ring, out), 0);
+    EXPECT_EQ(buffer_size(ring), 0u);
+    fd_close(out);
+    fd_close(in);
+    EXPECT_EQ(readFile(dir / "out"), "456XYZ");
+}
+
+TEST(XioBufferedFile, ReadFailsWhenTheFileEndsInsideTheRequest) {
+    TempDir dir;
+    std::string content = randomBytes(5000, 1);
+    writeFile(dir / "in", content);
+    fd_t fd;
+    ASSERT_EQ(fd_open_read((dir / "in").c_str(), fd), 0);
+    fd_bio_t bio;
+    fd_bio_load(bio, fd, 1024);
+    std::string got(3000, '\0');
+    ASSERT_EQ(fd_bio_read(bio, got.data(), 10), 0);
+    // More than the ring holds: the ring's bytes, then straight from the file.
+    ASSERT_EQ(fd_bio_read(bio, got.data() + 10, 2990), 0);
+    EXPECT_EQ(got, content.substr(0, 3000));
+    std::string rest(2001, '\0');
+    EXPECT_EQ(fd_bio_read(bio, rest.data(), rest.size()), -1);
+    fd_bio_unload(bio);
+    EXPECT_FALSE(bio.r_buffer);
+    EXPECT_TRUE(fd_is_open(fd));
+    fd_close(fd);
+}
+
+TEST(XioBufferedFile, WriteOfABlockLargerThanTheFreeSpaceKeepsByteOrder) {
+    TempDir dir;
+    fd_t fd;
+    ASSERT_EQ(fd_open_write((dir / "out").c_str(), fd), 0);
+    fd_bio_t bio;
+    fd_bio_load(bio, fd, 16);
+    std::string big = randomBytes(40, 2);
+    EXPECT_EQ(fd_bio_write(bio, "head", 4), 0);
+    EXPECT_EQ(fd_bio_write(bio, big.data(), big.size()), 0);
+    EXPECT_EQ(fd_bio_write(bio, "tail", 4), 0);
+    EXPECT_EQ(fd_bio_flush(bio), 0);
+    fd_bio_unload(bio);
+    fd_close(fd);
+    EXPECT_TRUE(readFile(dir / "out") == "head" + big + "tail");
+}
+
+TEST(XioFile, AsynchronousWritesAppendInOrder) {
+    TempDir dir;
+    writeFile(dir / "out", "stale content that must go");
+    fd_t fd;
+    ASSERT_EQ(fd_open_write((dir / "out").c_str(), fd), 0);
+    fd_aio_t aio;
+    std::string expected;
+    // Sizes on both sides of the point where writes move to the helper thread.
+    for (size_t size : {size_t{10}, size_t{300000}, size_t{7}, size_t{70000}, size_t{1}}) {
+        std::string piece = randomBytes(size, static_cast<uint32_t>(size));
+        ASSERT_EQ(fd_aio_write(aio, fd, piece.data(), piece.size()), 0);
+        ASSERT_EQ(fd_aio_wait(aio), static_cast<int64_t>(size));
+        expected += piece;
+    }
+    EXPECT_EQ(fd_write(fd, "end", 3), 3);
+    fd_close(fd);
+    EXPECT_TRUE(readFile(dir / "out") == expected + "end");
+}
+
+TEST(XioFile, FailuresReturnMinusOne) {
+    TempDir dir;
+    fd_t fd;
+    EXPECT_EQ(fd_open_read((dir / "missing").c_str(), fd), -1);
+    EXPECT_FALSE(fd_is_open(fd));
+    EXPECT_EQ(fd_open_write((dir / "no/such/dir/file").c_str(), fd), -1);
+    EXPECT_EQ(fd_sync(fd), -1);
+    fd_aio_t aio;
+    EXPECT_EQ(fd_aio_wait(aio), -1);  // nothing was started
+    EXPECT_EQ(fd_aio_write(aio, fd, "x", 1), -1);
+}
+
+TEST(XioFile, SeekStatAndReadAtTheEnd) {
+    TempDir dir;
+    writeFile(dir / "f", "0123456789");
+    fd_t fd;
+    ASSERT_EQ(fd_open_read((dir / "f").c_str(), fd), 0);
+    uint64_t size = 0;
+    EXPECT_EQ(fd_stat(fd, size), 0);
+    EXPECT_EQ(size, 10u);
+    char c[4];
+    EXPECT_EQ(fd_seek(fd, 7), 0);
+    EXPECT_EQ(fd_read(fd, c, 4), 3);
+    EXPECT_EQ(std::string(c, 3), "789");
+    EXPECT_EQ(fd_seek(fd, 100), 0);
+    EXPECT_EQ(fd_read(fd, c, 4), 0);
+    EXPECT_EQ(fd_seek(fd, ~uint64_t{0}), -1);
+    fd_close(fd);
+    EXPECT_FALSE(fd_is_open(fd));
+}
