@@ -10,7 +10,7 @@ namespace {
 const PObject::map_type kEmptyMap;
 const PObject::array_type kEmptyArray;
 const PObject::binary_type kEmptyBinary;
-const PObject kNull;
+const PObject kNull{};
 }  // namespace
 
 PObject::PObject(const PObject& other) {
