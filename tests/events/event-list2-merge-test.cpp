@@ -1,0 +1,342 @@
+// The tree's merges: every pairing of a pending and an arriving event on one path, and
+// what a directory removal does to the events below it.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "event-builders.h"
+#include "events/event-list2.h"
+#include "state/file-status-db.h"
+#include "support/temp-dir.h"
+
+using namespace evtest;
+
+namespace {
+
+constexpr uint32_t kNoFlag = 0;
+constexpr uint32_t kConflict = Event::F_CONFLICT;
+constexpr uint32_t kLocalRescan = Event::F_LOCAL_SUBDIR_RESCAN;
+constexpr uint32_t kServerRescan = Event::F_SERVER_SUBDIR_RESCAN;
+
+struct Side_ {
+    Event::Type type;
+    Side side;
+    uint64_t sync_id;
+};
+
+struct MergeCase {
+    Kind kind;
+    Side_ pending;
+    Side_ arriving;
+    char winner;     // 'P' pending, 'A' arriving
+    uint32_t flags;  // bits the merge adds to the winner
+};
+
+std::string Describe(const MergeCase& c) {
+    auto one = [](const Side_& s) {
+        return std::string(s.side == SERVER ? "server " : "local ") + Event::TypeText(s.type) +
+               "(" + std::to_string(s.sync_id) + ")";
+    };
+    return std::string(c.kind == DIR_NODE ? "dir: " : "file: ") + one(c.pending) + " then " +
+           one(c.arriving);
+}
+
+const uint64_t MAX = MAX_SYNC_ID;
+const auto C = Event::EV_CREATE;
+const auto M = Event::EV_MODIFY;
+const auto R = Event::EV_REMOVE;
+const auto N = Event::EV_RENAME;
+
+const std::vector<MergeCase> kMergeTable = {
+    // Files, both local: the latest change stands.
+    {FILE_NODE, {M, LOCAL, 0}, {M, LOCAL, 0}, 'A', kNoFlag},
+    {FILE_NODE, {C, LOCAL, 0}, {R, LOCAL, 0}, 'A', kNoFlag},
+    {FILE_NODE, {R, LOCAL, 0}, {C, LOCAL, 0}, 'A', kNoFlag},
+    {FILE_NODE, {M, LOCAL, 0}, {R, LOCAL, 0}, 'A', kNoFlag},
+    // Files, local pending, server arriving.
+    {FILE_NODE, {R, LOCAL, 0}, {M, SERVER, 10}, 'A', kNoFlag},
+    {FILE_NODE, {R, LOCAL, 0}, {R, SERVER, 10}, 'A', kNoFlag},
+    {FILE_NODE, {M, LOCAL, 0}, {R, SERVER, 10}, 'P', kNoFlag},
+    {FILE_NODE, {C, LOCAL, 0}, {R, SERVER, 10}, 'P', kNoFlag},
+    {FILE_NODE, {M, LOCAL, 0}, {M, SERVER, 10}, 'A', kConflict},
+    {FILE_NODE, {C, LOCAL, 0}, {C, SERVER, 10}, 'A', kConflict},
+    // Files, server pending, local arriving.
+    {FILE_NODE, {R, SERVER, 10}, {M, LOCAL, 0}, 'A', kNoFlag},
+    {FILE_NODE, {R, SERVER, 10}, {C, LOCAL, 0}, 'A', kNoFlag},
+    {FILE_NODE, {R, SERVER, 10}, {R, LOCAL, 0}, 'P', kNoFlag},
+    {FILE_NODE, {M, SERVER, 10}, {R, LOCAL, 0}, 'P', kNoFlag},
+    {FILE_NODE, {C, SERVER, 10}, {R, LOCAL, 0}, 'P', kNoFlag},
+    {FILE_NODE, {M, SERVER, 10}, {M, LOCAL, 0}, 'P', kConflict},
+    {FILE_NODE, {C, SERVER, 10}, {M, LOCAL, 0}, 'P', kConflict},
+    // Files, both server: the higher sync id wins; a forced event always yields.
+    {FILE_NODE, {M, SERVER, 10}, {M, SERVER, 20}, 'A', kNoFlag},
+    {FILE_NODE, {M, SERVER, 20}, {M, SERVER, 10}, 'P', kNoFlag},
+    {FILE_NODE, {M, SERVER, 20}, {R, SERVER, 20}, 'P', kNoFlag},
+    {FILE_NODE, {R, SERVER, 10}, {C, SERVER, 20}, 'A', kNoFlag},
+    {FILE_NODE, {M, SERVER, MAX}, {R, SERVER, 5}, 'A', kNoFlag},
+    {FILE_NODE, {R, SERVER, MAX}, {M, SERVER, MAX}, 'A', kNoFlag},
+    {FILE_NODE, {M, SERVER, 5}, {M, SERVER, MAX}, 'A', kNoFlag},
+    // A rename is a change like any other: it survives a server removal of its source.
+    {FILE_NODE, {N, LOCAL, 0}, {R, SERVER, 10}, 'P', kNoFlag},
+    {FILE_NODE, {N, LOCAL, 0}, {M, LOCAL, 0}, 'A', kNoFlag},
+    {FILE_NODE, {N, LOCAL, 0}, {M, SERVER, 10}, 'A', kConflict},
+    // Directories, not both server: the arriving event, with a look below when it
+    // overrides a pending removal.
+    {DIR_NODE, {C, LOCAL, 0}, {R, LOCAL, 0}, 'A', kNoFlag},
+    {DIR_NODE, {R, LOCAL, 0}, {C, LOCAL, 0}, 'A', kLocalRescan},
+    {DIR_NODE, {R, LOCAL, 0}, {R, LOCAL, 0}, 'A', kNoFlag},
+    {DIR_NODE, {R, LOCAL, 0}, {C, SERVER, 10}, 'A', kLocalRescan},
+    {DIR_NODE, {R, LOCAL, 0}, {R, SERVER, 10}, 'A', kNoFlag},
+    {DIR_NODE, {C, LOCAL, 0}, {R, SERVER, 10}, 'A', kNoFlag},
+    {DIR_NODE, {C, LOCAL, 0}, {C, SERVER, 10}, 'A', kNoFlag},
+    {DIR_NODE, {R, SERVER, 10}, {C, LOCAL, 0}, 'A', kServerRescan},
+    {DIR_NODE, {R, SERVER, 10}, {R, LOCAL, 0}, 'A', kNoFlag},
+    {DIR_NODE, {C, SERVER, 10}, {R, LOCAL, 0}, 'A', kNoFlag},
+    {DIR_NODE, {C, SERVER, 10}, {M, LOCAL, 0}, 'A', kNoFlag},
+    // Directories, both server.
+    {DIR_NODE, {R, SERVER, 10}, {C, SERVER, 20}, 'A', kServerRescan},
+    {DIR_NODE, {C, SERVER, 10}, {R, SERVER, 20}, 'A', kNoFlag},
+    {DIR_NODE, {R, SERVER, 20}, {C, SERVER, 10}, 'P', kNoFlag},
+    {DIR_NODE, {C, SERVER, 20}, {C, SERVER, 20}, 'P', kNoFlag},
+    {DIR_NODE, {R, SERVER, MAX}, {C, SERVER, 5}, 'A', kServerRescan},
+};
+
+class MergeTable : public ::testing::TestWithParam<MergeCase> {};
+
+TEST_P(MergeTable, OnePathKeepsTheRightEvent) {
+    const MergeCase& c = GetParam();
+    SCOPED_TRACE(Describe(c));
+    EventList2 tree;
+    Event pending =
+        Make(c.pending.type, "/top/x", c.pending.side, c.kind, c.pending.sync_id, "pending");
+    if (c.pending.type == Event::EV_RENAME) pending.m_opt = "/top/y";
+    Event arriving =
+        Make(c.arriving.type, "/top/x", c.arriving.side, c.kind, c.arriving.sync_id, "arriving");
+    ASSERT_EQ(tree.Push(pending), 0);
+    Event old;
+    ASSERT_EQ(tree.Push(arriving, old), 0);
+    EXPECT_EQ(old.m_data_hash, ustring("pending"));
+
+    const Event& winner = c.winner == 'P' ? pending : arriving;
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_data_hash, winner.m_data_hash);
+    EXPECT_EQ(out.m_type, winner.m_type);
+    EXPECT_EQ(out.m_mode, winner.m_mode | c.flags);
+    EXPECT_EQ(out.m_sync_id, winner.m_sync_id);
+    EXPECT_EQ(out.m_opt, winner.m_opt);
+    // One event for the path, counted on the winner's side.
+    EXPECT_EQ(tree.GetServerEventCount(), winner.isServerEvent() ? 1 : 0);
+    EXPECT_EQ(tree.GetLocalEventCount(), winner.isServerEvent() ? 0 : 1);
+    Event none;
+    EXPECT_EQ(tree.Pop(none), -1);
+    EXPECT_EQ(tree.DoneEvent(out), 0);
+    EXPECT_TRUE(tree.IsEmpty());
+}
+
+INSTANTIATE_TEST_SUITE_P(PendingAgainstArriving, MergeTable, ::testing::ValuesIn(kMergeTable));
+
+TEST(MergeBursts, ThreeLocalSavesGiveTheLastOne) {
+    EventList2 tree;
+    for (const char* hash : {"one", "two", "three"})
+        ASSERT_EQ(tree.Push(Make(Event::EV_MODIFY, "/doc.txt", LOCAL, FILE_NODE, 0, hash)), 0);
+    EXPECT_EQ(tree.GetLocalEventCount(), 1);
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_data_hash, ustring("three"));
+    EXPECT_EQ(tree.Pop(out), -1);
+}
+
+TEST(MergeBursts, FileAndDirectoryOfOneNameStaySeparate) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/a")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
+    EXPECT_EQ(tree.GetLocalEventCount(), 2);
+    Event first, second;
+    ASSERT_EQ(tree.Pop(first), 0);
+    ASSERT_EQ(tree.Pop(second), 0);
+    EXPECT_TRUE(first.isFile());  // files of a directory come before its sub-directories
+    EXPECT_EQ(first.m_type, Event::EV_REMOVE);
+    EXPECT_TRUE(second.isDir());
+}
+
+TEST(MergeBursts, NamesCompareWithCase) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/Readme")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/README")), 0);
+    EXPECT_EQ(tree.GetLocalEventCount(), 2);
+}
+
+TEST(MergeBursts, UnusablePathsAreRefusedAndChangeNothing) {
+    EventList2 tree;
+    Event old;
+    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "/dir/", DIR_NODE), old), -1);
+    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "/")), -1);
+    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "")), -1);
+    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "/" + std::string(4095, 'x'))), -1);
+    EXPECT_EQ(tree.Push(Local(Event::EV_EMPTY, "/a")), -1);
+    EXPECT_TRUE(tree.IsEmpty());
+    EXPECT_EQ(tree.GetLocalEventCount(), 0);
+}
+
+TEST(MergeBursts, OverlongNamesAreCutAndStillFound) {
+    EventList2 tree;
+    const std::string dir = "/" + std::string(2000, 'd');
+    const std::string path = dir + "/" + std::string(1500, 'f');
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, path)), 0);
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_path, ustring(path.c_str()));  // the event keeps its full path
+    EXPECT_EQ(tree.DoneEvent(out), 0);
+    EXPECT_TRUE(tree.IsEmpty());
+}
+
+TEST(MergeRename, KeyedAtItsSourceAndCarriesItsTarget) {
+    EventList2 tree;
+    Event rename = Local(Event::EV_RENAME, "/old.txt");
+    rename.m_opt = "/new.txt";
+    ASSERT_EQ(tree.Push(rename), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/new.txt")), 0);
+    Event first;
+    ASSERT_EQ(tree.Pop(first), 0);
+    EXPECT_EQ(first.m_type, Event::EV_RENAME);
+    EXPECT_EQ(first.m_path, ustring("/old.txt"));
+    EXPECT_EQ(first.m_opt, ustring("/new.txt"));
+    EXPECT_EQ(first.toString(), ustring("Event<local,file>: [EV_RENAME] from '/old.txt', to "
+                                        "'/new.txt' size = 0, hash = "));
+}
+
+// ---- a directory removal with events below it ----
+
+std::vector<std::string> PathsIn(const EventList2& tree) {
+    std::vector<std::string> out;
+    for (const EventList2::NodeView& v : tree.Snapshot()) out.push_back(v.path.str());
+    return out;
+}
+
+TEST(DirectoryRemoval, LocalRemovalDropsLocalChildrenAndKeepsServerOnes) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/mine.txt")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d/sub", DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/sub/deep/x")), 0);
+    ASSERT_EQ(tree.Push(Server(Event::EV_MODIFY, "/d/theirs.txt", 40)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/d", DIR_NODE)), 0);
+
+    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/theirs.txt"}));
+    EXPECT_EQ(tree.GetLocalEventCount(), 1);  // the removal itself
+    EXPECT_EQ(tree.GetServerEventCount(), 1);
+
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_path, ustring("/d"));
+    EXPECT_EQ(out.m_type, Event::EV_REMOVE);
+    EXPECT_TRUE(out.isLocalSubDirRescanWithStat());  // what stays below must be looked at
+    // Children wait for their held parent.
+    Event child;
+    EXPECT_EQ(tree.Pop(child), -1);
+    ASSERT_EQ(tree.DoneEvent(out), 0);
+    ASSERT_EQ(tree.Pop(child), 0);
+    EXPECT_EQ(child.m_path, ustring("/d/theirs.txt"));
+}
+
+TEST(DirectoryRemoval, RemovalWithOnlyRemovalsBelowNeedsNoRescan) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d/a", 90)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/d", DIR_NODE)), 0);
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_path, ustring("/d"));
+    EXPECT_FALSE(out.isSubDirRescan());
+}
+
+TEST(DirectoryRemoval, ServerRemovalDropsOnlyOlderServerEvents) {
+    for (uint64_t child_id : {50u, 150u}) {
+        SCOPED_TRACE(child_id);
+        EventList2 tree;
+        ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d/f", child_id)), 0);
+        ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d/s/g", child_id)), 0);
+        ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d", 100, DIR_NODE)), 0);
+        if (child_id < 100) {
+            EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d"}));
+            EXPECT_EQ(tree.GetServerEventCount(), 1);
+        } else {
+            EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/f", "/d/s", "/d/s/g"}));
+            EXPECT_EQ(tree.GetServerEventCount(), 3);
+        }
+        Event out;
+        ASSERT_EQ(tree.Pop(out), 0);
+        EXPECT_EQ(out.isServerSubDirRescanWithStat(), child_id > 100);
+    }
+}
+
+TEST(DirectoryRemoval, ServerRemovalKeepsLocalChangesBelow) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/edited.txt")), 0);
+    ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d", 7, DIR_NODE)), 0);
+    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/edited.txt"}));
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_TRUE(out.isServerSubDirRescanWithStat());
+}
+
+TEST(DirectoryRemoval, HeldChildrenStayAndHoldTheDirectoryBack) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Server(Event::EV_MODIFY, "/d/busy", 5)), 0);
+    Event held;
+    ASSERT_EQ(tree.Pop(held), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/idle")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/d", DIR_NODE)), 0);
+    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/busy"}));
+
+    Event out;
+    EXPECT_EQ(tree.Pop(out), -1);  // a worker is busy below
+    // A local removal waiting on a server download below must look again afterwards.
+    std::vector<EventList2::NodeView> nodes = tree.Snapshot();
+    EXPECT_TRUE(nodes[0].event.isLocalSubDirRescanWithStat());
+    EXPECT_EQ(nodes[0].refServerCount, 1);
+
+    ASSERT_EQ(tree.DoneEvent(held), 0);
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_path, ustring("/d"));
+    ASSERT_EQ(tree.DoneEvent(out), 0);
+    EXPECT_TRUE(tree.IsEmpty());
+}
+
+TEST(DirectoryRemoval, DroppedEventsLoseTheirStatusRows) {
+    TempDir dir;
+    ASSERT_EQ(FileStatusDB::initialize((dir.path() + "/fstat.sqlite").c_str()), 0);
+    const std::string root = dir.path() + "/root";
+    for (const char* rel : {"/d/gone.txt", "/d/sub", "/d/kept.txt"}) {
+        FileStatusInfo info;
+        info.path = (root + rel).c_str();
+        info.syncStatus = SFS_SYNCING;
+        ASSERT_EQ(FileStatusDB::setFileSyncStat(info), 0);
+    }
+    EventList2 tree;
+    tree.SetWatchPath(root.c_str());
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/gone.txt")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d/sub", DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Server(Event::EV_MODIFY, "/d/kept.txt", 3)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/d", DIR_NODE)), 0);
+
+    FileStatusInfo info;
+    EXPECT_EQ(FileStatusDB::getFileSyncStat((root + "/d/gone.txt").c_str(), &info), 0);
+    EXPECT_EQ(FileStatusDB::getFileSyncStat((root + "/d/sub").c_str(), &info), 0);
+    EXPECT_EQ(FileStatusDB::getFileSyncStat((root + "/d/kept.txt").c_str(), &info), 1);
+    FileStatusDB::destroy();
+}
+
+TEST(DirectoryRemoval, OverriddenRemovalKeepsWhatLiesBelow) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d/f", 150)), 0);
+    ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d", 100, DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d", 200, DIR_NODE)), 0);
+    Event out;
+    ASSERT_EQ(tree.Pop(out), 0);
+    EXPECT_EQ(out.m_type, Event::EV_CREATE);
+    EXPECT_TRUE(out.isServerSubDirRescan());
+    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/f"}));
+}
+
+}  // namespace
