@@ -1,0 +1,520 @@
+// The Linux change source on real folders: what each kind of change is reported as,
+// how new, renamed and departed directories are watched, bursts and overflows, the
+// private area, and a root that goes away.
+#include "platform/posix/inotify-source.h"
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <chrono>
+#include <cstdio>
+#include <fstream>
+#include <functional>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/temp-dir.h"
+
+using platform::ChangeNotice;
+using platform::InotifyOptions;
+using platform::InotifySource;
+
+namespace {
+
+constexpr uint64_t kSess = 7;
+constexpr const char* kPrivate = ".ZephanorWorkingDirectory";
+
+// "+a" added, "-a" removed, "~a" modified, "<a" renamed from, ">a" renamed to,
+// "!overflow", "!limit a", "!failed a", "!gone", "!back".
+std::string Text(const ChangeNotice& n) {
+    switch (n.kind) {
+        case ChangeNotice::kRecord: {
+            static const char marks[] = "?+-~<>";
+            const char mark = n.action >= 1 && n.action <= 5 ? marks[n.action] : '?';
+            return std::string(1, mark) + n.path;
+        }
+        case ChangeNotice::kOverflow:
+            return "!overflow";
+        case ChangeNotice::kWatchLimit:
+            return "!limit " + n.path;
+        case ChangeNotice::kWatchFailed:
+            return "!failed " + n.path;
+        case ChangeNotice::kRootGone:
+            return "!gone";
+        case ChangeNotice::kRootBack:
+            return "!back";
+    }
+    return "?";
+}
+
+using Texts = std::vector<std::string>;
+
+bool Contains(const Texts& seen, const std::string& text) {
+    return std::find(seen.begin(), seen.end(), text) != seen.end();
+}
+
+int64_t NowMs() {
+    return std::chrono::duration_cast<std::chrono::milliseconds>(
+               std::chrono::steady_clock::now().time_since_epoch())
+        .count();
+}
+
+// Reads until `done` holds (or a deadline passes), then for a quiet period more, so
+// that anything reported in excess shows up too.
+Texts Pump(InotifySource& src, const std::function<bool(const Texts&)>& done,
+           int deadline_ms = 5000, int quiet_ms = 300) {
+    Texts seen;
+    std::vector<ChangeNotice> batch;
+    const int64_t deadline = NowMs() + deadline_ms;
+    int64_t quiet_until = -1;
+    for (;;) {
+        const int64_t now = NowMs();
+        if (quiet_until < 0 && (done(seen) || now >= deadline)) quiet_until = now + quiet_ms;
+        if (quiet_until >= 0 && now >= quiet_until) break;
+        src.wait(20, nullptr);
+        batch.clear();
+        src.read(batch, nullptr);
+        for (const auto& n : batch) {
+            EXPECT_EQ(n.sess_id, kSess);
+            seen.push_back(Text(n));
+        }
+    }
+    return seen;
+}
+
+// The same list with runs of one text made one: a write and its close may be read
+// apart or together.
+Texts Squash(Texts seen) {
+    seen.erase(std::unique(seen.begin(), seen.end()), seen.end());
+    return seen;
+}
+
+Texts PumpFor(InotifySource& src, const Texts& wanted, int deadline_ms = 5000) {
+    return Pump(
+        src,
+        [&](const Texts& seen) {
+            return std::all_of(wanted.begin(), wanted.end(),
+                               [&](const std::string& w) { return Contains(seen, w); });
+        },
+        deadline_ms);
+}
+
+void Write(const std::string& path, const std::string& data = "x") {
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
+}
+
+void MkDir(const std::string& path) {
+    ASSERT_EQ(::mkdir(path.c_str(), 0755), 0) << path;
+}
+
+void Rename(const std::string& from, const std::string& to) {
+    ASSERT_EQ(std::rename(from.c_str(), to.c_str()), 0) << from << " -> " << to;
+}
+
+class InotifyFixture : public ::testing::Test {
+  protected:
+    void SetUp() override { Open(InotifyOptions{}); }
+
+    void Open(const InotifyOptions& options) {
+        int err = 0;
+        src = InotifySource::Create(options, &err);
+        ASSERT_NE(src, nullptr) << err;
+    }
+    void Watch() { ASSERT_EQ(src->add(kSess, root.path(), kPrivate, nullptr), 0); }
+    std::string At(const std::string& rel) const { return root / rel; }
+
+    TempDir root;
+    TempDir outside;
+    std::unique_ptr<InotifySource> src;
+};
+
+}  // namespace
+
+// ---------------------------------------------------------------------------------------
+// Files: each change as the record the detector expects.
+
+using InotifySourceFiles = InotifyFixture;
+
+TEST_F(InotifySourceFiles, CreateModifyAndDeleteAreAddedModifiedRemoved) {
+    Watch();
+    Write(At("f"), "one");
+    Texts seen = PumpFor(*src, {"+f", "~f"});
+    EXPECT_EQ(Squash(seen), (Texts{"+f", "~f"}));
+
+    std::ofstream(At("f"), std::ios::app) << "two";
+    seen = PumpFor(*src, {"~f"});
+    EXPECT_EQ(Squash(seen), (Texts{"~f"}));
+
+    ASSERT_EQ(::unlink(At("f").c_str()), 0);
+    seen = PumpFor(*src, {"-f"});
+    EXPECT_EQ(seen, (Texts{"-f"}));
+}
+
+TEST_F(InotifySourceFiles, RenameIsOldNameThenNewName) {
+    MkDir(At("x"));
+    MkDir(At("y"));
+    Write(At("x/a"));
+    Watch();
+    Rename(At("x/a"), At("x/b"));
+    Rename(At("x/b"), At("y/c"));
+    const Texts seen = PumpFor(*src, {">y/c"});
+    EXPECT_EQ(seen, (Texts{"<x/a", ">x/b", "<x/b", ">y/c"}));
+}
+
+TEST_F(InotifySourceFiles, MoveOutIsRemovalAndMoveInIsAddition) {
+    Write(At("leaving"));
+    Write(outside / "arriving");
+    Watch();
+    Rename(At("leaving"), outside / "left");
+    Rename(outside / "arriving", At("arrived"));
+    const Texts seen = PumpFor(*src, {"-leaving", "+arrived"});
+    EXPECT_EQ(seen, (Texts{"-leaving", "+arrived"}));
+}
+
+TEST_F(InotifySourceFiles, RemovalIsNotOvertakenByALaterCreationOfTheSameName) {
+    Write(At("doc"));
+    Write(outside / "doc");
+    Watch();
+    // The name leaves the tree, then comes back: the order must survive the wait for
+    // a rename partner, or the new file would be deleted.
+    Rename(At("doc"), outside / "old-doc");
+    Rename(outside / "doc", At("doc"));
+    const Texts seen = PumpFor(*src, {"-doc", "+doc"});
+    EXPECT_EQ(seen, (Texts{"-doc", "+doc"}));
+}
+
+// ---------------------------------------------------------------------------------------
+// Directories: watched as they come, followed when renamed, dropped when they leave.
+
+using InotifySourceDirectories = InotifyFixture;
+
+TEST_F(InotifySourceDirectories, DirectoryFilledBeforeItsWatchExistsIsReportedWhole) {
+    Watch();
+    // Nothing is read until the whole tree exists, so every entry below "d" was made
+    // before its directory could be watched.
+    MkDir(At("d"));
+    Write(At("d/f1"));
+    Write(At("d/f2"));
+    MkDir(At("d/e"));
+    Write(At("d/e/g"));
+    MkDir(At("d/e/h"));
+    const Texts seen = PumpFor(*src, {"+d", "+d/f1", "+d/f2", "+d/e", "+d/e/g", "+d/e/h"});
+    for (const char* want : {"+d", "+d/f1", "+d/f2", "+d/e", "+d/e/g", "+d/e/h"}) {
+        EXPECT_TRUE(Contains(seen, want)) << want;
+    }
+    EXPECT_LT(std::find(seen.begin(), seen.end(), "+d"),
+              std::find(seen.begin(), seen.end(), "+d/e"));
+    EXPECT_EQ(src->watch_count(kSess), 4);
+
+    // And the new directories are watched from now on.
+    Write(At("d/e/h/late"));
+    EXPECT_TRUE(Contains(PumpFor(*src, {"+d/e/h/late"}), "+d/e/h/late"));
+}
+
+TEST_F(InotifySourceDirectories, RenamedDirectoryIsWatchedUnderItsNewName) {
+    MkDir(At("a"));
+    MkDir(At("a/b"));
+    Watch();
+    Rename(At("a"), At("z"));
+    EXPECT_EQ(PumpFor(*src, {">z"}), (Texts{"<a", ">z"}));
+    Write(At("z/b/new"));
+    const Texts seen = PumpFor(*src, {"+z/b/new"});
+    EXPECT_TRUE(Contains(seen, "+z/b/new"));
+    EXPECT_FALSE(Contains(seen, "+a/b/new"));
+}
+
+TEST_F(InotifySourceDirectories, DirectoryMovedOutIsARemovalAndNoLongerWatched) {
+    MkDir(At("d"));
+    MkDir(At("d/sub"));
+    Watch();
+    ASSERT_EQ(src->watch_count(kSess), 3);
+    Rename(At("d"), outside / "d");
+    EXPECT_EQ(PumpFor(*src, {"-d"}), (Texts{"-d"}));
+    EXPECT_EQ(src->watch_count(kSess), 1);
+    Write(outside / "d/sub/elsewhere");
+    EXPECT_EQ(Pump(
+                  *src, [](const Texts&) { return false; }, 300, 0),
+              Texts{});
+}
+
+TEST_F(InotifySourceDirectories, DirectoryMovedInIsAnAdditionAndIsWatched) {
+    ::mkdir((outside / "d").c_str(), 0755);
+    ::mkdir((outside / "d/sub").c_str(), 0755);
+    Write(outside / "d/sub/old");
+    Watch();
+    Rename(outside / "d", At("d"));
+    // Its contents are not listed: whoever adds a directory walks it.
+    EXPECT_EQ(PumpFor(*src, {"+d"}), (Texts{"+d"}));
+    Write(At("d/sub/new"));
+    EXPECT_TRUE(Contains(PumpFor(*src, {"+d/sub/new"}), "+d/sub/new"));
+}
+
+TEST_F(InotifySourceDirectories, DeletedTreeReportsEveryRemoval) {
+    MkDir(At("a"));
+    MkDir(At("a/b"));
+    Write(At("a/f"));
+    Write(At("a/b/g"));
+    Watch();
+    ASSERT_EQ(::unlink(At("a/b/g").c_str()), 0);
+    ASSERT_EQ(::rmdir(At("a/b").c_str()), 0);
+    ASSERT_EQ(::unlink(At("a/f").c_str()), 0);
+    ASSERT_EQ(::rmdir(At("a").c_str()), 0);
+    EXPECT_EQ(PumpFor(*src, {"-a"}), (Texts{"-a/b/g", "-a/b", "-a/f", "-a"}));
+    EXPECT_EQ(src->watch_count(kSess), 1);
+}
+
+// ---------------------------------------------------------------------------------------
+// The private area: the caller's own files are not user changes.
+
+using InotifySourcePrivateArea = InotifyFixture;
+
+TEST_F(InotifySourcePrivateArea, OnlyDeparturesInsideThePrivateAreaAreReported) {
+    MkDir(At(kPrivate));
+    MkDir(At(std::string(kPrivate) + "/#ZephRecycle"));
+    MkDir(At(std::string(kPrivate) + "/#ZephRecycle/old-dir"));
+    MkDir(At(".ZephanorWorkingDirectoryX"));
+    Watch();
+    // The private directory and its bin; nothing below the bin's own entries.
+    EXPECT_EQ(src->watch_count(kSess), 4);
+
+    const std::string tmp = At(std::string(kPrivate) + "/tmp1");
+    Write(tmp, "downloaded");
+    Write(At(std::string(kPrivate) + "/#ZephRecycle/old-dir/x"));
+    Write(At(".ZephanorWorkingDirectoryX/mine"));
+    Rename(tmp, At("target"));
+    const Texts seen = PumpFor(*src, {">target", "+.ZephanorWorkingDirectoryX/mine"});
+    EXPECT_EQ(Squash(seen),
+              (Texts{"+.ZephanorWorkingDirectoryX/mine", "~.ZephanorWorkingDirectoryX/mine",
+                     "<.ZephanorWorkingDirectory/tmp1", ">target"}));
+
+    Rename(At("target"), At(std::string(kPrivate) + "/#ZephRecycle/target"));
+    EXPECT_EQ(PumpFor(*src, {">.ZephanorWorkingDirectory/#ZephRecycle/target"}),
+              (Texts{"<target", ">.ZephanorWorkingDirectory/#ZephRecycle/target"}));
+
+    ASSERT_EQ(::system(("rm -rf '" + At(std::string(kPrivate) + "/#ZephRecycle") + "'").c_str()),
+              0);
+    EXPECT_TRUE(Contains(PumpFor(*src, {"-.ZephanorWorkingDirectory/#ZephRecycle"}),
+                         "-.ZephanorWorkingDirectory/#ZephRecycle"));
+}
+
+TEST_F(InotifySourcePrivateArea, NameIsMatchedWithoutRegardToCase) {
+    MkDir(At(".zephanorworkingdirectory"));
+    Watch();
+    Write(At(".zephanorworkingdirectory/quiet"));
+    Write(At("loud"));
+    const Texts seen = PumpFor(*src, {"+loud"});
+    EXPECT_EQ(Squash(seen), (Texts{"+loud", "~loud"}));
+}
+
+// ---------------------------------------------------------------------------------------
+// Volume: bursts, a lost queue, the watch limit.
+
+using InotifySourceVolume = InotifyFixture;
+
+// Folders made while it lives go to memory when the machine has that: the burst is
+// about the reader keeping up with the kernel's queue, and a busy disk would only
+// make the test slow.
+class MemoryTmpDir {
+  public:
+    MemoryTmpDir() {
+        const char* old = std::getenv("TMPDIR");
+        m_had = old != nullptr;
+        if (m_had) m_saved = old;
+        if (::access("/dev/shm", W_OK) == 0) ::setenv("TMPDIR", "/dev/shm", 1);
+    }
+    ~MemoryTmpDir() {
+        if (m_had) {
+            ::setenv("TMPDIR", m_saved.c_str(), 1);
+        } else {
+            ::unsetenv("TMPDIR");
+        }
+    }
+
+  private:
+    bool m_had = false;
+    std::string m_saved;
+};
+
+TEST_F(InotifySourceVolume, BurstOfTenThousandCreationsArrivesWhole) {
+    MemoryTmpDir in_memory;
+    TempDir burst;
+    ASSERT_EQ(src->add(kSess, burst.path(), kPrivate, nullptr), 0);
+    constexpr int kFiles = 10000;
+    std::atomic<bool> writing{true};
+    std::thread writer([&] {
+        for (int i = 0; i < kFiles; ++i) {
+            const int fd =
+                ::open((burst / ("f" + std::to_string(i))).c_str(), O_CREAT | O_WRONLY, 0644);
+            if (fd >= 0) ::close(fd);
+        }
+        writing = false;
+    });
+    std::set<std::string> added;
+    bool overflow = false;
+    std::vector<ChangeNotice> batch;
+    const int64_t deadline = NowMs() + 20000;
+    while (NowMs() < deadline && (writing || static_cast<int>(added.size()) < kFiles) &&
+           !overflow) {
+        src->wait(50, nullptr);
+        batch.clear();
+        src->read(batch, nullptr);
+        for (const auto& n : batch) {
+            if (n.kind == ChangeNotice::kOverflow) overflow = true;
+            if (n.kind == ChangeNotice::kRecord && n.action == platform::kActionAdded) {
+                added.insert(n.path);
+            }
+        }
+    }
+    writer.join();
+    ASSERT_FALSE(overflow) << "the reader fell behind the kernel's queue";
+    EXPECT_EQ(added.size(), static_cast<size_t>(kFiles));
+}
+
+TEST_F(InotifySourceVolume, LostQueueIsOneOverflowAndWatchingGoesOn) {
+    int max_queued = 0;
+    std::ifstream("/proc/sys/fs/inotify/max_queued_events") >> max_queued;
+    if (max_queued <= 0 || max_queued > 100000) GTEST_SKIP() << "queue limit " << max_queued;
+    MkDir(At("d"));
+    const int a = ::open(At("d/a").c_str(), O_CREAT | O_WRONLY, 0644);
+    const int b = ::open(At("d/b").c_str(), O_CREAT | O_WRONLY, 0644);
+    ASSERT_GE(a, 0);
+    ASSERT_GE(b, 0);
+    Watch();
+    // Nobody reads while the queue fills; writes to two files in turn are never
+    // merged into one event.
+    for (int i = 0; i < max_queued + 100; ++i) ASSERT_EQ(::write(i % 2 ? a : b, "x", 1), 1);
+    ::close(a);
+    ::close(b);
+    Texts seen = PumpFor(*src, {"!overflow"});
+    EXPECT_EQ(seen, (Texts{"!overflow"}));
+    // The watches were rebuilt from the disk.
+    EXPECT_EQ(src->watch_count(kSess), 2);
+    Write(At("d/after"));
+    seen = PumpFor(*src, {"+d/after"});
+    EXPECT_TRUE(Contains(seen, "+d/after"));
+}
+
+TEST(InotifySourceLimit, WatchLimitIsReportedOnceAndTheRestStillWorks) {
+    TempDir root;
+    for (const char* d : {"a", "b", "c", "d"}) ::mkdir((root / d).c_str(), 0755);
+    InotifyOptions options;
+    options.watch_limit = 3;
+    auto src = InotifySource::Create(options, nullptr);
+    ASSERT_NE(src, nullptr);
+    ASSERT_EQ(src->add(kSess, root.path(), kPrivate, nullptr), 0);
+    EXPECT_EQ(src->watch_count(kSess), 3);
+    Texts seen = Pump(*src, [](const Texts& s) { return !s.empty(); });
+    ASSERT_EQ(seen.size(), 1u);
+    EXPECT_EQ(seen[0].rfind("!limit ", 0), 0u);
+
+    // A new directory meets the limit again: said again, and files still arrive.
+    ::mkdir((root / "e").c_str(), 0755);
+    Write(root / "f");
+    seen = PumpFor(*src, {"+e", "+f"});
+    EXPECT_TRUE(Contains(seen, "+e"));
+    EXPECT_TRUE(Contains(seen, "+f"));
+    EXPECT_TRUE(Contains(seen, "!limit e"));
+}
+
+// ---------------------------------------------------------------------------------------
+// The root itself goes away: never a removal of everything.
+
+class InotifySourceRoot : public InotifyFixture {
+  protected:
+    void SetUp() override {
+        InotifyOptions options;
+        options.root_probe_ms = 50;
+        Open(options);
+        base = outside / "sync";
+        MkDir(base);
+        MkDir(base + "/a");
+        MkDir(base + "/a/b");
+        for (int i = 0; i < 20; ++i) Write(base + "/a/b/f" + std::to_string(i));
+        Write(base + "/top");
+        ASSERT_EQ(src->add(kSess, base, kPrivate, nullptr), 0);
+    }
+    std::string base;
+};
+
+TEST_F(InotifySourceRoot, RemovedRootGivesNoRemovals) {
+    ASSERT_EQ(::system(("rm -rf '" + base + "'").c_str()), 0);
+    const Texts seen = PumpFor(*src, {"!gone"});
+    EXPECT_EQ(seen, (Texts{"!gone"}));
+    EXPECT_EQ(src->watch_count(kSess), 0);
+}
+
+TEST_F(InotifySourceRoot, RootMovedAwayAndBackIsWatchedAgain) {
+    Rename(base, outside / "elsewhere");
+    EXPECT_EQ(PumpFor(*src, {"!gone"}), (Texts{"!gone"}));
+    Write(outside / "elsewhere/top", "changed while away");
+    Rename(outside / "elsewhere", base);
+    EXPECT_EQ(PumpFor(*src, {"!back"}), (Texts{"!back"}));
+    EXPECT_EQ(src->watch_count(kSess), 3);
+    Write(base + "/a/b/fresh");
+    EXPECT_TRUE(Contains(PumpFor(*src, {"+a/b/fresh"}), "+a/b/fresh"));
+}
+
+TEST_F(InotifySourceRoot, AddRefusesAMissingRoot) {
+    int err = 0;
+    EXPECT_EQ(src->add(kSess + 1, outside / "missing", kPrivate, &err), -1);
+    EXPECT_EQ(err, ENOENT);
+    Write(outside / "plain");
+    EXPECT_EQ(src->add(kSess + 1, outside / "plain", kPrivate, &err), -1);
+    EXPECT_EQ(err, ENOTDIR);
+    EXPECT_EQ(src->watch_count(kSess + 1), -1);
+}
+
+// ---------------------------------------------------------------------------------------
+// Threads: a waiting reader is woken at once.
+
+TEST(InotifySourceConcurrency, WakeAndAddEndAWaitAtOnce) {
+    TempDir root;
+    auto src = InotifySource::Create(InotifyOptions{}, nullptr);
+    ASSERT_NE(src, nullptr);
+    std::atomic<int64_t> returned_at{0};
+    auto waiter = [&] {
+        src->wait(10000, nullptr);
+        returned_at = NowMs();
+    };
+
+    std::thread t1(waiter);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const int64_t woken = NowMs();
+    src->wake();
+    t1.join();
+    EXPECT_LT(returned_at - woken, 500);
+
+    std::thread t2(waiter);
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    const int64_t added = NowMs();
+    ASSERT_EQ(src->add(kSess, root.path(), kPrivate, nullptr), 0);
+    t2.join();
+    EXPECT_LT(returned_at - added, 500);
+
+    // A reader and a control thread at the same time.
+    std::atomic<bool> stop{false};
+    std::thread reader([&] {
+        std::vector<ChangeNotice> batch;
+        while (!stop) {
+            src->wait(1000, nullptr);
+            batch.clear();
+            src->read(batch, nullptr);
+        }
+    });
+    for (int i = 0; i < 20; ++i) {
+        Write(root / ("f" + std::to_string(i)));
+        EXPECT_EQ(src->add(kSess + 1 + i % 3, root.path(), kPrivate, nullptr), 0);
+        EXPECT_EQ(src->remove(kSess + 1 + i % 3), 0);
+    }
+    stop = true;
+    src->wake();
+    reader.join();
+    EXPECT_EQ(src->remove(kSess), 0);
+    EXPECT_EQ(src->remove(kSess), -1);
+}
