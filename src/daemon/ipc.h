@@ -19,7 +19,8 @@ class IPCListener {
     IPCListener& operator=(const IPCListener&) = delete;
 
     // Closes any earlier socket, then binds 127.0.0.1 at the first free port from `port`
-    // upward and listens (backlog 8). The port in use, or -1 (logged; no socket then).
+    // upward and listens (backlog 8); port 0 lets the system pick. The port in use, or
+    // -1 (logged; no socket then).
     int prepare(int port);
     // Binds exactly `port`, no walking, and listens. The port, or -1.
     int OpenSocket(int port);

@@ -72,17 +72,17 @@ class Channel {
     virtual int WriteInt32(uint32_t v);
     virtual int WriteInt64(uint64_t v);
 
-    // All `len` bytes, or a code.
+    // 0 when all `len` bytes arrived, or a code.
     virtual int Read(char* buf, size_t len);
     // As above; on failure `got` tells how many bytes did arrive and were copied.
     virtual int Read(char* buf, size_t len, size_t& got);
-    // Queues `len` bytes (at most the capacity, else -4), flushing just enough first
+    // 0 when `len` bytes are queued (at most the capacity, else -4), flushing just enough first
     // when the ring lacks room. Nothing reaches the socket before the ring fills or
     // someone flushes.
     virtual int Write(const char* buf, size_t len);
     virtual void ClearRead();
     virtual void ClearWrite();
-    // Sends at least `n` waiting bytes; all of them when `n` is 0.
+    // Sends at least `n` waiting bytes, all of them when `n` is 0: the count sent, or a code.
     virtual int FlushWrite(size_t n);
     // The plain channel knows nothing of its peer: -3.
     virtual int GetPeerInfo(char* ip, size_t ip_len, int& port);
