@@ -474,6 +474,17 @@ int Channel::SwitchChannelOp(int mode) {
     return 0;
 }
 
+int Channel::InstallMode(int mode, void* context) {
+    if (IsClosed() || m_isSSL || context == nullptr || mode == CHANNEL_PLAIN_MODE) return ERR_INVAL;
+    void* plain = m_ops.context;
+    if (SwitchChannelOp(mode) != 0) return ERR_INVAL;
+    // The socket lives on inside the new handle; only its plain holder goes.
+    delete static_cast<platform::socket_t*>(plain);
+    m_ops.context = context;
+    m_isSSL = true;
+    return 0;
+}
+
 void Channel::AttachSocket(platform::socket_t socket) {
     m_ops.context = new platform::socket_t(socket);
 }

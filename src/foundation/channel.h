@@ -100,6 +100,14 @@ class Channel {
     platform::socket_t GetSocket() const;
     bool IsSSL() const { return m_isSSL; }
 
+    // Turns an open plain channel into one of `mode` in place: the registered operations
+    // of the mode take over with `context` (which owns the same socket from now on, and
+    // is freed by the mode's close), and the plain handle is dropped without closing the
+    // socket. The rings stay as they are, so nothing may be pending. 0, or -4 when the
+    // channel is closed or not plain, `context` is null, or the mode has no operations
+    // (nothing changes then).
+    int InstallMode(int mode, void* context);
+
     // Registers the operations of CHANNEL_SSL_MODE (the module that provides encryption
     // installs its set this way at start-up); SwitchChannelOp then uses it. Other modes
     // are ignored. The context field of `ops` is not used.

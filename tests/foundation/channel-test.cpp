@@ -251,37 +251,53 @@ TEST(ChannelConcurrency, RingsWrapWithoutLosingBytes) {
     EXPECT_TRUE(got == data);
 }
 
-// Operations of another mode come in through the table, on the same socket.
-int counted_reads = 0;
-int counting_read(void* context, char* buf, size_t len, int) {
-    ++counted_reads;
-    return static_cast<int>(::recv(*static_cast<platform::socket_t*>(context), buf, len, 0));
+// Operations of another mode come in through the table, on the same socket, with a
+// handle of that mode's own.
+struct OtherHandle {
+    platform::socket_t fd;
+    int reads = 0;
+};
+
+int other_read(void* context, char* buf, size_t len, int) {
+    auto* h = static_cast<OtherHandle*>(context);
+    ++h->reads;
+    return static_cast<int>(::recv(h->fd, buf, len, 0));
 }
 
-TEST(ChannelModes, SwitchingInstallsTheRegisteredTable) {
+bool other_closed = false;
+
+TEST(ChannelModes, InstallingAModeHandsTheSocketToItsTable) {
     Wired w;
+    OtherHandle* handle = new OtherHandle{w.ch.GetSocket()};
+    EXPECT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), ERR_INVAL);  // not registered
     ChannelOps other;
-    other.read_ = counting_read;
+    other.read_ = other_read;
     other.write = [](void*, const char*, size_t, int) { return static_cast<int>(ERR_IO); };
-    other.get_fd = [](void* c) { return *static_cast<platform::socket_t*>(c); };
+    other.get_fd = [](void* c) { return static_cast<OtherHandle*>(c)->fd; };
     other.close = [](void*& c) {
-        platform::shutdown_close(*static_cast<platform::socket_t*>(c));
-        delete static_cast<platform::socket_t*>(c);
+        auto* h = static_cast<OtherHandle*>(c);
+        platform::shutdown_close(h->fd);
+        delete h;
         c = nullptr;
+        other_closed = true;
     };
     other.isInvalid = [](const void* c) { return c == nullptr; };
     Channel::RegisterModeOps(Channel::CHANNEL_SSL_MODE, other);
-    ASSERT_EQ(w.ch.SwitchChannelOp(Channel::CHANNEL_SSL_MODE), 0);
+    ASSERT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), 0);
+    EXPECT_TRUE(w.ch.IsSSL());
+    EXPECT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), ERR_INVAL);  // once only
     loopback::write_all(w.peer, "z");
     char c = 0;
     ASSERT_EQ(w.ch.Read(&c, 1), 0);
     EXPECT_EQ(c, 'z');
-    EXPECT_EQ(counted_reads, 1);
+    EXPECT_EQ(handle->reads, 1);
     EXPECT_EQ(w.ch.Write("y", 1), 0);
     EXPECT_EQ(w.ch.FlushWrite(0), ERR_IO);  // the other table's write is in charge
     w.ch.ClearWrite();
     w.ch.Close();
+    EXPECT_TRUE(other_closed);
     EXPECT_TRUE(w.ch.IsClosed());
+    EXPECT_FALSE(w.ch.IsSSL());
     EXPECT_EQ(w.ch.SwitchChannelOp(7), ERR_INVAL);
 }
 
