@@ -449,6 +449,26 @@ TEST_F(InotifySourceRoot, RemovedRootGivesNoRemovals) {
     EXPECT_EQ(src->watch_count(kSess), 0);
 }
 
+TEST_F(InotifySourceRoot, SlowlyEmptiedRootGivesNoRemovalsEither) {
+    // A large tree takes a while to delete, and the reader sees the removals come one
+    // by one before the root itself goes.
+    std::atomic<bool> deleting{true};
+    std::thread eraser([&] {
+        for (int i = 0; i < 20; ++i) {
+            ::unlink((base + "/a/b/f" + std::to_string(i)).c_str());
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        ::rmdir((base + "/a/b").c_str());
+        ::rmdir((base + "/a").c_str());
+        ::unlink((base + "/top").c_str());
+        ::rmdir(base.c_str());
+        deleting = false;
+    });
+    const Texts seen = PumpFor(*src, {"!gone"});
+    eraser.join();
+    EXPECT_EQ(seen, (Texts{"!gone"}));
+}
+
 TEST_F(InotifySourceRoot, RootMovedAwayAndBackIsWatchedAgain) {
     Rename(base, outside / "elsewhere");
     EXPECT_EQ(PumpFor(*src, {"!gone"}), (Texts{"!gone"}));
