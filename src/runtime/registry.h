@@ -1,0 +1,83 @@
+// registry.h: the table of sessions, the one place that says which local folders are in
+// sync, with which view, in which state, and holds each session's filter, white list and
+// database. Read by every task (through copies), written by the control thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+
+#include "foundation/ustring.h"
+
+class BlackList2;
+class WhiteListCpp;
+class FileEventDB;
+
+class Registry {
+  public:
+    // One session. A value: copies share the three objects but don't own them; they
+    // stay valid while the session is in the table and isn't being removed (sessions
+    // are removed only after they are paused and their workers have let go).
+    struct Entry {
+        uint64_t sess_id = 0;  // never 0: 0 means "all sessions" in commands
+        uint64_t view_id = 0;
+        uint64_t node_id = 0;
+        uint32_t recycle_time = 0;  // oldest item of the recycle bin, 0 when none known
+        bool recursive = false;
+        ustring local_path;
+        ustring remote_path;
+        ustring config_path;
+        bool isMSDOS = false;
+        bool pause = false;
+        BlackList2* black_list = nullptr;
+        WhiteListCpp* white_list = nullptr;
+        FileEventDB* event_db = nullptr;
+
+        // Empties every field; frees nothing.
+        void clear() { *this = Entry(); }
+    };
+
+    // The process-wide table, made on first use.
+    static Registry& getInstance();
+
+    // An empty table of one's own (the daemon uses getInstance).
+    Registry() = default;
+    // Frees nothing: the objects belong to whoever Clears them.
+    ~Registry() = default;
+    Registry(const Registry&) = delete;
+    Registry& operator=(const Registry&) = delete;
+
+    size_t Size();
+    // 1 and a copy of the session's entry; 0 when absent.
+    int Find(uint64_t sess_id, Entry& entry);
+    // A circular walk in id order: the entry after `sess_id`, the first after the last,
+    // and the first when `sess_id` isn't in the table. 1 unless the table is empty (0).
+    // FindNext(0, e) starts a walk; it is over when it comes back to where it began.
+    int FindNext(uint64_t sess_id, Entry& entry);
+    // Inserts or overwrites the entry at entry.sess_id. Pointers it replaces are not
+    // freed. To change one field: Find, change the copy, Set (not atomic as a whole).
+    void Set(const Entry& entry);
+    // Takes the entry out without freeing anything.
+    void Remove(uint64_t sess_id);
+    // Closes the session's database and deletes its database, white list and filter,
+    // in that order, then takes the entry out. Nothing happens for an absent id.
+    void Clear(uint64_t sess_id);
+    // The same for every entry; the table is then empty.
+    void Clear();
+    // Sets recycle_time of entry.sess_id, when present.
+    void UpdateRecycleTime(const Entry& entry, uint32_t time);
+    // Sets recycle_time of entry.sess_id, when present, only if it is 0 or later than
+    // `time`: the earliest known time wins.
+    void InitRecycleTime(const Entry& entry, uint32_t time);
+
+    // The table's mutex, for a caller that needs several steps in one go; no other
+    // operation may be called while it is held.
+    void lock() { m_mutex.lock(); }
+    void unlock() { m_mutex.unlock(); }
+
+  private:
+    static void FreeObjects(Entry& entry);
+
+    std::mutex m_mutex;
+    std::map<uint64_t, Entry> m_table;
+};
