@@ -12,6 +12,7 @@
 #include <cerrno>
 #include <deque>
 #include <unordered_map>
+#include <unordered_set>
 
 #include "platform/clock.h"
 
@@ -73,6 +74,7 @@ struct InotifySource::Item {
     std::string path;
     uint32_t cookie = 0;  // non-zero: an IN_MOVED_FROM still waiting for its IN_MOVED_TO
     bool is_dir = false;
+    int wd = -1;  // the watch it came from
     int64_t at_ms = 0;
     uint64_t read_no = 0;  // the read that saw it
 };
@@ -308,7 +310,8 @@ void InotifySource::WatchTree(Session& s, const std::string& top, bool report, i
         const bool watched = first && rel.empty() && s.root_wd >= 0;
         first = false;
         if (s.limit_hit) break;
-        if (!watched && WatchDir(s, rel) < 0) continue;
+        const int wd = watched ? s.root_wd : WatchDir(s, rel);
+        if (wd < 0) continue;
         const Area area = AreaOf(rel, s.private_dir);
         DIR* dir = ::opendir(s.Abs(rel).c_str());
         if (dir == nullptr) continue;
@@ -321,22 +324,25 @@ void InotifySource::WatchTree(Session& s, const std::string& top, bool report, i
                 struct stat st {};
                 is_dir = ::lstat(s.Abs(child).c_str(), &st) == 0 && S_ISDIR(st.st_mode);
             }
-            if (report && area == kUser) Queue(s, kActionAdded, child, is_dir, now);
+            if (report && area == kUser) Queue(s, kActionAdded, child, is_dir, wd, now);
             if (is_dir && AreaOf(child, s.private_dir) != kPrivateDeep) stack.push_back(child);
         }
         ::closedir(dir);
     }
 }
 
-void InotifySource::DropSubtree(Session& s, const std::string& rel) {
+std::unordered_set<int> InotifySource::DropSubtree(Session& s, const std::string& rel) {
+    std::unordered_set<int> dropped;
     for (auto it = s.dirs.begin(); it != s.dirs.end();) {
         if (it->first != s.root_wd && IsAtOrBelow(it->second, rel)) {
             ::inotify_rm_watch(s.fd, it->first);
+            dropped.insert(it->first);
             it = s.dirs.erase(it);
         } else {
             ++it;
         }
     }
+    return dropped;
 }
 
 void InotifySource::MoveSubtree(Session& s, const std::string& from, const std::string& to,
@@ -402,27 +408,28 @@ void InotifySource::Handle(Session& s, uint32_t wd_bits, uint32_t mask, uint32_t
             if (is_dir) WatchDir(s, rel);
             return;
         }
-        Queue(s, kActionAdded, rel, is_dir, now);
+        Queue(s, kActionAdded, rel, is_dir, wd, now);
         if (is_dir) WatchTree(s, rel, true, now);
     } else if (mask & IN_DELETE) {
-        Queue(s, kActionRemoved, rel, is_dir, now);
+        Queue(s, kActionRemoved, rel, is_dir, wd, now);
     } else if (mask & (IN_MODIFY | IN_CLOSE_WRITE)) {
-        if (!in_private && !is_dir) Queue(s, kActionModified, rel, false, now);
+        if (!in_private && !is_dir) Queue(s, kActionModified, rel, false, wd, now);
     } else if (mask & IN_MOVED_FROM) {
         Item item;
         item.action = kActionRenamedOldName;
         item.path = rel;
         item.cookie = cookie != 0 ? cookie : 1;
         item.is_dir = is_dir;
+        item.wd = wd;
         item.at_ms = now;
         item.read_no = m_read_no;
         s.queue.push_back(std::move(item));
     } else if (mask & IN_MOVED_TO) {
-        PairMove(s, cookie, rel, is_dir, now);
+        PairMove(s, cookie, rel, is_dir, wd, now);
     }
 }
 
-void InotifySource::Queue(Session& s, int action, const std::string& path, bool is_dir,
+void InotifySource::Queue(Session& s, int action, const std::string& path, bool is_dir, int wd,
                           int64_t now) {
     if (action == kActionModified && !s.queue.empty()) {
         const Item& last = s.queue.back();
@@ -432,19 +439,20 @@ void InotifySource::Queue(Session& s, int action, const std::string& path, bool 
     item.action = action;
     item.path = path;
     item.is_dir = is_dir;
+    item.wd = wd;
     item.at_ms = now;
     item.read_no = m_read_no;
     s.queue.push_back(std::move(item));
 }
 
 void InotifySource::PairMove(Session& s, uint32_t cookie, const std::string& path, bool is_dir,
-                             int64_t now) {
+                             int wd, int64_t now) {
     auto from = std::find_if(s.queue.rbegin(), s.queue.rend(),
                              [cookie](const Item& i) { return cookie != 0 && i.cookie == cookie; });
     if (from == s.queue.rend()) {
         // From outside the tree: its contents are new to us, but whoever consumes the
         // addition of a directory walks it anyway, so only the watches are set up.
-        Queue(s, kActionAdded, path, is_dir, now);
+        Queue(s, kActionAdded, path, is_dir, wd, now);
         if (is_dir) WatchTree(s, path, false, now);
         return;
     }
@@ -454,6 +462,7 @@ void InotifySource::PairMove(Session& s, uint32_t cookie, const std::string& pat
     item.action = kActionRenamedNewName;
     item.path = path;
     item.is_dir = is_dir;
+    item.wd = wd;
     item.at_ms = now;
     item.read_no = m_read_no;
     s.queue.insert(from.base(), std::move(item));
@@ -480,14 +489,21 @@ void InotifySource::Finish(Session& s, int64_t now, std::vector<ChangeNotice>& o
         return;
     }
     // An IN_MOVED_FROM whose pair did not come by this read went out of the tree.
-    for (Item& item : s.queue) {
+    for (size_t k = 0; k < s.queue.size(); ++k) {
+        Item& item = s.queue[k];
         if (item.cookie == 0 || item.read_no >= m_read_no ||
             now - item.at_ms < m_options.move_grace_ms) {
             continue;
         }
         item.cookie = 0;
         item.action = kActionRemoved;
-        if (item.is_dir) DropSubtree(s, item.path);
+        if (!item.is_dir) continue;
+        // What came since from inside the departed directory happened outside the tree.
+        const std::unordered_set<int> dropped = DropSubtree(s, item.path);
+        const auto first_after = s.queue.begin() + static_cast<std::ptrdiff_t>(k + 1);
+        s.queue.erase(std::remove_if(first_after, s.queue.end(),
+                                     [&](const Item& i) { return dropped.count(i.wd) != 0; }),
+                      s.queue.end());
     }
     for (auto& p : s.problems) out.push_back(std::move(p));
     s.problems.clear();

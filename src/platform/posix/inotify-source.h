@@ -11,6 +11,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include "platform/change-source.h"
@@ -68,14 +69,17 @@ class InotifySource : public ChangeSource {
     // is queued as an addition (the tree is new and its contents were made before
     // their directories were watched).
     void WatchTree(Session& s, const std::string& rel, bool report, int64_t now);
-    void DropSubtree(Session& s, const std::string& rel);
+    // Stops watching `rel` and everything below it; the watches dropped.
+    std::unordered_set<int> DropSubtree(Session& s, const std::string& rel);
     void MoveSubtree(Session& s, const std::string& from, const std::string& to, int64_t now);
 
     void Drain(Session& s, int64_t now);
     void Handle(Session& s, uint32_t wd, uint32_t mask, uint32_t cookie, const char* name,
                 int64_t now);
-    void Queue(Session& s, int action, const std::string& path, bool is_dir, int64_t now);
-    void PairMove(Session& s, uint32_t cookie, const std::string& path, bool is_dir, int64_t now);
+    // `wd` is the watch the change came from.
+    void Queue(Session& s, int action, const std::string& path, bool is_dir, int wd, int64_t now);
+    void PairMove(Session& s, uint32_t cookie, const std::string& path, bool is_dir, int wd,
+                  int64_t now);
     void Finish(Session& s, int64_t now, std::vector<ChangeNotice>& out);
     void Release(Session& s, int64_t now, std::vector<ChangeNotice>& out);
     void GoDormant(Session& s, int64_t now, std::vector<ChangeNotice>& out);
