@@ -8,13 +8,18 @@
 #include <cstddef>
 #include <cstdint>
 #include <memory>
-#include <source_location>
 
 #include "foundation/ustring.h"
 
 // Paths reach the file layer in the system string type; the platform gets its native form.
 using xio_string_type = ustring;
-using xio_location = std::source_location;
+
+// The source line of a call, taken as a default argument so that messages name the caller.
+struct xio_location {
+    static constexpr xio_location current(int line = __builtin_LINE()) { return {line}; }
+    int line() const { return m_line; }
+    int m_line;
+};
 
 using fd_handle_t = int;
 inline constexpr fd_handle_t FD_INVALID_HANDLE = -1;

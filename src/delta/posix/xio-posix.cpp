@@ -19,7 +19,7 @@ namespace {
 constexpr size_t kBackgroundWriteMin = 64 * 1024;
 
 void report(const xio_location& loc, const char* what, int code) {
-    std::fprintf(stderr, "xio (%d): %s: Error Code %d\n", static_cast<int>(loc.line()), what, code);
+    std::fprintf(stderr, "xio (%d): %s: Error Code %d\n", loc.line(), what, code);
 }
 
 // Writes all of `length` bytes; the count, or -1 with errno set.
