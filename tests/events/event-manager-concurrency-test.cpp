@@ -1,0 +1,181 @@
+// The event manager under concurrent workers and producers: sessions share the
+// workers fairly, no path is ever held twice, and a change that lands while a path is
+// held goes back to the same worker, so the newest version is always the one carried
+// out last.
+#include <gtest/gtest.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <map>
+#include <mutex>
+#include <set>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "manager-fixture.h"
+
+using namespace evtest;
+
+namespace {
+
+// Which (session, path) pairs some worker holds right now.
+class HeldSet {
+  public:
+    bool Take(const Event& e) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        return m_held.insert(Key(e)).second;
+    }
+    void Release(const Event& e) {
+        std::lock_guard<std::mutex> lock(m_mutex);
+        m_held.erase(Key(e));
+    }
+
+  private:
+    static std::string Key(const Event& e) {
+        return std::to_string(e.m_sess_id) + ":" + e.m_path.str();
+    }
+    std::mutex m_mutex;
+    std::set<std::string> m_held;
+};
+
+class EventManagerConcurrency : public ManagerFixture {
+  protected:
+    void SetUp() override {
+        ManagerFixture::SetUp();
+        AddSession(3);
+    }
+    int Pending() {
+        int n = 0;
+        for (uint64_t s : {1u, 2u, 3u}) n += mgr.GetAllPendingEventCount(s);
+        return n;
+    }
+};
+
+TEST_F(EventManagerConcurrency, WorkersShareSessionsFairlyAndNeverHoldAPathTwice) {
+    constexpr int kPerSession = 120;
+    for (int i = 0; i < kPerSession; ++i)
+        for (uint64_t s : {1u, 2u, 3u})
+            mgr.PushLocalEvent(In(s, Local(Event::EV_MODIFY, "/f" + std::to_string(i))));
+
+    HeldSet held;
+    std::mutex order_mutex;
+    std::vector<uint64_t> order;
+    std::atomic<int> doubles{0};
+    std::atomic<int> finished{0};
+    std::vector<std::thread> workers;
+    for (int w = 0; w < 4; ++w) {
+        workers.emplace_back([&] {
+            RecordingTask self;
+            Event e;
+            while (finished.load() < 3 * kPerSession) {
+                if (mgr.PullEvent(&self, e) != 0) {
+                    std::this_thread::yield();
+                    continue;
+                }
+                if (!held.Take(e)) ++doubles;
+                {
+                    std::lock_guard<std::mutex> lock(order_mutex);
+                    order.push_back(e.m_sess_id);
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(50));
+                held.Release(e);
+                if (mgr.DoneEvent(&self, e) == 0) ++finished;
+            }
+        });
+    }
+    for (std::thread& t : workers) t.join();
+
+    EXPECT_EQ(doubles.load(), 0);
+    EXPECT_EQ(order.size(), static_cast<size_t>(3 * kPerSession));
+    EXPECT_EQ(Pending(), 0);
+    // Turns are taken under the manager's lock; recording happens just after, so allow
+    // each worker to be one step out of line.
+    std::map<uint64_t, int> seen;
+    for (size_t i = 0; i < order.size(); ++i) {
+        ++seen[order[i]];
+        const int fair = static_cast<int>((i + 1) / 3);
+        for (uint64_t s : {1u, 2u, 3u}) {
+            EXPECT_LE(std::abs(seen[s] - fair), 5) << "session " << s << " after " << i + 1;
+        }
+        if (::testing::Test::HasFailure()) break;
+    }
+}
+
+TEST_F(EventManagerConcurrency, ChangesWhileHeldComeBackToTheSameWorkerNewestLast) {
+    constexpr int kPaths = 12;
+    constexpr int kVersions = 25;
+    std::atomic<bool> producing{true};
+    HeldSet held;
+    std::mutex result_mutex;
+    std::map<std::string, std::vector<int>> carried;  // versions carried out per path
+    std::atomic<int> doubles{0};
+    std::atomic<int> handed_back{0};
+    std::array<std::atomic<int>, kPaths> pushed{};  // the last version pushed per path
+
+    auto version_of = [](const Event& e) { return std::stoi(e.m_data_hash.str()); };
+    std::vector<std::thread> workers;
+    for (int w = 0; w < 3; ++w) {
+        workers.emplace_back([&] {
+            RecordingTask self;
+            Event e;
+            for (;;) {
+                if (mgr.PullEvent(&self, e) != 0) {
+                    if (!producing.load() && Pending() == 0) return;
+                    std::this_thread::yield();
+                    continue;
+                }
+                if (!held.Take(e)) ++doubles;
+                for (;;) {
+                    {
+                        std::lock_guard<std::mutex> lock(result_mutex);
+                        carried[e.m_path.str()].push_back(version_of(e));
+                    }
+                    // Hold the path until a newer save lands (or a little while), so that
+                    // changes meet held paths whatever the machine's load.
+                    const int index = std::stoi(e.m_path.str().substr(2));
+                    for (int spin = 0; spin < 500 && pushed[index].load() <= version_of(e) &&
+                                       pushed[index].load() < kVersions;
+                         ++spin)
+                        std::this_thread::sleep_for(std::chrono::microseconds(100));
+                    const ustring path = e.m_path;
+                    if (mgr.DoneEvent(&self, e) == 0) break;
+                    ++handed_back;
+                    EXPECT_EQ(e.m_path, path);
+                }
+                held.Release(e);
+            }
+        });
+    }
+    std::vector<std::thread> producers;
+    for (int p = 0; p < 2; ++p) {
+        producers.emplace_back([&, p] {
+            for (int v = 1; v <= kVersions; ++v) {
+                for (int i = p; i < kPaths; i += 2) {
+                    mgr.PushLocalEvent(
+                        In(1 + i % 3, Make(Event::EV_MODIFY, "/p" + std::to_string(i), LOCAL,
+                                           FILE_NODE, 0, std::to_string(v))));
+                    pushed[i] = v;
+                }
+                std::this_thread::sleep_for(std::chrono::microseconds(100));
+            }
+        });
+    }
+    for (std::thread& t : producers) t.join();
+    producing = false;
+    for (std::thread& t : workers) t.join();
+
+    EXPECT_EQ(doubles.load(), 0);
+    EXPECT_GT(handed_back.load(), 0);
+    EXPECT_EQ(Pending(), 0);
+    ASSERT_EQ(carried.size(), static_cast<size_t>(kPaths));
+    for (const auto& [path, versions] : carried) {
+        SCOPED_TRACE(path);
+        EXPECT_EQ(versions.back(), kVersions);  // nothing lost: the last save is carried out
+        for (size_t i = 1; i < versions.size(); ++i)
+            EXPECT_LT(versions[i - 1], versions[i]);  // never an older version after a newer
+    }
+}
+
+}  // namespace

@@ -1,0 +1,258 @@
+// The event manager with one thread: turns between sessions, changes to held paths,
+// walks, the status database and the notices.
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "manager-fixture.h"
+
+using namespace evtest;
+
+namespace {
+
+using Turns = ManagerFixture;
+
+TEST_F(Turns, SessionsAlternateOneEventAtATime) {
+    for (int i = 0; i < 10; ++i) {
+        mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/a" + std::to_string(i))));
+        mgr.PushServerEvent(In(2, Server(Event::EV_MODIFY, "/b" + std::to_string(i), 5 + i)));
+    }
+    RecordingTask worker;
+    std::vector<uint64_t> order;
+    Event e;
+    while (mgr.PullEvent(&worker, e) == 0) {
+        order.push_back(e.m_sess_id);
+        ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
+    }
+    ASSERT_EQ(order.size(), 20u);
+    for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(order[i], i % 2 == 0 ? 1u : 2u) << i;
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 0);
+}
+
+TEST_F(Turns, BlockedSessionGivesMinusOneAndKeepsItsPlace) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/d", DIR_NODE)));
+    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/d/f")));
+    RecordingTask a, b;
+    Event held, e;
+    ASSERT_EQ(mgr.PullEvent(&a, held), 0);
+    EXPECT_EQ(mgr.PullEvent(&b, e), -1);  // /d/f waits for its parent
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 2);
+    ASSERT_EQ(mgr.DoneEvent(&a, held), 0);
+    ASSERT_EQ(mgr.PullEvent(&b, e), 0);
+    EXPECT_EQ(e.m_path, ustring("/d/f"));
+}
+
+TEST_F(Turns, UnknownSessionsAndBrokenPathsAreDropped) {
+    mgr.PushLocalEvent(In(99, Local(Event::EV_MODIFY, "/x")));
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/bad\xff\xfe")));
+    mgr.PushServerEvent(In(1, Server(Event::EV_MODIFY, "/bad\xc3", 4)));
+    EXPECT_EQ(mgr.GetAllPendingEventCount(99), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+    RecordingTask worker;
+    Event e;
+    EXPECT_EQ(mgr.PullEvent(&worker, e), -1);
+    EXPECT_EQ(mgr.DoneEvent(&worker, e), 0);  // a task holding nothing is done at once
+}
+
+TEST_F(Turns, ServerCountGatesTheSyncIdUntilDone) {
+    mgr.PushServerEvent(In(1, Server(Event::EV_MODIFY, "/s1", 10)));
+    mgr.PushServerEvent(In(1, Server(Event::EV_REMOVE, "/s2", 11)));
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/l1")));
+    EXPECT_EQ(mgr.GetPendingServerEvent(1), 2);
+    EXPECT_EQ(mgr.GetPendingServerEvent(2), 0);
+    RecordingTask worker;
+    Event e;
+    int server_seen = 0;
+    while (mgr.PullEvent(&worker, e) == 0) {
+        server_seen += e.isServerEvent();
+        // Held events still count: the sync id must not move before they are carried out.
+        EXPECT_EQ(mgr.GetPendingServerEvent(1), 2 - server_seen + (e.isServerEvent() ? 1 : 0));
+        ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
+    }
+    EXPECT_EQ(server_seen, 2);
+    EXPECT_EQ(mgr.GetPendingServerEvent(1), 0);
+}
+
+using HeldPaths = ManagerFixture;
+
+TEST_F(HeldPaths, LocalRemovalAbortsTheUploadAndIsHandedBack) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/big.iso")));
+    RecordingTask uploader;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&uploader, e), 0);
+    mgr.PushLocalEvent(In(1, Local(Event::EV_REMOVE, "/big.iso")));
+    EXPECT_TRUE(uploader.aborted);
+    ASSERT_EQ(mgr.DoneEvent(&uploader, e), -1);
+    EXPECT_EQ(e.m_type, Event::EV_REMOVE);
+    EXPECT_TRUE(e.isLocalEvent());
+    RecordingTask other;
+    Event none;
+    EXPECT_EQ(mgr.PullEvent(&other, none), -1);  // the path stays with the uploader
+    ASSERT_EQ(mgr.DoneEvent(&uploader, e), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+}
+
+TEST_F(HeldPaths, ServerChangeNeverInterruptsButIsHandedBackMerged) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/doc")));
+    RecordingTask worker;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    mgr.PushServerEvent(In(1, Server(Event::EV_MODIFY, "/doc", 30)));
+    mgr.PushServerEvent(In(1, Server(Event::EV_REMOVE, "/doc", 31)));
+    EXPECT_FALSE(worker.aborted);
+    ASSERT_EQ(mgr.DoneEvent(&worker, e), -1);
+    // The newest server change stands for the path.
+    EXPECT_TRUE(e.isServerEvent());
+    EXPECT_EQ(e.m_sync_id, 31u);
+    EXPECT_EQ(e.m_type, Event::EV_REMOVE);
+    ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
+    EXPECT_EQ(mgr.GetPendingServerEvent(1), 0);
+}
+
+TEST_F(HeldPaths, ChangeToTheOtherKindAtThePathRetiresTheHeldNode) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_REMOVE, "/a")));
+    RecordingTask worker;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/a", DIR_NODE)));
+    ASSERT_EQ(mgr.DoneEvent(&worker, e), -1);
+    EXPECT_TRUE(e.isDir());
+    EXPECT_EQ(e.m_type, Event::EV_CREATE);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 1);  // the file's removal is retired
+    ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+}
+
+TEST_F(HeldPaths, RedoPutsTheEventBackForLater) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/first")));
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/second")));
+    RecordingTask worker;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    EXPECT_EQ(e.m_path, ustring("/first"));
+    ASSERT_EQ(mgr.RedoEvent(&worker, e), 0);
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    EXPECT_EQ(e.m_path, ustring("/second"));
+    ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    EXPECT_EQ(e.m_path, ustring("/first"));
+    EXPECT_EQ(mgr.RedoEvent(&worker, In(77, Local(Event::EV_MODIFY, "/first"))), -1);
+    EXPECT_EQ(mgr.RedoEvent(&worker, In(1, Local(Event::EV_MODIFY, "/never"))), -1);
+}
+
+using Walks = ManagerFixture;
+
+TEST_F(Walks, RootRescanReplacesWaitingWalksOthersQueue) {
+    mgr.IssueExpand(1, "/a");
+    mgr.IssueExpand(1, "/b");
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 2);
+    mgr.IssueRescan(1, "/sub", true);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 3);
+    mgr.IssueRescan(1, "/", false);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 1);
+    RecordingTask worker;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    EXPECT_TRUE(e.isRescan());
+    EXPECT_FALSE(e.isMerge());
+    EXPECT_EQ(e.m_path, ustring("/"));
+}
+
+TEST_F(Walks, RescanOfASessionWithoutEventsCreatesItsPool) {
+    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 0);
+    mgr.IssueRescan(2, "/", false);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 1);
+}
+
+TEST_F(Walks, ExpandOfAFileIsDropped) {
+    Event e = In(1, Local(Event::EV_CREATE, "/file.txt"));
+    e.setExpand();
+    mgr.PushLocalEvent(e);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+}
+
+TEST_F(Walks, WalksFillTheGapsBehindTheTree) {
+    mgr.IssueExpand(1, "/new");
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/f")));
+    RecordingTask a, b;
+    Event first, second;
+    ASSERT_EQ(mgr.PullEvent(&a, first), 0);
+    EXPECT_EQ(first.m_path, ustring("/f"));
+    ASSERT_EQ(mgr.PullEvent(&b, second), 0);  // the tree's only event is held
+    EXPECT_TRUE(second.isExpand());
+}
+
+TEST_F(Walks, NewWalkOfTheSamePathInterruptsTheOneUnderWay) {
+    mgr.IssueExpand(1, "/d");
+    RecordingTask walker;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&walker, e), 0);
+    mgr.IssueExpand(1, "/d");
+    EXPECT_TRUE(walker.aborted);
+    EXPECT_EQ(mgr.DoneEvent(&walker, e), 0);  // a walk is no change to hand back
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 1);
+}
+
+TEST_F(Walks, ChangeToAWalkedPathGoesToTheWalker) {
+    mgr.IssueExpand(1, "/d");
+    RecordingTask walker, other;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&walker, e), 0);
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/d", DIR_NODE)));
+    ASSERT_EQ(mgr.DoneEvent(&walker, e), -1);
+    EXPECT_FALSE(e.isExpand());
+    EXPECT_EQ(e.m_type, Event::EV_MODIFY);
+    Event none;
+    EXPECT_EQ(mgr.PullEvent(&other, none), -1);  // taken out of the tree, not run twice
+    ASSERT_EQ(mgr.DoneEvent(&walker, e), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+}
+
+using StatusAndNotices = ManagerFixture;
+
+TEST_F(StatusAndNotices, PendingPathsAreMarkedSyncingUntilSynced) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/docs/a.txt")));
+    mgr.PushServerEvent(In(2, Server(Event::EV_CREATE, "/pics", 3, DIR_NODE)));
+    mgr.IssueExpand(1, "/walked");
+    FileStatusInfo info;
+    ASSERT_EQ(FileStatusDB::getFileSyncStat((Root(1) + "/docs/a.txt").c_str(), &info), 1);
+    EXPECT_EQ(info.syncStatus, SFS_SYNCING);
+    EXPECT_EQ(info.fileType, SFT_FILE);
+    ASSERT_EQ(FileStatusDB::getFileSyncStat((Root(2) + "/pics").c_str(), &info), 1);
+    EXPECT_EQ(info.fileType, SFT_DIR);
+    EXPECT_EQ(FileStatusDB::getFileSyncStat((Root(1) + "/walked").c_str(), &info), 0);
+
+    EXPECT_EQ(EventManager::SyncedEvent2FStatDB((Root(1) + "/docs/a.txt").c_str()), 0);
+    EXPECT_EQ(FileStatusDB::getFileSyncStat((Root(1) + "/docs/a.txt").c_str(), &info), 0);
+}
+
+TEST_F(StatusAndNotices, ListenerHearsOfEachPendingPath) {
+    UIListener listener;
+    SetUIPort(listener.port());
+    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/new.txt")));
+    mgr.PushServerEvent(In(2, Server(Event::EV_REMOVE, "/old", 8, DIR_NODE)));
+    mgr.IssueRescan(1, "/", false);  // walks are not news
+    PObject first = listener.Next();
+    EXPECT_EQ(first["notify"].asString(), ustring("syncing_file"));
+    EXPECT_EQ(first["session_id"].asUInt64(), 1u);
+    EXPECT_EQ(first["path"].asString(), ustring("/new.txt"));
+    PObject second = listener.Next();
+    EXPECT_EQ(second["session_id"].asUInt64(), 2u);
+    EXPECT_EQ(second["is_dir"].asUInt64(), 1u);
+    EXPECT_EQ(second["event_type"].asUInt64(), static_cast<uint64_t>(Event::EV_REMOVE));
+}
+
+TEST_F(StatusAndNotices, ClearForgetsEverything) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/x")));
+    RecordingTask worker;
+    Event e;
+    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
+    mgr.Clear();
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+    EXPECT_EQ(mgr.DoneEvent(&worker, e), 0);
+    EXPECT_EQ(mgr.PullEvent(&worker, e), -1);
+}
+
+}  // namespace
