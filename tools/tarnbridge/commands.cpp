@@ -11,6 +11,7 @@ const ControllerCommand kControllerCommands[] = {
     {"send", "send [--config FILE | --port N] ACTION [key=value | key:=JSON ...]", run_send},
     {"stop", "stop [--config FILE | --port N]", run_stop},
     {"filter", "filter check FILE [PATH ...]", cmd_filter},
+    {"watch", "watch [--config FILE] [--port P] [--json]", run_watch},
 };
 
 const int kControllerCommandCount = sizeof kControllerCommands / sizeof kControllerCommands[0];

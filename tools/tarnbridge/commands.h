@@ -11,3 +11,5 @@ struct ControllerCommand {
 // The table main() dispatches on; each command group adds its rows in commands.cpp.
 extern const ControllerCommand kControllerCommands[];
 extern const int kControllerCommandCount;
+
+int run_watch(int argc, char** argv);  // tarnbridge watch: watch-command.cpp
