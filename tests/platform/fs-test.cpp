@@ -242,12 +242,6 @@ TEST(VolumeTypes, KnownTypesAreClassified) {
     EXPECT_EQ(unknown.klass, platform::VolumeClass::kFixed);
 }
 
-TEST(PathSeparators, OnlySlashSeparates) {
-    EXPECT_TRUE(platform::is_path_separator('/'));
-    EXPECT_FALSE(platform::is_path_separator('\\'));
-    EXPECT_FALSE(platform::is_path_separator(':'));
-}
-
 TEST(InstalledFileSystem, ScopedInstallTakesEffectAndRestores) {
     platform::FileSystem* before = &platform::file_system();
     EXPECT_EQ(before, &platform::default_file_system());
