@@ -41,12 +41,15 @@ struct DeltaFileReaderImpl {
     int patch_result = 1;
 };
 
-// The working buffer, filled across commands: handlers see the new file in pieces of up to
-// the whole buffer however small the commands are, and the bytes are the same either way.
+// The new file's bytes, gathered across commands into pieces of a whole buffer however small
+// the commands are (the bytes are the same either way), in two buffers: one is filled while
+// the handlers still work on the other.
 struct DeltaFileReader::Output {
-    uint8_t* data;
+    uint8_t* buffers[2];
     size_t capacity;
+    uint8_t* data = buffers[0];
     size_t fill = 0;
+    bool pending = false;  // the other buffer is with the handlers
 };
 
 DeltaFileReader::DeltaFileReader() : impl(std::make_unique<DeltaFileReaderImpl>()) {}
@@ -75,13 +78,13 @@ int DeltaFileReader::readFile() {
         return ERROR_ARGUMENT;
     }
     int result = begin() < 0 ? ERROR_HANDLER_CALL : validateInput(d);
-    std::unique_ptr<uint8_t, FreeDeleter> buffer;
+    std::unique_ptr<uint8_t, FreeDeleter> buffers[2];
     if (result == 0) {
-        buffer.reset(static_cast<uint8_t*>(std::malloc(kBufferSize)));
-        if (!buffer) result = ERROR_SYSTEM_CALL;
+        for (auto& b : buffers) b.reset(static_cast<uint8_t*>(std::malloc(kBufferSize)));
+        if (!buffers[0] || !buffers[1]) result = ERROR_SYSTEM_CALL;
     }
     if (result == 0) {
-        result = runPatch(d, buffer.get());
+        result = runPatch(d, buffers[0].get(), buffers[1].get());
     } else {
         d.patch_result = result;
     }
@@ -92,9 +95,9 @@ int DeltaFileReader::readFile() {
     return result;
 }
 
-int DeltaFileReader::runPatch(DeltaFileReaderImpl& d, uint8_t* buffer) {
+int DeltaFileReader::runPatch(DeltaFileReaderImpl& d, uint8_t* buffer, uint8_t* spare) {
     std::vector<PatchCommand> commands;
-    Output out{buffer, kBufferSize};
+    Output out{{buffer, spare}, kBufferSize};
     PatchCommand cmd;
     int forward = 0;
     bool stopped_between_commands = false;
@@ -114,6 +117,8 @@ int DeltaFileReader::runPatch(DeltaFileReaderImpl& d, uint8_t* buffer) {
         if (!d.rpatch_file.empty()) commands.push_back(cmd);
     }
     int flushed = flushOutput(out);
+    if (out.pending && wait() < 0) flushed = ERROR_HANDLER_CALL;
+    out.pending = false;
     if (forward == 0) forward = flushed;
     d.patch_result = forward;
     if (stopped_between_commands) return ERROR_ABORT;
@@ -229,12 +234,21 @@ int DeltaFileReader::doPatchCommand(DeltaFileReaderImpl& d, const PatchCommand& 
     return 0;
 }
 
+// Hands the filled buffer to the handlers once the other one has come back from them.
 int DeltaFileReader::flushOutput(Output& out) {
     if (out.fill == 0) return 0;
+    if (out.pending) {
+        out.pending = false;
+        if (wait() < 0) {
+            out.fill = 0;
+            return ERROR_HANDLER_CALL;
+        }
+    }
     int updated = update(out.data, out.fill);
-    int waited = wait();
+    out.pending = true;
+    out.data = out.data == out.buffers[0] ? out.buffers[1] : out.buffers[0];
     out.fill = 0;
-    return updated < 0 || waited < 0 ? ERROR_HANDLER_CALL : 0;
+    return updated < 0 ? ERROR_HANDLER_CALL : 0;
 }
 
 void DeltaFileReader::insertSameBlock(BlockList& blocks, const Block& b) {

@@ -83,7 +83,7 @@ class DeltaFileReader : public FileReader {
     struct Output;
 
     int validateInput(DeltaFileReaderImpl& impl);
-    int runPatch(DeltaFileReaderImpl& impl, uint8_t* buffer);
+    int runPatch(DeltaFileReaderImpl& impl, uint8_t* buffer, uint8_t* spare);
     int readPatchCommand(DeltaFileReaderImpl& impl, PatchCommand& cmd);
     int doPatchCommand(DeltaFileReaderImpl& impl, const PatchCommand& cmd, Output& out);
     int flushOutput(Output& out);

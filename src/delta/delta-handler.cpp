@@ -21,22 +21,6 @@ constexpr size_t kBackgroundChunkMin = 64 * 1024;
 constexpr size_t kNotFound = std::numeric_limits<size_t>::max();
 constexpr uint32_t kSlotMix = 0x85EBCA6Bu;
 
-// The filter word of a weak sum comes from the top bits of one 64-bit product, its three
-// bits from the 18 bits below bit 38; a word index never reaches that low.
-constexpr uint64_t kFilterMix = 0x9E3779B97F4A7C15ull;
-constexpr unsigned kFilterMaxWordBits = 24;
-
-inline uint64_t filterMask(uint64_t h) {
-    return (uint64_t{1} << ((h >> 20) & 63)) | (uint64_t{1} << ((h >> 26) & 63)) |
-           (uint64_t{1} << ((h >> 32) & 63));
-}
-
-inline bool filterHit(const uint64_t* words, unsigned shift, uint32_t digest) {
-    uint64_t h = uint64_t{digest} * kFilterMix;
-    uint64_t mask = filterMask(h);
-    return (words[h >> shift] & mask) == mask;
-}
-
 unsigned ceilLog2(size_t n) {
     unsigned bits = 0;
     while ((size_t{1} << bits) < n) ++bits;
@@ -59,6 +43,7 @@ bool growExact(uint8_t*& data, size_t& capacity, size_t needed) {
 
 DeltaHandler::~DeltaHandler() {
     m_lane.wait();
+    finishWrite();
     release();
     fd_close(fd);
 }
@@ -67,7 +52,7 @@ void DeltaHandler::release() {
     std::free(sig_body);
     sig_body = nullptr;
     std::vector<DeltaBlock>().swap(sig_stat);
-    std::vector<uint64_t>().swap(m_filter);
+    m_weak.reset(0);
     std::vector<WeakSlot>().swap(m_slots);
     std::free(read_buffer);
     read_buffer = nullptr;
@@ -75,6 +60,9 @@ void DeltaHandler::release() {
     std::free(write_buffer);
     write_buffer = nullptr;
     write_buffer_capacity = 0;
+    std::free(m_spare);
+    m_spare = nullptr;
+    m_spare_capacity = 0;
 }
 
 int DeltaHandler::begin() {
@@ -160,18 +148,18 @@ int DeltaHandler::loadBody(fd_t& sig) {
 }
 
 void DeltaHandler::buildPrefilter() {
-    // About 32 filter bits per distinct sum: one false positive in a thousand windows.
-    unsigned word_bits = std::clamp(ceilLog2(sig_block_count / 2), 6u, kFilterMaxWordBits);
-    m_filter.assign(size_t{1} << word_bits, 0);
-    m_filter_shift = 64 - word_bits;
-    m_slot_bits = std::max(ceilLog2(sig_block_count) + 1, 4u);
+    size_t distinct = 0;
+    for (size_t pos = 0; pos < sig_block_count; ++pos) {
+        if (pos == 0 || sig_stat[pos - 1].weaksum != sig_stat[pos].weaksum) ++distinct;
+    }
+    m_weak.reset(2 * distinct);
+    m_slot_bits = std::max(ceilLog2(distinct) + 1, 4u);
     m_slots.assign(size_t{1} << m_slot_bits, WeakSlot{0, 0});
     size_t mask = m_slots.size() - 1;
     for (size_t pos = 0; pos < sig_block_count; ++pos) {
         uint32_t weak = sig_stat[pos].weaksum;
         if (pos > 0 && sig_stat[pos - 1].weaksum == weak) continue;
-        uint64_t h = uint64_t{weak} * kFilterMix;
-        m_filter[h >> m_filter_shift] |= filterMask(h);
+        m_weak.add(weak);
         size_t slot = (weak * kSlotMix) >> (32 - m_slot_bits);
         while (m_slots[slot].position_plus_one != 0) slot = (slot + 1) & mask;
         m_slots[slot] = WeakSlot{weak, static_cast<uint32_t>(pos + 1)};
@@ -179,7 +167,7 @@ void DeltaHandler::buildPrefilter() {
 }
 
 bool DeltaHandler::mayMatch(uint32_t digest) const {
-    return filterHit(m_filter.data(), m_filter_shift, digest);
+    return m_weak.mayContain(digest);
 }
 
 // The position in sig_stat of the first block whose weak sum is `digest`, or kNotFound:
@@ -253,61 +241,56 @@ int DeltaHandler::process(const uint8_t* input, size_t length) {
     }
     std::memmove(read_buffer, head, size);
     read_buffer_size = size;
+    return startWrite();
+}
+
+// Sends the chunk's commands to the writer thread and takes the other buffer for the next
+// chunk, once the writer is done with it.
+int DeltaHandler::startWrite() {
     if (write_buffer_size == 0) return 0;
-    return fd_write(fd, write_buffer, write_buffer_size) == static_cast<int64_t>(write_buffer_size)
-               ? 0
-               : -1;
+    if (finishWrite() < 0) return -1;
+    if (fd_aio_write(m_aio, fd, write_buffer, write_buffer_size) < 0) return -1;
+    m_write_pending = true;
+    std::swap(write_buffer, m_spare);
+    std::swap(write_buffer_capacity, m_spare_capacity);
+    write_buffer_size = 0;
+    return 0;
+}
+
+int DeltaHandler::finishWrite() {
+    if (!m_write_pending) return 0;
+    m_write_pending = false;
+    return fd_aio_wait(m_aio) < 0 ? -1 : 0;
 }
 
 // After a window that matched nothing, rolls the window one byte at a time up to the next
 // window that findMatch would accept. Returns true with the window there, false when fewer
 // than block_size bytes are left (the window then holds all of them).
-//
-// Windows are taken in batches: first the sums of the whole batch are rolled and their filter
-// probes computed (arithmetic only, in locals the byte loads can't alias), then the probes
-// are tested. The filter loads of a batch don't depend on each other, so their cache misses
-// overlap instead of stalling the rolling chain one by one.
 bool DeltaHandler::scanForMatch(const uint8_t*& head, size_t& size) {
-    constexpr size_t kBatch = 64;
     const uint32_t bs = static_cast<uint32_t>(block_size);
-    const uint32_t offset = RSRollingChecksum::CHAR_OFFSET;
-    const uint64_t* filter = m_filter.data();
-    const unsigned shift = m_filter_shift;
     uint32_t a = checksum.a;
     uint32_t b = checksum.b;
     const uint8_t* p = head;
-    const uint8_t* last = head + (size - block_size);
-    uint32_t sum_a[kBatch];
-    uint32_t sum_b[kBatch];
-    uint32_t words[kBatch];
-    uint64_t masks[kBatch];
-    while (p != last) {
-        size_t n = std::min<size_t>(kBatch, static_cast<size_t>(last - p));
-        for (size_t i = 0; i < n; ++i) {
-            uint32_t out = uint32_t(p[i]) + offset;
-            a += uint32_t(p[i + bs]) - uint32_t(p[i]);
-            b += a - out * bs;
-            uint64_t h = uint64_t{(a & 0xFFFF) | (b << 16)} * kFilterMix;
-            sum_a[i] = a;
-            sum_b[i] = b;
-            words[i] = static_cast<uint32_t>(h >> shift);
-            masks[i] = filterMask(h);
+    size_t windows = size - block_size;  // after the current one
+    while (windows > 0) {
+        size_t step = m_weak.scanWindows(p, windows, bs, a, b);
+        if (step == 0) {
+            p += windows;
+            break;
         }
-        for (size_t i = 0; i < n; ++i) {
-            if ((filter[words[i]] & masks[i]) != masks[i]) continue;
-            uint32_t digest = (sum_a[i] & 0xFFFF) | (sum_b[i] << 16);
-            if (!strongMatch(p + i + 1, digest, nullptr)) continue;
-            size -= static_cast<size_t>(p + i + 1 - head);
-            head = p + i + 1;
-            checksum.a = sum_a[i];
-            checksum.b = sum_b[i];
+        p += step;
+        windows -= step;
+        if (strongMatch(p, (a & 0xFFFF) | (b << 16), nullptr)) {
+            size -= static_cast<size_t>(p - head);
+            head = p;
+            checksum.a = a;
+            checksum.b = b;
             checksum.count = block_size;
             return true;
         }
-        p += n;
     }
     // The last window drops its first byte and the rest waits for the next chunk.
-    uint32_t out = uint32_t(*p) + offset;
+    uint32_t out = uint32_t(*p) + RSRollingChecksum::CHAR_OFFSET;
     checksum.a = a - out;
     checksum.b = b - out * bs;
     checksum.count = block_size - 1;
@@ -423,8 +406,9 @@ int DeltaHandler::appendWriteBuffer(const void* buffer, size_t length) {
 
 int DeltaHandler::end() {
     m_lane.wait();
-    if (!fd_is_open(fd)) {
+    if (finishWrite() < 0 || !fd_is_open(fd)) {
         release();
+        fd_close(fd);
         return -1;
     }
     if (match_count != 0) {

@@ -18,6 +18,7 @@
 
 #include "delta/background-lane.h"
 #include "delta/rolling-checksum.h"
+#include "delta/weak-filter.h"
 #include "delta/xio.h"
 
 struct DeltaBlock {
@@ -87,15 +88,22 @@ class DeltaHandler {
     int clearMatch();
     int clearMismatch(const uint8_t* match_buffer_head);
     int appendWriteBuffer(const void* buffer, size_t length);
+    int startWrite();
+    int finishWrite();
     void release();
 
     // Weak sums of the signature: a filter that rules out almost every other sum with one
-    // word (three bits of one 64-bit word per sum), and an open-addressing table from a weak
-    // sum to its first position in sig_stat.
-    std::vector<uint64_t> m_filter;
-    unsigned m_filter_shift = 0;
+    // word, and an open-addressing table from a weak sum to its first position in sig_stat.
+    WeakFilter m_weak;
     std::vector<WeakSlot> m_slots;
     unsigned m_slot_bits = 0;
+
+    // The commands of the previous chunk, still being written by m_aio while the next chunk
+    // is matched into write_buffer.
+    uint8_t* m_spare = nullptr;
+    size_t m_spare_capacity = 0;
+    bool m_write_pending = false;
+    fd_aio_t m_aio;
 
     BackgroundLane m_lane;
     BackgroundLane::SliceFn m_job;

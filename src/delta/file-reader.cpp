@@ -81,39 +81,58 @@ int FileReader::end() {
     return failed ? ERROR_HANDLER_CALL : 0;
 }
 
+// Two chunk buffers: the next chunk is read while the handlers still work on the previous
+// one (its write, its signature slices), and each handler still sees update then wait.
 int SimpleFileReader::readFile() {
     if (file.empty()) return ERROR_ARGUMENT;
     int result = 0;
     fd_t input;
-    std::unique_ptr<uint8_t, FreeDeleter> buffer;
+    std::unique_ptr<uint8_t, FreeDeleter> buffers[2];
     if (begin() < 0) {
         result = ERROR_HANDLER_CALL;
     } else if (fd_open_read(file, input) < 0) {
         result = ERROR_SYSTEM_CALL;
-    } else if (buffer.reset(static_cast<uint8_t*>(std::malloc(kChunkSize))); !buffer) {
-        result = ERROR_SYSTEM_CALL;
     } else {
-        for (;;) {
-            if (aborted()) {
-                result = ERROR_ABORT;
-                break;
-            }
-            int64_t n = fd_read(input, buffer.get(), kChunkSize);
-            if (n < 0) {
-                result = ERROR_SYSTEM_CALL;
-                break;
-            }
-            if (n == 0) break;
-            // wait() runs even after a failed update: handlers may still hold the buffer.
-            int updated = update(buffer.get(), static_cast<size_t>(n));
-            int waited = wait();
-            if (updated < 0 || waited < 0) {
+        for (auto& b : buffers) b.reset(static_cast<uint8_t*>(std::malloc(kChunkSize)));
+        result = buffers[0] && buffers[1] ? pump(input, buffers[0].get(), buffers[1].get())
+                                          : ERROR_SYSTEM_CALL;
+    }
+    end();
+    fd_close(input);
+    return result;
+}
+
+int SimpleFileReader::pump(fd_t& input, uint8_t* first, uint8_t* second) {
+    uint8_t* current = first;
+    bool pending = false;
+    int result = 0;
+    for (;;) {
+        if (aborted()) {
+            result = ERROR_ABORT;
+            break;
+        }
+        int64_t n = fd_read(input, current, kChunkSize);
+        if (n < 0) {
+            result = ERROR_SYSTEM_CALL;
+            break;
+        }
+        if (pending) {
+            pending = false;
+            if (wait() < 0) {
                 result = ERROR_HANDLER_CALL;
                 break;
             }
         }
+        if (n == 0) break;
+        int updated = update(current, static_cast<size_t>(n));
+        pending = true;
+        current = current == first ? second : first;
+        if (updated < 0) {
+            result = ERROR_HANDLER_CALL;
+            break;
+        }
     }
-    end();
-    fd_close(input);
+    // A chunk the handlers still hold is finished whatever stopped the loop.
+    if (pending && wait() < 0 && result == 0) result = ERROR_HANDLER_CALL;
     return result;
 }

@@ -5,6 +5,7 @@
 #pragma once
 
 #include <cstddef>
+#include <cstdint>
 #include <memory>
 
 #include "delta/xio.h"
@@ -83,4 +84,7 @@ class SimpleFileReader : public FileReader {
     int readFile() override;
 
     xio_string_type file;
+
+  private:
+    int pump(fd_t& input, uint8_t* first, uint8_t* second);
 };
