@@ -1,0 +1,59 @@
+// The command line as a person uses it: init prints a configuration to paste, the
+// server-side commands change the tree, ls shows it, and mistakes get a clear refusal.
+#include <gtest/gtest.h>
+
+#include <sys/wait.h>
+
+#include <cstdio>
+#include <string>
+
+#include "server-harness.h"
+
+namespace {
+
+const std::string kBinary = TB_BINARY_DIR "/tools/tarnbridge-server/tarnbridge-server";
+
+// Runs the tool with a shell command line; the output (stdout and stderr) and exit status.
+int RunTool(const std::string& args, std::string& out) {
+    out.clear();
+    FILE* p = ::popen((kBinary + " " + args + " 2>&1").c_str(), "r");
+    if (!p) return -1;
+    char buf[4096];
+    size_t n;
+    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
+    int status = ::pclose(p);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+}
+
+TEST(ServerCommandLine, InitPrintsAConfigurationAndTheTreeCommandsWork) {
+    TempDir dir;
+    std::string data = "--data " + dir.path() + "/data";
+    std::string out;
+    ASSERT_EQ(RunTool("init " + data + " --view docs --port 9000", out), 0) << out;
+    EXPECT_NE(out.find("server_ip = 127.0.0.1\n"), std::string::npos) << out;
+    EXPECT_NE(out.find("server_port = 9000\n"), std::string::npos);
+    EXPECT_NE(out.find("view_id = 1\n"), std::string::npos);
+    size_t s = out.find("session = \"");
+    ASSERT_NE(s, std::string::npos);
+    EXPECT_EQ(out.find('"', s + 11) - (s + 11), 32u);
+
+    dir.write("local.txt", "hello");
+    ASSERT_EQ(RunTool("put " + data + " docs " + dir.path() + "/local.txt /a/b.txt", out), 0)
+        << out;
+    ASSERT_EQ(RunTool("mkdir " + data + " 1 /c", out), 0) << out;
+    ASSERT_EQ(RunTool("mv " + data + " docs /a /z", out), 0) << out;
+    ASSERT_EQ(RunTool("ls " + data + " docs", out), 0) << out;
+    EXPECT_NE(out.find("/z/b.txt"), std::string::npos) << out;
+    EXPECT_EQ(out.find("/a/"), std::string::npos) << out;
+    EXPECT_NE(out.find("866437cb7a794bce2b727acc0362ee27"), std::string::npos) << out;
+
+    EXPECT_EQ(RunTool("rm " + data + " docs /nothing", out), 1);
+    EXPECT_NE(out.find("no such path"), std::string::npos) << out;
+    EXPECT_EQ(RunTool("put " + data + " docs " + dir.path() + "/local.txt /z/b.txt/under", out), 1);
+    EXPECT_EQ(RunTool("ls " + data + " nosuchview", out), 1);
+    EXPECT_EQ(RunTool("ls", out), 2);
+    EXPECT_NE(out.find("--data DIR is required"), std::string::npos) << out;
+    EXPECT_EQ(RunTool(data + " --port 99999", out), 2);
+}
+
+}  // namespace
