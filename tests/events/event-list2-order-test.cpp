@@ -2,13 +2,17 @@
 // while held, done, given back.
 #include <gtest/gtest.h>
 
+#include <fstream>
 #include <map>
 #include <random>
+#include <sstream>
 #include <string>
 #include <vector>
 
 #include "event-builders.h"
 #include "events/event-list2.h"
+#include "foundation/log.h"
+#include "support/temp-dir.h"
 
 using namespace evtest;
 
@@ -324,6 +328,35 @@ TEST(EventRecord, FlagsTextsAndCopies) {
     EXPECT_TRUE(attr.path.empty());
     EXPECT_EQ(attr.sessID, 1u);  // the rest stays
     EXPECT_EQ(attr.nodeID, 5u);
+}
+
+}  // namespace
+
+namespace {
+
+TEST(TreeDump, TraverseTreeWritesEveryNodeToTheLog) {
+    TempDir dir;
+    dir.write("levels", "event_list_debug = 6\n");
+    ASSERT_EQ(
+        Logger::Initialize(Logger::FILE_LOGGER, (dir / "log").c_str(), (dir / "levels").c_str(), 2),
+        0);
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d", 4, DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/f")), 0);
+    tree.TraverseTree();
+    Logger::Destroy();
+    std::ifstream in(dir / "log");
+    std::stringstream text;
+    text << in.rdbuf();
+    const std::string log = text.str();
+    EXPECT_NE(log.find("TraverseTree , server_event_count = [1], local_event_count=[1]"),
+              std::string::npos);
+    EXPECT_NE(log.find("[Dir] server=[1],Conflict=[0],SubDirRescan=[0],name=[d],status =[0],"
+                       "type[1],refSerCount=[0],refLocCount=[0],path=[/d]"),
+              std::string::npos);
+    EXPECT_NE(log.find("[File] server=[0],Conflict=[0],SubDirRescan=[0],name=[f],status=[0],"
+                       "type=[3],path=[/d/f]"),
+              std::string::npos);
 }
 
 }  // namespace
