@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <limits>
+#include <memory>
 #include <new>
 
 #include "delta/background-lane.h"
@@ -60,12 +61,13 @@ struct fd_aio_impl {
 };
 
 fd_aio_t::fd_aio_t() {
-    impl.reset(new (std::nothrow) fd_aio_impl);
-    if (!impl) {
+    try {
+        impl = std::make_unique<fd_aio_impl>();
+        impl->job = [state = impl.get()](size_t) { state->run(); };
+    } catch (const std::bad_alloc&) {
         report(xio_location::current(), "CreateEvent", ENOMEM);
-        throw std::bad_alloc();
+        throw;
     }
-    impl->job = [state = impl.get()](size_t) { state->run(); };
 }
 
 fd_aio_t::~fd_aio_t() {
