@@ -31,14 +31,14 @@ void PrintClientConfig(FILE* out, const std::string& address, int port, const In
     std::fprintf(out, "view_id = %" PRIu64 "\n", init.view_id);
 }
 
-int ResolveView(ServerStore& store, const std::string& spec, uint64_t& view_id) {
+int ResolveView(ServerStore& store, const std::string& name_or_id, uint64_t& view_id) {
     std::vector<std::pair<uint64_t, std::string>> views;
     if (store.ListViews(views) < 0) return -1;
     char* end = nullptr;
-    unsigned long long id = std::strtoull(spec.c_str(), &end, 10);
-    bool numeric = !spec.empty() && end && *end == '\0';
+    unsigned long long id = std::strtoull(name_or_id.c_str(), &end, 10);
+    bool numeric = !name_or_id.empty() && end && *end == '\0';
     for (const auto& v : views) {
-        if ((numeric && v.first == id) || v.second == spec) {
+        if ((numeric && v.first == id) || v.second == name_or_id) {
             view_id = v.first;
             return 1;
         }

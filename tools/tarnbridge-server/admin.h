@@ -27,7 +27,7 @@ int Init(ServerStore& store, const std::string& account_name, const std::string&
 void PrintClientConfig(FILE* out, const std::string& address, int port, const InitResult& init);
 
 // A view named by its id or its name. 1 found, 0 not, -1.
-int ResolveView(ServerStore& store, const std::string& spec, uint64_t& view_id);
+int ResolveView(ServerStore& store, const std::string& name_or_id, uint64_t& view_id);
 
 // Stores a local file at `path` (missing parents are created). Identical content at the
 // path changes nothing. `out` is the object afterwards.
