@@ -17,6 +17,12 @@
 namespace {
 
 constexpr size_t kInitialBuffer = 500;
+// A stretch without matches is scanned alone for this many windows first; only a longer one,
+// with at least kSplitMin windows left, is worth handing half of to the helper thread.
+constexpr size_t kSoloWindows = 64 * 1024;
+constexpr size_t kSplitMin = 256 * 1024;
+// The helper looks at its stop flag between pieces of this many windows.
+constexpr size_t kPieceWindows = 64 * 1024;
 constexpr size_t kBackgroundChunkMin = 64 * 1024;
 constexpr size_t kNotFound = std::numeric_limits<size_t>::max();
 constexpr uint32_t kSlotMix = 0x85EBCA6Bu;
@@ -77,6 +83,10 @@ int DeltaHandler::begin() {
     RSConstant::putBE32(magic, RSConstant::MAGIC_DELTA);
     if (fd_write(fd, magic, sizeof magic) != static_cast<int64_t>(sizeof magic)) return -1;
     m_job = [this](size_t) { m_job_status = process(m_job_input, m_job_length); };
+    m_helper_job = [this](size_t) {
+        m_split.found =
+            scanRange(m_split.start, m_split.windows, m_split.a, m_split.b, &m_split_stop);
+    };
     return 0;
 }
 
@@ -272,22 +282,23 @@ bool DeltaHandler::scanForMatch(const uint8_t*& head, size_t& size) {
     uint32_t b = checksum.b;
     const uint8_t* p = head;
     size_t windows = size - block_size;  // after the current one
-    while (windows > 0) {
-        size_t step = m_weak.scanWindows(p, windows, bs, a, b);
-        if (step == 0) {
-            p += windows;
-            break;
-        }
-        p += step;
-        windows -= step;
-        if (strongMatch(p, (a & 0xFFFF) | (b << 16), nullptr)) {
-            size -= static_cast<size_t>(p - head);
-            head = p;
-            checksum.a = a;
-            checksum.b = b;
-            checksum.count = block_size;
-            return true;
-        }
+    size_t solo = std::min(windows, kSoloWindows);
+    size_t found = scanRange(p, solo, a, b, nullptr);
+    if (found == 0) {
+        p += solo;
+        windows -= solo;
+        found = windows >= kSplitMin ? scanSplit(p, windows, a, b)
+                                     : scanRange(p, windows, a, b, nullptr);
+        if (found == 0) p += windows;
+    }
+    if (found != 0) {
+        p += found;
+        size -= static_cast<size_t>(p - head);
+        head = p;
+        checksum.a = a;
+        checksum.b = b;
+        checksum.count = block_size;
+        return true;
     }
     // The last window drops its first byte and the rest waits for the next chunk.
     uint32_t out = uint32_t(*p) + RSRollingChecksum::CHAR_OFFSET;
@@ -297,6 +308,52 @@ bool DeltaHandler::scanForMatch(const uint8_t*& head, size_t& size) {
     size -= static_cast<size_t>(p + 1 - head);
     head = p + 1;
     return false;
+}
+
+// Scans the `windows` windows after the one at `p` (whose sums are `a` and `b`) for the first
+// that has a signature block's weak and strong sums. Returns its offset with `a` and `b` set to
+// its sums, or 0 with them set to the sums of the last window. With `stop` it gives up (0)
+// once the flag is raised; it is only looked at between pieces.
+size_t DeltaHandler::scanRange(const uint8_t* p, size_t windows, uint32_t& a, uint32_t& b,
+                               const std::atomic<bool>* stop) const {
+    const uint32_t bs = static_cast<uint32_t>(block_size);
+    size_t moved = 0;
+    while (moved < windows) {
+        if (stop != nullptr && stop->load(std::memory_order_relaxed)) return 0;
+        size_t piece = std::min(windows - moved, kPieceWindows);
+        size_t step = m_weak.scanWindows(p + moved, piece, bs, a, b);
+        if (step == 0) {
+            moved += piece;
+            continue;
+        }
+        moved += step;
+        if (strongMatch(p + moved, (a & 0xFFFF) | (b << 16), nullptr)) return moved;
+    }
+    return 0;
+}
+
+// The same as scanRange over a long stretch, cut in two halves scanned at once. While nothing
+// matches, rolling keeps every window's sums equal to its own fresh sums plus a fixed offset
+// (whatever the window carried over a chunk boundary left in them), so the second half can
+// start from fresh sums plus that offset. A match in the first half wins; the second half's
+// result counts only when the first has none, which makes the outcome the sequential one.
+size_t DeltaHandler::scanSplit(const uint8_t* p, size_t windows, uint32_t& a, uint32_t& b) {
+    RSRollingChecksum here;
+    here.update(p, block_size);
+    size_t half = windows / 2;
+    RSRollingChecksum there;
+    there.update(p + half, block_size);
+    m_split =
+        SplitScan{p + half, windows - half, there.a + (a - here.a), there.b + (b - here.b), 0};
+    m_split_stop.store(false, std::memory_order_relaxed);
+    m_helper.start(1, m_helper_job, true);
+    size_t found = scanRange(p, half, a, b, nullptr);
+    if (found != 0) m_split_stop.store(true, std::memory_order_relaxed);
+    m_helper.wait();
+    if (found != 0) return found;
+    a = m_split.a;
+    b = m_split.b;
+    return m_split.found == 0 ? 0 : half + m_split.found;
 }
 
 // Whether a signature block with weak sum `digest` has the strong sum of `window`; the

@@ -12,6 +12,7 @@
 // - copy offsets and lengths are formed in 32 bits, so bases of 4 GiB or more wrap.
 #pragma once
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <vector>
@@ -82,6 +83,9 @@ class DeltaHandler {
 
     int process(const uint8_t* input, size_t length);
     bool scanForMatch(const uint8_t*& head, size_t& size);
+    size_t scanRange(const uint8_t* p, size_t windows, uint32_t& a, uint32_t& b,
+                     const std::atomic<bool>* stop) const;
+    size_t scanSplit(const uint8_t* p, size_t windows, uint32_t& a, uint32_t& b);
     int matchBlock(const uint8_t* buffer);
     int findMatch(const uint8_t* buffer);
     int extendMatch(const uint8_t* buffer);
@@ -107,6 +111,19 @@ class DeltaHandler {
 
     BackgroundLane m_lane;
     BackgroundLane::SliceFn m_job;
+
+    // The second half of a long stretch without matches, scanned on a helper thread.
+    struct SplitScan {
+        const uint8_t* start;
+        size_t windows;
+        uint32_t a;
+        uint32_t b;
+        size_t found;
+    };
+    BackgroundLane m_helper;
+    BackgroundLane::SliceFn m_helper_job;
+    SplitScan m_split{};
+    std::atomic<bool> m_split_stop{false};
     const uint8_t* m_job_input = nullptr;
     size_t m_job_length = 0;
     int m_job_status = 0;

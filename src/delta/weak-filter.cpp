@@ -102,12 +102,13 @@ __attribute__((target("avx2"))) inline __m256i bitOf(__m256i position) {
 
 // Eight windows at a time. Rolling one byte adds in - out to a, and a - (out + 31) * block
 // size to b, so the eight next values of a are a running sum of the differences, and those
-// of b a running sum over the new a's: both are prefix sums across the lanes. The digests
-// then go through the same hashes as in the portable kernel, and one gather fetches the
-// eight filter words.
+// of b a running sum over the new a's: both are prefix sums across the lanes. The digests go
+// through the same hashes as in the portable kernel; the filter words of a batch of windows
+// are then tested with plain loads, whose cache misses overlap better than gathers' do.
 __attribute__((target("avx2"))) size_t WeakFilter::scanVector(const uint8_t* p, size_t count,
                                                               uint32_t block_size, uint32_t& a,
                                                               uint32_t& b) const {
+    constexpr size_t kBatch = 64;
     const __m256i offset = _mm256_set1_epi32(RSRollingChecksum::CHAR_OFFSET);
     const __m256i size = _mm256_set1_epi32(static_cast<int>(block_size));
     const __m256i low16 = _mm256_set1_epi32(0xFFFF);
@@ -116,40 +117,46 @@ __attribute__((target("avx2"))) size_t WeakFilter::scanVector(const uint8_t* p, 
     const __m256i bits_mix = _mm256_set1_epi32(static_cast<int>(kBitsMix));
     const __m256i last_lane = _mm256_set1_epi32(7);
     const __m128i shift = _mm_cvtsi32_si128(static_cast<int>(m_shift));
-    const int* words = reinterpret_cast<const int*>(m_words.data());
+    const uint32_t* words = m_words.data();
+    alignas(32) uint32_t sum_a[kBatch];
+    alignas(32) uint32_t sum_b[kBatch];
+    alignas(32) uint32_t index[kBatch];
+    alignas(32) uint32_t mask[kBatch];
     __m256i va = _mm256_set1_epi32(static_cast<int>(a));
     __m256i vb = _mm256_set1_epi32(static_cast<int>(b));
     size_t done = 0;
-    for (; done + 8 <= count; done += 8) {
-        const uint8_t* q = p + done;
-        __m256i out = _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(q)));
-        __m256i in =
-            _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(q + block_size)));
-        __m256i sa = _mm256_add_epi32(prefixSum(_mm256_sub_epi32(in, out)), va);
-        __m256i drop = _mm256_mullo_epi32(_mm256_add_epi32(out, offset), size);
-        __m256i sb = _mm256_add_epi32(prefixSum(_mm256_sub_epi32(sa, drop)), vb);
-        va = _mm256_permutevar8x32_epi32(sa, last_lane);
-        vb = _mm256_permutevar8x32_epi32(sb, last_lane);
-        __m256i digest = _mm256_or_si256(_mm256_and_si256(sa, low16), _mm256_slli_epi32(sb, 16));
-        __m256i index = _mm256_srl_epi32(_mm256_mullo_epi32(digest, index_mix), shift);
-        __m256i h = _mm256_mullo_epi32(digest, bits_mix);
-        __m256i mask = _mm256_or_si256(
-            _mm256_or_si256(bitOf(_mm256_srli_epi32(h, 27)),
-                            bitOf(_mm256_and_si256(_mm256_srli_epi32(h, 22), five_bits))),
-            bitOf(_mm256_and_si256(_mm256_srli_epi32(h, 17), five_bits)));
-        __m256i word = _mm256_i32gather_epi32(words, index, 4);
-        __m256i hit = _mm256_cmpeq_epi32(_mm256_and_si256(word, mask), mask);
-        int lanes = _mm256_movemask_ps(_mm256_castsi256_ps(hit));
-        if (lanes != 0) {
-            alignas(32) uint32_t all_a[8];
-            alignas(32) uint32_t all_b[8];
-            _mm256_store_si256(reinterpret_cast<__m256i*>(all_a), sa);
-            _mm256_store_si256(reinterpret_cast<__m256i*>(all_b), sb);
-            int first = __builtin_ctz(static_cast<unsigned>(lanes));
-            a = all_a[first];
-            b = all_b[first];
-            return done + static_cast<size_t>(first) + 1;
+    while (done + kBatch <= count) {
+        for (size_t i = 0; i < kBatch; i += 8) {
+            const uint8_t* q = p + done + i;
+            __m256i out =
+                _mm256_cvtepu8_epi32(_mm_loadl_epi64(reinterpret_cast<const __m128i*>(q)));
+            __m256i in = _mm256_cvtepu8_epi32(
+                _mm_loadl_epi64(reinterpret_cast<const __m128i*>(q + block_size)));
+            __m256i sa = _mm256_add_epi32(prefixSum(_mm256_sub_epi32(in, out)), va);
+            __m256i drop = _mm256_mullo_epi32(_mm256_add_epi32(out, offset), size);
+            __m256i sb = _mm256_add_epi32(prefixSum(_mm256_sub_epi32(sa, drop)), vb);
+            va = _mm256_permutevar8x32_epi32(sa, last_lane);
+            vb = _mm256_permutevar8x32_epi32(sb, last_lane);
+            __m256i digest =
+                _mm256_or_si256(_mm256_and_si256(sa, low16), _mm256_slli_epi32(sb, 16));
+            __m256i h = _mm256_mullo_epi32(digest, bits_mix);
+            __m256i bits = _mm256_or_si256(
+                _mm256_or_si256(bitOf(_mm256_srli_epi32(h, 27)),
+                                bitOf(_mm256_and_si256(_mm256_srli_epi32(h, 22), five_bits))),
+                bitOf(_mm256_and_si256(_mm256_srli_epi32(h, 17), five_bits)));
+            _mm256_store_si256(reinterpret_cast<__m256i*>(sum_a + i), sa);
+            _mm256_store_si256(reinterpret_cast<__m256i*>(sum_b + i), sb);
+            _mm256_store_si256(reinterpret_cast<__m256i*>(index + i),
+                               _mm256_srl_epi32(_mm256_mullo_epi32(digest, index_mix), shift));
+            _mm256_store_si256(reinterpret_cast<__m256i*>(mask + i), bits);
         }
+        for (size_t i = 0; i < kBatch; ++i) {
+            if ((words[index[i]] & mask[i]) != mask[i]) continue;
+            a = sum_a[i];
+            b = sum_b[i];
+            return done + i + 1;
+        }
+        done += kBatch;
     }
     a = static_cast<uint32_t>(_mm256_cvtsi256_si32(va));
     b = static_cast<uint32_t>(_mm256_cvtsi256_si32(vb));

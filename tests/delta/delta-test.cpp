@@ -163,6 +163,26 @@ TEST_F(DeltaFixture, ShiftedDataStopsMatchingOnceTheWindowCrossesAChunkBoundary)
     for (size_t i = 2; i < cmds.size(); ++i) EXPECT_EQ(cmds[i].kind, Command::LITERAL);
 }
 
+TEST_F(DeltaFixture, LongUnmatchedStretchesFindTheSameMatchesAsAByteByByteScan) {
+    // Long stretches without a match are scanned in two halves at once; the commands must be
+    // those of a scan from the front: a match late in a stretch, then matches in both halves
+    // of one stretch, where the earlier one counts.
+    std::string old = randomBytes(2 * kChunk, 34);
+    std::vector<Command> late = commandsOf(roundTrip(old, randomBytes(350 * kBlock, 35) + old));
+    ASSERT_EQ(late.size(), 2u);
+    expectLiteral(late[0], 350 * kBlock);
+    expectCopy(late[1], 0, old.size());
+
+    std::string next = randomBytes(150 * kBlock, 36) + old.substr(5 * kBlock, kBlock) +
+                       randomBytes(249 * kBlock, 37) + old.substr(10 * kBlock, 100 * kBlock);
+    std::vector<Command> both = commandsOf(roundTrip(old, next));
+    ASSERT_EQ(both.size(), 4u);
+    expectLiteral(both[0], 150 * kBlock);
+    expectCopy(both[1], 5 * kBlock, kBlock);
+    expectLiteral(both[2], 249 * kBlock);
+    expectCopy(both[3], 10 * kBlock, 100 * kBlock);
+}
+
 TEST_F(DeltaFixture, EmptySignatureGivesOneLiteralPerChunkAndTheTail) {
     writeFile(dir / "empty", "");
     std::string next = randomBytes(2 * kChunk + 10000, 27);
