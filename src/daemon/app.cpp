@@ -4,8 +4,13 @@
 #include <cstdio>
 #include <cstring>
 
+#include "events/event-manager.h"
+#include "filter/black-list-v2.h"
 #include "foundation/log.h"
 #include "foundation/settings.h"
+#include "runtime/registry.h"
+#include "state/file-status-db.h"
+#include "state/filter-db.h"
 
 namespace {
 
@@ -171,14 +176,51 @@ void Tarnbridge::print_settings() {
     line("[DEBUG] app(%d): filter_db_path: %s\n", s.getFilterDbPath().c_str_utf8());
 }
 
-int Tarnbridge::do_link(const PObject&, PObject&) {
-    print_settings();
+int Tarnbridge::do_link(const PObject&, PObject& reply) {
+    if (init_env() != 0) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] app(%d): failed to initialize environment\n", __LINE__);
+        reply["error"] = "Failed to initialize environment";
+        return -1;
+    }
     return 0;
 }
 
 int Tarnbridge::do_unlink(const PObject&, PObject&) {
     Logger::LogMsg(Logger::L_INFO, component(), "[INFO] app(%d): unlink daemon\n", __LINE__);
+    destroy_env();
     return 0;
+}
+
+int Tarnbridge::init_env() {
+    print_settings();
+    Settings& s = Settings::getInstance();
+    ustring filter_db = s.getFilterDbPath();
+    if (FilterDB::getInstance().initialize(filter_db) != 0) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] app(%d): Failed to init filter DB at [%s]\n", __LINE__,
+                       filter_db.c_str_utf8());
+        return -1;
+    }
+    // Per-file status always starts empty: badges left by a crash must not linger.
+    FileStatusDB::initialize(s.getFStatDbPath());
+    FileStatusDB::removeAllEntry();
+    ustring system_filter = s.getSystemFilterPath();
+    if (BlackList2::getInstance().Load(system_filter) != 0) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] app(%d): Failed to load system filter from %s.\n", __LINE__,
+                       system_filter.c_str_utf8());
+        return -1;
+    }
+    return 0;
+}
+
+void Tarnbridge::destroy_env() {
+    FilterDB::getInstance().destroy();
+    FileStatusDB::destroy();
+    BlackList2::getInstance().Destroy();
+    EventManager::getInstance().Clear();
+    Registry::getInstance().Clear();
 }
 
 int Tarnbridge::pause(const PObject&, PObject&) {

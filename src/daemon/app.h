@@ -57,11 +57,14 @@ class Tarnbridge {
     // The control commands. Each takes the request and fills the reply; failure is the
     // reply key "error" with a text, and the control loop adds "ack".
     //
-    // do_link brings databases, filters and tasks up; do_unlink takes them down (also on
-    // "stop"). Until the session and connection work fills them in, linking only logs
-    // the settings and unlinking only logs that it happened.
+    // do_link brings the environment up (filter database, status database emptied of
+    // stale rows, system filter); do_unlink takes it down (also on "stop") and clears
+    // the event manager and the session registry. The tasks that run between the two
+    // come with the session and connection work.
     int do_link(const PObject& request, PObject& reply);
     int do_unlink(const PObject& request, PObject& reply);
+    int init_env();
+    void destroy_env();
     // The remaining commands are filled by the session and connection work; until then
     // each leaves the reply empty, so the request gets its "ack" alone:
     // pause/resume one session ("session_id") or all.

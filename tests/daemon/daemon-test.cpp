@@ -3,6 +3,7 @@
 // queue under many senders, the listener's port walk.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
 #include <atomic>
 #include <chrono>
 #include <fstream>
@@ -17,6 +18,7 @@
 #include "foundation/object.h"
 #include "foundation/stream.h"
 #include "harness.h"
+#include "state/file-status-db.h"
 #include "support/loopback.h"
 
 namespace {
@@ -113,6 +115,34 @@ TEST(DaemonControl, EveryRequestButStopIsAnsweredWithAck) {
     EXPECT_NE(log.find("recieve msg >>> {\"action\": \"nonsense\"}"), std::string::npos);
     EXPECT_NE(log.find("======= Settings ======="), std::string::npos);  // "link" logged them
     EXPECT_NE(log.find("main thread down"), std::string::npos);
+}
+
+TEST(DaemonControl, LinkEmptiesTheStatusDatabaseAndFailsWithoutASystemFilter) {
+    loopback::Listener control;
+    RunningDaemon daemon(control);
+    ASSERT_GT(daemon.port, 0);
+    std::string fstat = daemon.home().dir / "fstat.sqlite";
+    ASSERT_EQ(FileStatusDB::initialize(fstat), 0);
+    FileStatusInfo stale;
+    stale.path = "/left/by/a/crash";
+    ASSERT_EQ(FileStatusDB::setFileSyncStat(stale), 0);
+    FileStatusInfo row;
+    ASSERT_EQ(FileStatusDB::getFileSyncStat("/left/by/a/crash", &row), 1);
+
+    PObject reply;
+    ASSERT_EQ(ask(daemon.port, action("link"), reply), 0);
+    EXPECT_EQ(reply.toString(), ustring("{\"ack\": \"ok\"}"));
+    EXPECT_EQ(FileStatusDB::getFileSyncStat("/left/by/a/crash", &row), 0);
+
+    ASSERT_EQ(ask(daemon.port, action("unlink"), reply), 0);
+    ::unlink((daemon.home().dir / "system.filter").c_str());
+    ASSERT_EQ(ask(daemon.port, action("link"), reply), 0);
+    EXPECT_EQ(reply["error"].asString(), ustring("Failed to initialize environment"));
+    EXPECT_TRUE(daemon.stop());
+    EXPECT_EQ(daemon.process().wait_exit(), 0);
+    FileStatusDB::destroy();
+    EXPECT_NE(daemon.home().log_text().find("Failed to load system filter from"),
+              std::string::npos);
 }
 
 TEST(DaemonControl, BrokenRequestsCloseTheirConnectionAndServingGoesOn) {

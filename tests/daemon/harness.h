@@ -86,8 +86,10 @@ struct DaemonHome {
                                          "log_level_file_path = " + (dir / "levels") + "\n" +
                                          "db_path = " + (dir / "db.sqlite") + "\n" +
                                          "fstat_db_path = " + (dir / "fstat.sqlite") + "\n" +
-                                         "filter_db_path = " + (dir / "filter.sqlite") + "\n");
+                                         "filter_db_path = " + (dir / "filter.sqlite") + "\n" +
+                                         "system_filter_path = " + (dir / "system.filter") + "\n");
         dir.write("levels", "client_debug = 7\nipc = 7\n");
+        dir.write("system.filter", "[Version]\nmajor = 1\nminor = 0\n");
     }
     std::string log_text() const { return slurp(log); }
 };
