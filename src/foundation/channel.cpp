@@ -27,6 +27,50 @@ platform::socket_t plain_fd(const void* context) {
                               : *static_cast<const platform::socket_t*>(context);
 }
 
+// One wait of a read or write slice: 0 when the socket is ready, else the slice's code.
+int wait_slice(platform::socket_t fd, bool for_write, int timeout_ms) {
+    int err = 0;
+    switch (platform::wait_ready(fd, for_write, timeout_ms, &err)) {
+        case platform::WAIT_ERROR:
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           "[WARNING] channel(%d): select: [%d] %s\n", __LINE__, err,
+                           platform::error_text(err));
+            return ERR_IO;
+        case platform::WAIT_TIMEOUT:
+            return ERR_TIMEOUT;
+        case platform::WAIT_NOT_READY:
+            Logger::LogMsg(Logger::L_WARNING, component(),
+                           for_write
+                               ? "[WARNING] channel(%d): WriteFd: select but fd [%d] not ready\n"
+                               : "[WARNING] channel(%d): ReadFd: select but fd [%d] not ready\n",
+                           __LINE__, fd);
+            return ERR_SYS;
+        case platform::WAIT_READY:
+            break;
+    }
+    return 0;
+}
+
+// What a send or receive of `n` bytes (with `err`) means for the slice.
+int slice_result(long n, int err, bool for_write) {
+    // A readiness report can be spurious; nothing moved is an empty slice.
+    if (n < 0 && platform::is_would_block(err)) return ERR_TIMEOUT;
+    if (n > 0) return static_cast<int>(n);
+    Logger::LogMsg(
+        Logger::L_WARNING, component(),
+        for_write ? "[WARNING] channel(%d): write: %s\n" : "[WARNING] channel(%d): read: %s\n",
+        __LINE__, platform::error_text(n < 0 ? err : 0));
+    if (n == 0)
+        Logger::LogMsg(Logger::L_WARNING, component(),
+                       for_write
+                           ? "[WARNING] channel(%d): Diagnose: select says the socket is writeable "
+                             "but actually we can't write ... connection closed?\n"
+                           : "[WARNING] channel(%d): Diagnose: select says the socket is readable "
+                             "but actually we can't read ... connection closed?\n",
+                       __LINE__);
+    return ERR_IO;
+}
+
 int plain_read(void* context, char* buf, size_t len, int timeout_ms) {
     if (len == 0) {
         Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): ReadFd: request 0\n",
@@ -34,68 +78,19 @@ int plain_read(void* context, char* buf, size_t len, int timeout_ms) {
         return ERR_INVAL;
     }
     platform::socket_t fd = plain_fd(context);
+    if (int rc = wait_slice(fd, false, timeout_ms); rc != 0) return rc;
     int err = 0;
-    switch (platform::wait_ready(fd, false, timeout_ms, &err)) {
-        case platform::WAIT_ERROR:
-            Logger::LogMsg(Logger::L_WARNING, component(),
-                           "[WARNING] channel(%d): select: [%d] %s\n", __LINE__, err,
-                           platform::error_text(err));
-            return ERR_IO;
-        case platform::WAIT_TIMEOUT:
-            return ERR_TIMEOUT;
-        case platform::WAIT_NOT_READY:
-            Logger::LogMsg(Logger::L_WARNING, component(),
-                           "[WARNING] channel(%d): ReadFd: select but fd [%d] not ready\n",
-                           __LINE__, fd);
-            return ERR_SYS;
-        case platform::WAIT_READY:
-            break;
-    }
     long n = platform::recv_some(fd, buf, len, &err);
-    // A readiness report can be spurious; nothing to read is an empty slice.
-    if (n < 0 && platform::is_would_block(err)) return ERR_TIMEOUT;
-    if (n > 0) return static_cast<int>(n);
-    Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): read: %s\n", __LINE__,
-                   platform::error_text(n < 0 ? err : 0));
-    if (n == 0)
-        Logger::LogMsg(Logger::L_WARNING, component(),
-                       "[WARNING] channel(%d): Diagnose: select says the socket is readable but "
-                       "actually we can't read ... connection closed?\n",
-                       __LINE__);
-    return ERR_IO;
+    return slice_result(n, err, false);
 }
 
 int plain_write(void* context, const char* buf, size_t len, int timeout_ms) {
     if (len == 0) return 0;
     platform::socket_t fd = plain_fd(context);
+    if (int rc = wait_slice(fd, true, timeout_ms); rc != 0) return rc;
     int err = 0;
-    switch (platform::wait_ready(fd, true, timeout_ms, &err)) {
-        case platform::WAIT_ERROR:
-            Logger::LogMsg(Logger::L_WARNING, component(),
-                           "[WARNING] channel(%d): select: [%d] %s\n", __LINE__, err,
-                           platform::error_text(err));
-            return ERR_IO;
-        case platform::WAIT_TIMEOUT:
-            return ERR_TIMEOUT;
-        case platform::WAIT_NOT_READY:
-            Logger::LogMsg(Logger::L_WARNING, component(),
-                           "[WARNING] channel(%d): WriteFd: select but fd [%d] not ready\n",
-                           __LINE__, fd);
-            return ERR_SYS;
-        case platform::WAIT_READY:
-            break;
-    }
     long n = platform::send_some(fd, buf, len, &err);
-    if (n < 0 && platform::is_would_block(err)) return ERR_TIMEOUT;
-    if (n > 0) return static_cast<int>(n);
-    Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): write: %s\n", __LINE__,
-                   platform::error_text(n < 0 ? err : 0));
-    if (n == 0)
-        Logger::LogMsg(Logger::L_WARNING, component(),
-                       "[WARNING] channel(%d): Diagnose: select says the socket is writeable but "
-                       "actually we can't write ... connection closed?\n",
-                       __LINE__);
-    return ERR_IO;
+    return slice_result(n, err, true);
 }
 
 platform::socket_t plain_get_fd(void* context) {
