@@ -46,14 +46,6 @@ int failure(const std::string& message) {
     return 1;
 }
 
-bool parse_port(const std::string& text, int& port) {
-    char* end = nullptr;
-    long v = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || v < 1 || v > 65535) return false;
-    port = static_cast<int>(v);
-    return true;
-}
-
 // Options come first; the first word that is not one ends them.
 bool parse_options(int argc, char** argv, Options& o, std::string& error) {
     int i = 0;

@@ -286,3 +286,11 @@ bool add_request_arg(const std::string& word, PObject& request, std::string& err
     slot = value.c_str();
     return true;
 }
+
+bool parse_port(const std::string& text, int& port) {
+    char* end = nullptr;
+    long v = std::strtol(text.c_str(), &end, 10);
+    if (text.empty() || *end != '\0' || v < 1 || v > 65535) return false;
+    port = static_cast<int>(v);
+    return true;
+}

@@ -14,3 +14,7 @@ bool add_request_arg(const std::string& word, PObject& request, std::string& err
 // Parses a whole JSON text into `out`. true, or false with a message in `error`.
 // Numbers must be integers; a negative one is stored as its 64-bit two's complement.
 bool parse_json_value(const std::string& text, PObject& out, std::string& error);
+
+// Reads a TCP port number (1 to 65535) given on the command line. true, or false when
+// the text is not exactly such a number.
+bool parse_port(const std::string& text, int& port);

@@ -16,6 +16,7 @@
 #include "foundation/settings.h"
 #include "foundation/stream.h"
 #include "platform/net.h"
+#include "request-args.h"
 
 namespace {
 
@@ -41,14 +42,6 @@ int usage_error(const std::string& message) {
                  "tarnbridge: %s\nusage: tarnbridge watch [--config FILE] [--port P] [--json]\n",
                  message.c_str());
     return 2;
-}
-
-bool parse_port(const std::string& text, int& port) {
-    char* end = nullptr;
-    long v = std::strtol(text.c_str(), &end, 10);
-    if (text.empty() || *end != '\0' || v < 1 || v > 65535) return false;
-    port = static_cast<int>(v);
-    return true;
 }
 
 bool parse_watch_options(int argc, char** argv, WatchOptions& o, std::string& error) {
