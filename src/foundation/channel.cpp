@@ -223,30 +223,26 @@ int Channel::ReadByte(uint8_t& v) {
     return Read(reinterpret_cast<char*>(&v), 1);
 }
 
+// Reads sizeof(T) bytes, most significant first.
+template <typename T>
+int read_big_endian(Channel& ch, T& v) {
+    uint8_t b[sizeof(T)];
+    int rc = ch.Read(reinterpret_cast<char*>(b), sizeof b);
+    if (rc < 0) return rc;
+    T value = 0;
+    for (uint8_t byte : b) value = static_cast<T>((value << 8) | byte);
+    v = value;
+    return 0;
+}
+
 int Channel::ReadInt16(uint16_t& v) {
-    uint8_t b[2];
-    int rc = Read(reinterpret_cast<char*>(b), sizeof b);
-    if (rc < 0) return rc;
-    v = static_cast<uint16_t>((b[0] << 8) | b[1]);
-    return 0;
+    return read_big_endian(*this, v);
 }
-
 int Channel::ReadInt32(uint32_t& v) {
-    uint8_t b[4];
-    int rc = Read(reinterpret_cast<char*>(b), sizeof b);
-    if (rc < 0) return rc;
-    v = 0;
-    for (uint8_t byte : b) v = (v << 8) | byte;
-    return 0;
+    return read_big_endian(*this, v);
 }
-
 int Channel::ReadInt64(uint64_t& v) {
-    uint8_t b[8];
-    int rc = Read(reinterpret_cast<char*>(b), sizeof b);
-    if (rc < 0) return rc;
-    v = 0;
-    for (uint8_t byte : b) v = (v << 8) | byte;
-    return 0;
+    return read_big_endian(*this, v);
 }
 
 int Channel::WriteByte(uint8_t v) {
