@@ -6,12 +6,11 @@
 #include <sys/socket.h>
 
 #include <atomic>
-#include <fstream>
 #include <initializer_list>
-#include <sstream>
 #include <string>
 #include <thread>
 
+#include "disk.h"
 #include "foundation/error-code.h"
 #include "support/loopback.h"
 #include "support/temp-dir.h"
@@ -58,17 +57,6 @@ int decode(const std::string& wire, PObject& out, const std::string& recv_dir = 
     return ps.Recv(ch, out);
 }
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
-
 PObject binary(const std::string& path, uint64_t offset, uint64_t length) {
     PObject::binary_type b;
     b.path = path.c_str();
@@ -79,29 +67,24 @@ PObject binary(const std::string& path, uint64_t offset, uint64_t length) {
     return o;
 }
 
-TEST(PStreamEncoding, DaemonPortMapByteForByte) {
+TEST(PStreamEncoding, EveryKindHasItsTagAndBody) {
     PObject reply;
     reply["daemon_port"] = uint64_t{1025};
     EXPECT_EQ(encode(reply), B({0x42}) + key("daemon_port") + B({0x01, 0x02, 0x04, 0x01, 0x40}));
-}
-
-TEST(PStreamEncoding, EveryKindHasItsTagAndBody) {
     EXPECT_EQ(encode(PObject()), B({0x00, 0x00}));
     EXPECT_EQ(encode(PObject("ab")), B({0x10, 0x00, 0x02, 'a', 'b'}));
     EXPECT_EQ(encode(PObject("")), B({0x10, 0x00, 0x00}));
     PObject array;
     array = PObject::array_type{PObject(uint64_t{1}), PObject("x"), PObject()};
     EXPECT_EQ(encode(array), B({0x41, 0x01, 0x01, 0x01, 0x10, 0x00, 0x01, 'x', 0x00, 0x00, 0x40}));
-    PObject empty_map;
-    empty_map.asMap();
-    EXPECT_EQ(encode(empty_map), B({0x42, 0x40}));
-    PObject with_null;
-    with_null["a"] = PObject();
-    EXPECT_EQ(encode(with_null), B({0x42}) + key("a") + B({0x00, 0x00, 0x40}));
     PObject nested;
     nested["m"]["n"] = PObject::array_type{};
-    EXPECT_EQ(encode(nested),
-              B({0x42}) + key("m") + B({0x42}) + key("n") + B({0x41, 0x40, 0x40, 0x40}));
+    nested["z"] = PObject();
+    EXPECT_EQ(encode(nested), B({0x42}) + key("m") + B({0x42}) + key("n") + B({0x41, 0x40, 0x40}) +
+                                  key("z") + B({0x00, 0x00, 0x40}));
+    // A long text keeps all its bytes but its length is cut to 16 bits.
+    std::string text(65539, 'x');
+    EXPECT_EQ(encode(PObject(text.c_str())), B({0x10, 0x00, 0x03}) + text);
 }
 
 TEST(PStreamEncoding, IntegerWidthsAtEachBoundary) {
@@ -141,152 +124,100 @@ TEST(PStreamEncoding, OneLeadingUnderscoreIsStrippedFromKeys) {
     EXPECT_EQ(wire, B({0x42}) + key("a") + B({1, 1, 1}) + key("a") + B({1, 1, 2, 0x40}));
     PObject back;
     ASSERT_EQ(decode(wire, back), 0);
-    EXPECT_EQ(back.toString(), ustring("{\"a\": 2}"));
+    EXPECT_EQ(back.toString(), ustring("{\"a\": 2}")) << "a repeated key lands on one member";
 }
 
-TEST(PStreamEncoding, LongTextKeepsAllItsBytesWithALengthCutTo16Bits) {
-    std::string text(65539, 'x');
-    std::string wire = encode(PObject(text.c_str()));
-    EXPECT_EQ(wire, B({0x10, 0x00, 0x03}) + text);
+TEST(PStreamDecoding, LooserFormsAreRead) {
+    const std::pair<std::string, const char*> cases[] = {
+        {B({1, 0}), "0"},
+        {B({1, 3, 1, 2, 3}), "66051"},
+        {B({1, 8, 0, 0, 0, 0, 0, 0, 0, 9}), "9"},
+        {B({0x10, 0x00, 0x03, 'a', 0x00, 'b'}), "\"a\""},  // an embedded zero cuts the text
+    };
+    for (const auto& [wire, text] : cases) {
+        PObject v;
+        ASSERT_EQ(decode(wire, v), 0) << text;
+        EXPECT_EQ(v.toString(), ustring(text));
+    }
 }
 
-TEST(PStreamDecoding, NestedContainersRoundTrip) {
+TEST(PStreamDecoding, NestedValueRoundTripsAndFailsAtEveryCut) {
     PObject obj;
-    obj["list"] = PObject::array_type{PObject(uint64_t{7}), PObject("seven"), PObject()};
+    obj["list"] = PObject::array_type{PObject(uint64_t{300}), PObject("seven"), PObject()};
     obj["map"]["deeper"]["n"] = uint64_t{1} << 40;
     obj["map"]["text"] = "caf\xC3\xA9";
-    obj["zero"] = uint64_t{0};
-    PObject back;
-    ASSERT_EQ(decode(encode(obj), back), 0);
-    EXPECT_EQ(back.toString(), obj.toString());
-    EXPECT_EQ(back["map"]["deeper"]["n"].asUInt64(), uint64_t{1} << 40);
-}
-
-TEST(PStreamDecoding, AnyIntegerLengthUpToEightIsFolded) {
-    PObject v;
-    ASSERT_EQ(decode(B({1, 0}), v), 0);
-    EXPECT_EQ(v.asUInt64(), 0u);
-    ASSERT_EQ(decode(B({1, 3, 1, 2, 3}), v), 0);
-    EXPECT_EQ(v.asUInt64(), 0x010203u);
-    ASSERT_EQ(decode(B({1, 8, 0, 0, 0, 0, 0, 0, 0, 9}), v), 0);
-    EXPECT_EQ(v.asUInt64(), 9u);
-    EXPECT_EQ(decode(B({1, 9, 0, 0, 0, 0, 0, 0, 0, 0, 9}), v), ERR_PROTO);
-    EXPECT_EQ(decode(B({1, 0xFF}) + std::string(255, '\0'), v), ERR_PROTO);
-}
-
-TEST(PStreamDecoding, TruncatedInputFailsAtEveryCut) {
-    PObject obj;
-    obj["a"] = PObject::array_type{PObject(uint64_t{300}), PObject("xy"), PObject()};
-    obj["b"]["c"] = uint64_t{5};
     std::string wire = encode(obj);
+    PObject back;
+    ASSERT_EQ(decode(wire, back), 0);
+    EXPECT_EQ(back.toString(), obj.toString());
     for (size_t cut = 0; cut < wire.size(); ++cut) {
-        PObject back;
-        EXPECT_EQ(decode(wire.substr(0, cut), back), ERR_IO) << "cut at " << cut;
+        PObject part;
+        EXPECT_EQ(decode(wire.substr(0, cut), part), ERR_IO) << "cut at " << cut;
     }
 }
 
 TEST(PStreamDecoding, MalformedInputIsRefused) {
-    PObject v;
-    EXPECT_EQ(decode(B({0x02, 0x00}), v), ERR_PROTO);  // unknown tag
-    EXPECT_EQ(decode(B({0x40}), v), ERR_PROTO);        // end with nothing open
-    EXPECT_EQ(decode(B({0x00, 0x01}), v), ERR_PROTO);  // null with a body
-    EXPECT_EQ(decode(B({0x42, 0x01, 0x01, 0x05, 0x01, 0x01, 0x06, 0x40}), v),
-              ERR_PROTO);                                          // integer key
-    EXPECT_EQ(decode(B({0x42, 0x42, 0x40, 0x40}), v), ERR_PROTO);  // map as key
-    EXPECT_EQ(decode(B({0x41, 0x20, 0x40}), v), ERR_PROTO);        // unknown tag inside
-}
-
-TEST(PStreamDecoding, NestingBeyondTheLimitIsRefused) {
     const int limit = PStream::kMaxDepth;
     PObject v;
-    std::string ok = std::string(limit, '\x41') + std::string(limit, '\x40');
-    EXPECT_EQ(decode(ok, v), 0);
-    std::string deep = std::string(limit + 1, '\x41') + std::string(limit + 1, '\x40');
-    EXPECT_EQ(decode(deep, v), ERR_PROTO);
-    std::string hostile(100000, '\x41');
-    EXPECT_EQ(decode(hostile, v), ERR_PROTO);
+    EXPECT_EQ(decode(std::string(limit, '\x41') + std::string(limit, '\x40'), v), 0);
+    const std::pair<const char*, std::string> cases[] = {
+        {"unknown tag", B({0x02, 0x00})},
+        {"end with nothing open", B({0x40})},
+        {"null with a body", B({0x00, 0x01})},
+        {"integer key", B({0x42, 0x01, 0x01, 0x05, 0x01, 0x01, 0x06, 0x40})},
+        {"map as key", B({0x42, 0x42, 0x40, 0x40})},
+        {"unknown tag inside", B({0x41, 0x20, 0x40})},
+        {"integer of nine bytes", B({1, 9, 0, 0, 0, 0, 0, 0, 0, 0, 9})},
+        {"integer of 255 bytes", B({1, 0xFF}) + std::string(255, '\0')},
+        {"one level too deep", std::string(limit + 1, '\x41') + std::string(limit + 1, '\x40')},
+        {"hostile nesting", std::string(100000, '\x41')},
+    };
+    for (const auto& [name, wire] : cases) EXPECT_EQ(decode(wire, v), ERR_PROTO) << name;
 }
 
-TEST(PStreamDecoding, EmbeddedZeroCutsAText) {
-    PObject v;
-    ASSERT_EQ(decode(B({0x10, 0x00, 0x03, 'a', 0x00, 'b'}), v), 0);
-    EXPECT_EQ(v.asString(), ustring("a"));
-}
-
-TEST(PStreamDecoding, RepeatedKeyLandsOnTheSameMember) {
-    PObject v;
-    ASSERT_EQ(
-        decode(B({0x42}) + key("k") + B({1, 1, 1}) + key("k") + B({0x10, 0, 1, 'z', 0x40}), v), 0);
-    EXPECT_EQ(v.toString(), ustring("{\"k\": \"z\"}"));
-}
-
-TEST(PStreamBinary, SendsAStretchOfAFileFromItsOffset) {
+TEST(PStreamBinary, SendsAStretchOfAFileThatMustBeThere) {
     TempDir dir;
     dir.write("f", "0123456789");
     EXPECT_EQ(encode(binary(dir / "f", 3, 4)), B({0x30, 0, 0, 0, 0, 0, 0, 0, 4}) + "3456");
-}
-
-TEST(PStreamBinary, ZeroLengthSendStillNeedsTheFile) {
-    TempDir dir;
-    dir.write("empty", "");
-    EXPECT_EQ(encode(binary(dir / "empty", 0, 0)), B({0x30, 0, 0, 0, 0, 0, 0, 0, 0}));
+    EXPECT_EQ(encode(binary(dir / "f", 0, 0)), B({0x30, 0, 0, 0, 0, 0, 0, 0, 0}));
     int rc = 0;
     encode(binary(dir / "missing", 0, 0), &rc);
-    EXPECT_EQ(rc, -1);
+    EXPECT_EQ(rc, -1) << "even an empty stretch needs its file";
+    encode(binary(dir / "f", 4, 20), &rc);
+    EXPECT_EQ(rc, ERR_PROTO) << "a file shorter than the length";
 }
 
-TEST(PStreamBinary, FileShorterThanItsLengthIsAProtocolError) {
-    TempDir dir;
-    dir.write("f", "0123456789");
-    int rc = 0;
-    std::string wire = encode(binary(dir / "f", 4, 20), &rc);
-    EXPECT_EQ(rc, ERR_PROTO);
-}
-
-TEST(PStreamBinary, ReceivingAtOffsetZeroReplacesTheFile) {
-    TempDir dir;
-    dir.write("f", "old and longer content");
-    PObject target = binary(dir / "f", 0, 0);
-    ASSERT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 3}) + "new", target), 0);
-    EXPECT_EQ(slurp(dir / "f"), "new");
-    EXPECT_EQ(target.asBinary().offset, 3u);
-    EXPECT_EQ(target.asBinary().length, 3u);
-}
-
-TEST(PStreamBinary, OffsetEqualToLengthAppends) {
-    TempDir dir;
-    dir.write("f", "hello");
-    PObject target = binary(dir / "f", 5, 5);
-    ASSERT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 6}) + " world", target), 0);
-    EXPECT_EQ(slurp(dir / "f"), "hello world");
-    EXPECT_EQ(target.asBinary().offset, 11u);
-    EXPECT_EQ(target.asBinary().length, 11u);
-}
-
-TEST(PStreamBinary, ResumeCutsTheFileBackToTheOffsetFirst) {
-    TempDir dir;
-    dir.write("f", "0123456789");
-    PObject target = binary(dir / "f", 5, 10);
-    ASSERT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 3}) + "abc", target), 0);
-    EXPECT_EQ(slurp(dir / "f"), "01234abc");
-    EXPECT_EQ(target.asBinary().offset, 8u);
-    EXPECT_EQ(target.asBinary().length, 8u);
-}
-
-TEST(PStreamBinary, ResumeOfAMissingFileFailsWithoutCreatingIt) {
-    TempDir dir;
-    PObject target = binary(dir / "gone", 5, 10);
-    EXPECT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 3}) + "abc", target), -1);
-    EXPECT_FALSE(exists(dir / "gone"));
-    EXPECT_EQ(target.asBinary().offset, 5u);
-}
-
-TEST(PStreamBinary, ZeroLengthReceiveCreatesAnEmptyFile) {
-    TempDir dir;
-    PObject target = binary(dir / "f", 0, 0);
-    ASSERT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 0}), target), 0);
-    EXPECT_TRUE(exists(dir / "f"));
-    EXPECT_EQ(slurp(dir / "f"), "");
+// offset 0 writes anew, offset == length appends, any other offset cuts back first.
+TEST(PStreamBinary, ReceivingPlacesTheBytesByOffset) {
+    struct Case {
+        const char* name;
+        const char* before;  // null: no file
+        uint64_t offset, length;
+        std::string body;
+        int rc;
+        const char* after;  // null: still no file
+        uint64_t end;
+    } cases[] = {
+        {"replace", "old and longer content", 0, 0, "new", 0, "new", 3},
+        {"append", "hello", 5, 5, " world", 0, "hello world", 11},
+        {"resume", "0123456789", 5, 10, "abc", 0, "01234abc", 8},
+        {"empty", nullptr, 0, 0, "", 0, "", 0},
+        {"resume of a missing file", nullptr, 5, 10, "abc", -1, nullptr, 5},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        TempDir dir;
+        if (c.before != nullptr) dir.write("f", c.before);
+        PObject target = binary(dir / "f", c.offset, c.length);
+        std::string wire = B({0x30, 0, 0, 0, 0, 0, 0, 0, static_cast<int>(c.body.size())});
+        EXPECT_EQ(decode(wire + c.body, target), c.rc);
+        EXPECT_EQ(exists(dir / "f"), c.after != nullptr);
+        EXPECT_EQ(slurp(dir / "f"), c.after != nullptr ? c.after : "");
+        EXPECT_EQ(target.asBinary().offset, c.end);
+        EXPECT_EQ(target.asBinary().length, c.end);
+    }
+    PObject full = binary("/dev/full", 0, 0);
+    EXPECT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 4}) + "data", full), ERR_INVAL);
 }
 
 TEST(PStreamBinary, UnnamedBinaryLandsInTheReceiveDirectory) {
@@ -303,24 +234,11 @@ TEST(PStreamBinary, UnnamedBinaryLandsInTheReceiveDirectory) {
     EXPECT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 2}) + "hi", nowhere), -1);
 }
 
-TEST(PStreamBinary, PreparedTargetInAMapReceivesIntoItsFile) {
-    TempDir dir;
-    dir.write("part", "ab");
-    PObject reply;
-    reply["keep"] = "me";
-    reply["file"]["data"] = binary(dir / "part", 2, 2);
-    std::string wire = B({0x42}) + key("file") + B({0x42}) + key("data") +
-                       B({0x30, 0, 0, 0, 0, 0, 0, 0, 2}) + "cd" + B({0x40, 0x40});
-    ASSERT_EQ(decode(wire, reply), 0);
-    EXPECT_EQ(slurp(dir / "part"), "abcd");
-    EXPECT_EQ(reply["keep"].asString(), ustring("me"));
-    EXPECT_EQ(reply["file"]["data"].asBinary().length, 4u);
-}
-
 TEST(PStreamBinary, PeerClosingMidBodyKeepsWhatArrivedAndSaysWhere) {
     TempDir dir;
     dir.write("f", "ab");
     PObject reply;
+    reply["keep"] = "me";  // a map that arrives into a map adds to it
     reply["file"]["data"] = binary(dir / "f", 2, 2);
     std::string wire = B({0x42}) + key("file") + B({0x42}) + key("data") +
                        B({0x30, 0, 0, 0, 0, 0, 0, 0, 10}) + "cdef";
@@ -342,15 +260,11 @@ TEST(PStreamBinary, PeerClosingMidBodyKeepsWhatArrivedAndSaysWhere) {
     EXPECT_EQ(slurp(dir / "f"), "abcdef");
     EXPECT_EQ(reply["file"]["data"].asBinary().offset, 6u);
     EXPECT_EQ(reply["file"]["data"].asBinary().length, 6u);
+    EXPECT_EQ(reply["keep"].asString(), ustring("me"));
     ps.ClearHistory();
     ps.GetStatus(where, sent, total);
     EXPECT_TRUE(where.empty());
     EXPECT_EQ(total, 0u);
-}
-
-TEST(PStreamBinary, FullDiskIsReportedAsSuch) {
-    PObject target = binary("/dev/full", 0, 0);
-    EXPECT_EQ(decode(B({0x30, 0, 0, 0, 0, 0, 0, 0, 4}) + "data", target), ERR_INVAL);
 }
 
 // A binary several rings long crosses a real socket while another thread watches the
