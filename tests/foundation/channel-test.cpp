@@ -31,9 +31,13 @@ std::string pattern(size_t n) {
     return s;
 }
 
-TEST(ChannelOpen, AdoptsOnlyOneValidSocket) {
+TEST(ChannelOpen, AdoptsOnlyOneValidSocketAndRefusesIOWhenClosed) {
     Channel ch;
-    EXPECT_TRUE(ch.IsClosed());
+    char buf[1];
+    EXPECT_EQ(ch.Read(buf, 1), ERR_IO);
+    EXPECT_EQ(ch.Write("x", 1), ERR_IO);
+    int port = 0;
+    EXPECT_EQ(ch.GetPeerInfo(nullptr, 0, port), ERR_SYS);
     EXPECT_EQ(ch.Open(platform::kInvalidSocket, true), ERR_INVAL);
     loopback::Pair pair;
     ASSERT_EQ(ch.Open(pair.take_a(), true), 0);
@@ -47,7 +51,7 @@ TEST(ChannelOpen, AdoptsOnlyOneValidSocket) {
     EXPECT_TRUE(ch.IsClosed());
 }
 
-TEST(ChannelOpen, ConnectsByDottedQuadOnly) {
+TEST(ChannelOpen, ConnectsByDottedQuadOnlyAndFailsAtOnceWhenRefused) {
     loopback::Listener listener;
     Channel ch;
     EXPECT_EQ(ch.Open("localhost", listener.port()), ERR_IO);
@@ -59,15 +63,9 @@ TEST(ChannelOpen, ConnectsByDottedQuadOnly) {
     ASSERT_EQ(ch.FlushWrite(0), 4);
     EXPECT_EQ(loopback::read_some(server, 4), "ping");
     ::close(server);
-}
-
-TEST(ChannelOpen, RefusedConnectionFailsAtOnce) {
-    int port;
-    {
-        loopback::Listener gone;
-        port = gone.port();
-    }
-    Channel ch;
+    ch.Close();
+    int port = listener.port();
+    listener.close();
     auto t0 = clock_type::now();
     EXPECT_EQ(ch.Open("127.0.0.1", port), ERR_IO);
     EXPECT_LT(seconds_since(t0), 1.0);
@@ -94,16 +92,6 @@ TEST(ChannelOpen, ConnectToAFullBacklogTimesOut) {
     for (int fd : waiting) ::close(fd);
 }
 
-TEST(ChannelTimeouts, SilentPeerTimesOut) {
-    Wired w;
-    w.ch.SetTimeout(1);
-    char buf[4];
-    auto t0 = clock_type::now();
-    EXPECT_EQ(w.ch.Read(buf, sizeof buf), ERR_TIMEOUT);
-    EXPECT_GE(seconds_since(t0), 0.9);
-    EXPECT_LT(seconds_since(t0), 3.0);
-}
-
 TEST(ChannelTimeouts, LimitIsOnSilenceNotOnTheWholeRead) {
     Wired w;
     w.ch.SetTimeout(2);
@@ -117,6 +105,19 @@ TEST(ChannelTimeouts, LimitIsOnSilenceNotOnTheWholeRead) {
     EXPECT_EQ(w.ch.Read(buf, sizeof buf), 0);
     trickle.join();
     EXPECT_EQ(std::string(buf, 2), "ab");
+    w.ch.SetTimeout(1);
+    auto t0 = clock_type::now();
+    EXPECT_EQ(w.ch.Read(buf, sizeof buf), ERR_TIMEOUT);
+    EXPECT_GE(seconds_since(t0), 0.9);
+    EXPECT_LT(seconds_since(t0), 3.0);
+}
+
+// Sets the abort flag from another thread after `ms`, as a stopping task does.
+std::thread raise_later(int& flag, int ms) {
+    return std::thread([&flag, ms] {
+        std::this_thread::sleep_for(std::chrono::milliseconds(ms));
+        std::atomic_ref<int>(flag).store(1, std::memory_order_relaxed);
+    });
 }
 
 TEST(ChannelConcurrency, AbortFlagEndsABlockedRead) {
@@ -124,10 +125,7 @@ TEST(ChannelConcurrency, AbortFlagEndsABlockedRead) {
     int abort_flag = 0;
     w.ch.SetFlag(&abort_flag);
     w.ch.SetTimeout(0);  // never time out: only the flag can end it
-    std::thread setter([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(200));
-        std::atomic_ref<int>(abort_flag).store(1, std::memory_order_relaxed);
-    });
+    std::thread setter = raise_later(abort_flag, 200);
     char buf[1];
     auto t0 = clock_type::now();
     EXPECT_EQ(w.ch.Read(buf, 1), ERR_INT);
@@ -145,10 +143,7 @@ TEST(ChannelConcurrency, AbortFlagEndsABlockedFlush) {
     int abort_flag = 0;
     ch.SetFlag(&abort_flag);
     ch.SetTimeout(0);
-    std::thread setter([&] {
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));
-        std::atomic_ref<int>(abort_flag).store(1, std::memory_order_relaxed);
-    });
+    std::thread setter = raise_later(abort_flag, 300);
     std::string chunk = pattern(Channel::kCapacity);
     int rc = 0;
     auto t0 = clock_type::now();
@@ -161,21 +156,20 @@ TEST(ChannelConcurrency, AbortFlagEndsABlockedFlush) {
     ch.ClearWrite();  // nothing to flush on close: the peer still isn't reading
 }
 
-TEST(ChannelRings, WriteAboveCapacityIsRefused) {
+TEST(ChannelRings, WritesWaitForAFlushAFullRingOrTheClose) {
     Wired w;
     std::string big(Channel::kCapacity + 1, 'x');
     EXPECT_EQ(w.ch.Write(big.data(), big.size()), ERR_INVAL);
-    EXPECT_EQ(w.ch.Write(big.data(), Channel::kCapacity), 0);
-    EXPECT_EQ(w.ch.FlushWrite(0), static_cast<int>(Channel::kCapacity));
-    EXPECT_EQ(loopback::read_some(w.peer, Channel::kCapacity).size(), Channel::kCapacity);
-}
-
-TEST(ChannelRings, NothingLeavesBeforeAFlushOrAFullRing) {
-    Wired w;
     ASSERT_EQ(w.ch.Write("abc", 3), 0);
     EXPECT_EQ(loopback::read_some(w.peer, 3, 200), "");
     EXPECT_EQ(w.ch.FlushWrite(0), 3);
     EXPECT_EQ(loopback::read_some(w.peer, 3), "abc");
+    EXPECT_EQ(w.ch.Write(big.data(), Channel::kCapacity), 0);
+    EXPECT_EQ(w.ch.FlushWrite(0), static_cast<int>(Channel::kCapacity));
+    EXPECT_EQ(loopback::read_some(w.peer, Channel::kCapacity).size(), Channel::kCapacity);
+    ASSERT_EQ(w.ch.Write("tail", 4), 0);
+    w.ch.Close();
+    EXPECT_EQ(loopback::read_some(w.peer), "tail");
 }
 
 TEST(ChannelRings, BigEndianIntegers) {
@@ -192,15 +186,10 @@ TEST(ChannelRings, BigEndianIntegers) {
     uint16_t s = 0;
     uint32_t i = 0;
     uint64_t l = 0;
-    ASSERT_EQ(w.ch.ReadByte(b), 0);
-    ASSERT_EQ(w.ch.ReadInt16(s), 0);
-    ASSERT_EQ(w.ch.ReadInt32(i), 0);
-    ASSERT_EQ(w.ch.ReadInt64(l), 0);
-    EXPECT_EQ(b, 0x01);
-    EXPECT_EQ(s, 0x0203);
-    EXPECT_EQ(i, 0x04050607u);
-    EXPECT_EQ(l, 0x08090A0B0C0D0E0FULL);
-    EXPECT_EQ(w.ch.Convert(uint16_t{0x0102}), 0x0201);
+    EXPECT_TRUE(w.ch.ReadByte(b) == 0 && b == 0x01);
+    EXPECT_TRUE(w.ch.ReadInt16(s) == 0 && s == 0x0203);
+    EXPECT_TRUE(w.ch.ReadInt32(i) == 0 && i == 0x04050607u);
+    EXPECT_TRUE(w.ch.ReadInt64(l) == 0 && l == 0x08090A0B0C0D0E0FULL);
 }
 
 TEST(ChannelRings, PeerClosingMidReadGivesIOErrorAndWhatArrived) {
@@ -210,24 +199,7 @@ TEST(ChannelRings, PeerClosingMidReadGivesIOErrorAndWhatArrived) {
     char buf[10];
     size_t got = 0;
     EXPECT_EQ(w.ch.Read(buf, sizeof buf, got), ERR_IO);
-    EXPECT_EQ(got, 5u);
     EXPECT_EQ(std::string(buf, got), "12345");
-}
-
-TEST(ChannelRings, ClosedChannelRefusesIO) {
-    Channel ch;
-    char buf[1];
-    EXPECT_EQ(ch.Read(buf, 1), ERR_IO);
-    EXPECT_EQ(ch.Write("x", 1), ERR_IO);
-    int port = 0;
-    EXPECT_EQ(ch.GetPeerInfo(nullptr, 0, port), ERR_SYS);
-}
-
-TEST(ChannelRings, CloseFlushesWhatWaits) {
-    Wired w;
-    ASSERT_EQ(w.ch.Write("tail", 4), 0);
-    w.ch.Close();
-    EXPECT_EQ(loopback::read_some(w.peer), "tail");
 }
 
 // Both rings wrap many times over with odd-sized pieces; every byte arrives in order.
@@ -252,32 +224,25 @@ TEST(ChannelConcurrency, RingsWrapWithoutLosingBytes) {
 }
 
 // Operations of another mode come in through the table, on the same socket, with a
-// handle of that mode's own.
-struct OtherHandle {
-    platform::socket_t fd;
-    int reads = 0;
-};
-
-int other_read(void* context, char* buf, size_t len, int) {
-    auto* h = static_cast<OtherHandle*>(context);
-    ++h->reads;
-    return static_cast<int>(::recv(h->fd, buf, len, 0));
-}
-
+// context of that mode's own (here a heap copy of the socket).
 bool other_closed = false;
 
 TEST(ChannelModes, InstallingAModeHandsTheSocketToItsTable) {
     Wired w;
-    OtherHandle* handle = new OtherHandle{w.ch.GetSocket()};
+    auto* handle = new platform::socket_t(w.ch.GetSocket());
     EXPECT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), ERR_INVAL);  // not registered
     ChannelOps other;
-    other.read_ = other_read;
+    other.read_ = [](void* c, char* buf, size_t, int) {
+        char ignored;
+        ::recv(*static_cast<platform::socket_t*>(c), &ignored, 1, 0);
+        *buf = 'T';  // what this mode makes of the byte
+        return 1;
+    };
     other.write = [](void*, const char*, size_t, int) { return static_cast<int>(ERR_IO); };
-    other.get_fd = [](void* c) { return static_cast<OtherHandle*>(c)->fd; };
+    other.get_fd = [](void* c) { return *static_cast<platform::socket_t*>(c); };
     other.close = [](void*& c) {
-        auto* h = static_cast<OtherHandle*>(c);
-        platform::shutdown_close(h->fd);
-        delete h;
+        platform::shutdown_close(*static_cast<platform::socket_t*>(c));
+        delete static_cast<platform::socket_t*>(c);
         c = nullptr;
         other_closed = true;
     };
@@ -289,8 +254,7 @@ TEST(ChannelModes, InstallingAModeHandsTheSocketToItsTable) {
     loopback::write_all(w.peer, "z");
     char c = 0;
     ASSERT_EQ(w.ch.Read(&c, 1), 0);
-    EXPECT_EQ(c, 'z');
-    EXPECT_EQ(handle->reads, 1);
+    EXPECT_EQ(c, 'T');
     EXPECT_EQ(w.ch.Write("y", 1), 0);
     EXPECT_EQ(w.ch.FlushWrite(0), ERR_IO);  // the other table's write is in charge
     w.ch.ClearWrite();
