@@ -1,16 +1,16 @@
 // delta-test-support.h: helpers shared by the delta engine tests: files, random contents,
-// the engine's three operations, an independent reader of delta commands, a writer of
-// hand-made deltas, and the external rdiff tool.
+// the engine's three operations, an independent reader of delta commands and a writer of
+// hand-made deltas.
 #pragma once
 
 #ifndef OPENSSL_SUPPRESS_DEPRECATED
 #define OPENSSL_SUPPRESS_DEPRECATED
 #endif
+#include <gtest/gtest.h>
 #include <openssl/md4.h>
-#include <sys/stat.h>
+#include <unistd.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -31,8 +31,7 @@ inline std::string randomBytes(size_t n, uint32_t seed) {
 }
 
 inline void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream out(path, std::ios::binary | std::ios::trunc);
-    out.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
 }
 
 inline std::string readFile(const std::string& path) {
@@ -43,18 +42,16 @@ inline std::string readFile(const std::string& path) {
 }
 
 inline bool exists(const std::string& path) {
-    struct stat st;
-    return ::stat(path.c_str(), &st) == 0;
+    return ::access(path.c_str(), F_OK) == 0;
 }
 
 inline std::string md4Hex(const std::string& bytes) {
     unsigned char digest[16];
     MD4(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-    static const char* hex = "0123456789abcdef";
     std::string out;
     for (unsigned char c : digest) {
-        out += hex[c >> 4];
-        out += hex[c & 15];
+        out += "0123456789abcdef"[c >> 4];
+        out += "0123456789abcdef"[c & 15];
     }
     return out;
 }
@@ -92,10 +89,17 @@ inline PatchOutcome applyPatch(const std::string& basis, const std::string& delt
 // One command of a delta as read back by the tests, independently of the engine's reader.
 struct Command {
     enum Kind { LITERAL, COPY } kind;
-    uint64_t start;  // copy: offset in the basis; literal: offset of the bytes in the file
+    uint64_t start;  // copy: offset in the basis; literal: not compared
     uint64_t length;
-    uint8_t code;
+    uint8_t code = 0;  // as read; 0 in an expectation means "any width"
 };
+
+inline Command copyOf(uint64_t start, uint64_t length, uint8_t code = 0) {
+    return {Command::COPY, start, length, code};
+}
+inline Command literalOf(uint64_t length, uint8_t code = 0) {
+    return {Command::LITERAL, 0, length, code};
+}
 
 inline uint64_t bigEndian(const std::string& s, size_t pos, size_t width) {
     uint64_t v = 0;
@@ -111,10 +115,7 @@ inline std::optional<std::vector<Command>> parseDelta(const std::string& d) {
     size_t pos = 4;
     while (pos < d.size()) {
         uint8_t code = static_cast<uint8_t>(d[pos++]);
-        if (code == 0) {
-            if (pos != d.size()) return std::nullopt;
-            return out;
-        }
+        if (code == 0) return pos == d.size() ? std::optional(out) : std::nullopt;
         if (code <= 0x44) {
             uint64_t length = code;
             if (code > 0x40) {
@@ -139,7 +140,23 @@ inline std::optional<std::vector<Command>> parseDelta(const std::string& d) {
     return std::nullopt;
 }
 
-// Builds deltas by hand, with chosen parameter widths.
+// Checks that `delta` is well formed and holds exactly the `want` commands.
+inline void expectCommands(const std::string& delta, const std::vector<Command>& want) {
+    auto got = parseDelta(delta);
+    ASSERT_TRUE(got.has_value()) << "malformed delta";
+    ASSERT_EQ(got->size(), want.size());
+    for (size_t i = 0; i < want.size(); ++i) {
+        const Command& g = (*got)[i];
+        const Command& w = want[i];
+        EXPECT_EQ(g.kind, w.kind) << "command " << i;
+        EXPECT_EQ(g.length, w.length) << "command " << i;
+        EXPECT_TRUE(w.kind != Command::COPY || g.start == w.start) << "command " << i;
+        EXPECT_TRUE(w.code == 0 || g.code == w.code) << "command " << i;
+    }
+}
+
+// Builds deltas by hand: literals with a 4-byte length past 64 bytes, copies with 8-byte
+// parameters.
 class DeltaWriter {
   public:
     DeltaWriter() { put(0x72730236, 4); }
@@ -154,7 +171,7 @@ class DeltaWriter {
         return *this;
     }
     DeltaWriter& copy(uint64_t start, uint64_t length) {
-        m_bytes += static_cast<char>(0x51 + 3);  // 8-byte start, 8-byte length
+        m_bytes += static_cast<char>(0x54);
         put(start, 8);
         put(length, 8);
         return *this;
@@ -163,10 +180,7 @@ class DeltaWriter {
         m_bytes += bytes;
         return *this;
     }
-    DeltaWriter& end() {
-        m_bytes += '\0';
-        return *this;
-    }
+    std::string end() const { return m_bytes + '\0'; }
     const std::string& bytes() const { return m_bytes; }
 
   private:
@@ -175,18 +189,5 @@ class DeltaWriter {
     }
     std::string m_bytes;
 };
-
-inline bool haveRdiff() {
-    return std::system("command -v rdiff >/dev/null 2>&1") == 0;
-}
-
-// Runs a shell command line quietly; true when it exits with 0.
-inline bool runQuietly(const std::string& command) {
-    return std::system((command + " >/dev/null 2>&1").c_str()) == 0;
-}
-
-inline std::string rdiffSignatureArgs() {
-    return "rdiff -f signature -R rollsum -H md4 -b 2048 -S 8";
-}
 
 }  // namespace deltatest

@@ -2,6 +2,7 @@
 // signatures, and deltas that each side can apply for the other.
 #include <gtest/gtest.h>
 
+#include <cstdlib>
 #include <string>
 
 #include "delta-test-support.h"
@@ -11,10 +12,21 @@ using namespace deltatest;
 
 namespace {
 
+// Runs rdiff quietly; true when it exits with 0.
+bool rdiff(const std::string& args) {
+    return std::system(("rdiff " + args + " >/dev/null 2>&1").c_str()) == 0;
+}
+
+std::string signatureArgs(size_t block = 2048, size_t hash = 8) {
+    return "-f signature -R rollsum -H md4 -b " + std::to_string(block) + " -S " +
+           std::to_string(hash) + " ";
+}
+
 class RdiffInterop : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!haveRdiff()) GTEST_SKIP() << "rdiff is not installed (scripts/setup installs it)";
+        if (std::system("command -v rdiff >/dev/null 2>&1") != 0)
+            GTEST_SKIP() << "rdiff is not installed (scripts/setup installs it)";
     }
 
     // Pairs of (old, new) contents covering the usual shapes of change.
@@ -45,10 +57,13 @@ TEST_F(RdiffInterop, SignaturesAreByteIdentical) {
     std::string content = randomBytes(3 * 1048576 + 777, 63);
     for (size_t len : {0, 1, 2047, 2048, 2049, 1048576, 1048577, 3 * 1048576 + 777}) {
         writeFile(dir / "basis", content.substr(0, len));
-        ASSERT_EQ(makeSignature(dir / "basis", dir / "ours"), 0);
-        ASSERT_TRUE(
-            runQuietly(rdiffSignatureArgs() + " " + (dir / "basis") + " " + (dir / "theirs")));
-        EXPECT_TRUE(readFile(dir / "ours") == readFile(dir / "theirs")) << "length " << len;
+        for (auto [block, hash] : {std::pair<size_t, size_t>{2048, 8}, {512, 16}, {700, 1}}) {
+            ASSERT_EQ(makeSignature(dir / "basis", dir / "ours", block, hash), 0);
+            ASSERT_TRUE(
+                rdiff(signatureArgs(block, hash) + (dir / "basis") + " " + (dir / "theirs")));
+            EXPECT_TRUE(readFile(dir / "ours") == readFile(dir / "theirs"))
+                << "length " << len << " block " << block << " hash " << hash;
+        }
     }
 }
 
@@ -58,8 +73,8 @@ TEST_F(RdiffInterop, RdiffPatchAppliesOurDeltas) {
         writeFile(dir / "new", next);
         ASSERT_EQ(makeSignature(dir / "old", dir / "sig"), 0);
         ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
-        ASSERT_TRUE(runQuietly("rdiff -f patch " + (dir / "old") + " " + (dir / "delta") + " " +
-                               (dir / "rebuilt")));
+        ASSERT_TRUE(
+            rdiff("-f patch " + (dir / "old") + " " + (dir / "delta") + " " + (dir / "rebuilt")));
         EXPECT_TRUE(readFile(dir / "rebuilt") == next)
             << "old " << old.size() << " new " << next.size();
     }
@@ -69,9 +84,9 @@ TEST_F(RdiffInterop, OurPatchAppliesRdiffDeltasAndReversesThem) {
     for (const auto& [old, next] : cases()) {
         writeFile(dir / "old", old);
         writeFile(dir / "new", next);
-        ASSERT_TRUE(runQuietly(rdiffSignatureArgs() + " " + (dir / "old") + " " + (dir / "sig")));
-        ASSERT_TRUE(runQuietly("rdiff -f delta " + (dir / "sig") + " " + (dir / "new") + " " +
-                               (dir / "delta")));
+        ASSERT_TRUE(rdiff(signatureArgs() + (dir / "old") + " " + (dir / "sig")));
+        ASSERT_TRUE(
+            rdiff("-f delta " + (dir / "sig") + " " + (dir / "new") + " " + (dir / "delta")));
         PatchOutcome outcome =
             applyPatch(dir / "old", dir / "delta", dir / "rebuilt", dir / "reverse");
         EXPECT_EQ(outcome.result, 0);
@@ -79,8 +94,8 @@ TEST_F(RdiffInterop, OurPatchAppliesRdiffDeltasAndReversesThem) {
         EXPECT_TRUE(readFile(dir / "rebuilt") == next)
             << "old " << old.size() << " new " << next.size();
         // The reverse delta goes back, and rdiff reads it too.
-        ASSERT_TRUE(runQuietly("rdiff -f patch " + (dir / "rebuilt") + " " + (dir / "reverse") +
-                               " " + (dir / "restored")));
+        ASSERT_TRUE(rdiff("-f patch " + (dir / "rebuilt") + " " + (dir / "reverse") + " " +
+                          (dir / "restored")));
         EXPECT_TRUE(readFile(dir / "restored") == old);
     }
 }

@@ -1,0 +1,159 @@
+// The weak rolling sum and the weak-sum filter: fresh sums over a block, rolling, the way
+// update extends a window that already holds bytes, and a window scan that never misses an
+// added sum and stops at the same window with the vector and the portable kernel.
+#include <gtest/gtest.h>
+
+#include <random>
+#include <string>
+
+#include "delta-test-support.h"
+#include "delta/rolling-checksum.h"
+#include "delta/weak-filter.h"
+
+using namespace deltatest;
+
+namespace {
+
+const uint8_t* bytes(const std::string& s) {
+    return reinterpret_cast<const uint8_t*>(s.data());
+}
+
+uint32_t windowDigest(const std::string& data, size_t at, size_t size) {
+    RSRollingChecksum sum;
+    sum.update(data.data() + at, size);
+    return sum.digest();
+}
+
+struct Stop {
+    size_t offset;
+    uint32_t a;
+    uint32_t b;
+};
+
+Stop scan(const WeakFilter& filter, const std::string& data, size_t from, size_t windows,
+          size_t block, WeakFilter::Kernel kernel) {
+    RSRollingChecksum sum;
+    sum.update(data.data() + from, block);
+    Stop stop{0, sum.a, sum.b};
+    stop.offset = filter.scanWindows(bytes(data) + from, windows, static_cast<uint32_t>(block),
+                                     stop.a, stop.b, kernel);
+    return stop;
+}
+
+}  // namespace
+
+TEST(RollingChecksum, SumsOfABlockMatchTheirDefinition) {
+    for (size_t len : {0, 1, 15, 16, 17, 31, 100, 2047, 2048, 2049, 11000, 70001, 1048576}) {
+        for (const std::string& data : {randomBytes(len, static_cast<uint32_t>(len)),
+                                        std::string(len, '\xFF'), std::string(len, '\0')}) {
+            SCOPED_TRACE("length " + std::to_string(len));
+            // The plain sums, byte by byte; and with every byte counted as byte + 31, a is
+            // their sum and b the sum of (n - i) * (byte + 31).
+            uint32_t s1 = 0, s2 = 0, a = 0, b = 0;
+            for (size_t i = 0; i < len; ++i) {
+                s1 += bytes(data)[i];
+                s2 += s1;
+                a += bytes(data)[i] + 31u;
+                b += static_cast<uint32_t>(len - i) * (bytes(data)[i] + 31u);
+            }
+            uint32_t got1, got2;
+            RSRollingChecksum::blockSums(bytes(data), data.size(), got1, got2);
+            EXPECT_EQ(got1, s1);
+            EXPECT_EQ(got2, s2);
+            // Past 11770 bytes the offset term wraps before it is halved, as the format does.
+            if (len > 11770) continue;
+            RSRollingChecksum sum;
+            sum.update(data.data(), data.size());
+            EXPECT_EQ(sum.a, a);
+            EXPECT_EQ(sum.b, b);
+            EXPECT_EQ(sum.size(), len);
+            EXPECT_EQ(sum.digest(), (a & 0xFFFF) | (b << 16));
+        }
+    }
+}
+
+TEST(RollingChecksum, RollingEqualsAFreshSumOfEachWindow) {
+    std::string data = randomBytes(6000, 3);
+    const size_t window = 2048;
+    RSRollingChecksum rolling;
+    rolling.update(data.data(), window);
+    for (size_t start = 1; start + window <= data.size(); start += 1) {
+        rolling.rotate(bytes(data)[start - 1], bytes(data)[start + window - 1]);
+        if (start % 97 != 0) continue;
+        ASSERT_EQ(rolling.digest(), windowDigest(data, start, window)) << "window at " << start;
+        ASSERT_EQ(rolling.size(), window);
+    }
+    rolling.clear();
+    EXPECT_TRUE(rolling.empty());
+    EXPECT_EQ(rolling.digest(), 0u);
+}
+
+TEST(RollingChecksum, ExtendingAFilledWindowLeavesOutTheCarriedTerm) {
+    std::string data = randomBytes(2048, 4);
+    RSRollingChecksum split;
+    split.update(data.data(), 1000);
+    uint32_t a_before = split.a;
+    split.update(data.data() + 1000, 1048);
+    RSRollingChecksum whole;
+    whole.update(data.data(), data.size());
+    EXPECT_EQ(split.a, whole.a);
+    EXPECT_EQ(split.size(), whole.size());
+    // b misses 1048 * a of the first part, exactly.
+    EXPECT_EQ(split.b + 1048u * a_before, whole.b);
+}
+
+TEST(WeakFilter, AddedSumsAlwaysPassAndFewOthersDo) {
+    WeakFilter filter;
+    filter.reset(1000);
+    std::mt19937 gen(81);
+    std::vector<uint32_t> added;
+    for (int i = 0; i < 1000; ++i) added.push_back(gen());
+    for (uint32_t d : added) filter.add(d);
+    for (uint32_t d : added) EXPECT_TRUE(filter.mayContain(d));
+    int passed = 0;
+    for (int i = 0; i < 100000; ++i) passed += filter.mayContain(gen()) ? 1 : 0;
+    EXPECT_LT(passed, 1000);  // well under 1% of strangers get through
+}
+
+TEST(WeakFilter, ScanStopsAtTheFirstWindowWhoseSumWasAdded) {
+    const size_t block = 2048;
+    std::string data = randomBytes(200000, 82);
+    WeakFilter filter;
+    filter.reset(4);
+    for (size_t at : {size_t{70001}, size_t{150000}}) filter.add(windowDigest(data, at, block));
+    for (auto kernel : {WeakFilter::Kernel::PORTABLE, WeakFilter::Kernel::BEST}) {
+        Stop stop = scan(filter, data, 1000, data.size() - block - 1000, block, kernel);
+        ASSERT_GT(stop.offset, 0u);
+        ASSERT_LE(1000 + stop.offset, 70001u);
+        RSRollingChecksum fresh;
+        fresh.update(data.data() + 1000 + stop.offset, block);
+        EXPECT_EQ(stop.a, fresh.a);
+        EXPECT_EQ(stop.b, fresh.b);
+        EXPECT_TRUE(filter.mayContain(fresh.digest()));
+    }
+}
+
+TEST(WeakFilter, VectorAndPortableKernelsAgree) {
+    if (!WeakFilter::vectorKernelAvailable()) GTEST_SKIP() << "no AVX2 on this processor";
+    std::mt19937 gen(83);
+    std::string data = randomBytes(400000, 84);
+    for (size_t block : {size_t{1}, size_t{7}, size_t{2048}, size_t{5000}}) {
+        WeakFilter filter;
+        filter.reset(64);
+        for (int i = 0; i < 64; ++i) filter.add(gen());
+        // Every stop, over and over: sums carried across calls, counts of every remainder.
+        size_t from = 3;
+        size_t windows = data.size() - block - from;
+        for (int steps = 0; steps < 2000 && windows > 0; ++steps) {
+            size_t count = std::min<size_t>(windows, 1 + gen() % 3000);
+            Stop portable = scan(filter, data, from, count, block, WeakFilter::Kernel::PORTABLE);
+            Stop vector = scan(filter, data, from, count, block, WeakFilter::Kernel::BEST);
+            ASSERT_EQ(vector.offset, portable.offset) << "block " << block << " from " << from;
+            ASSERT_EQ(vector.a, portable.a);
+            ASSERT_EQ(vector.b, portable.b);
+            size_t moved = portable.offset == 0 ? count : portable.offset;
+            from += moved;
+            windows -= moved;
+        }
+    }
+}
