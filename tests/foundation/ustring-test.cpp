@@ -13,69 +13,49 @@ std::u16string wide(const ustring& s) {
     return std::u16string(s.c_str());
 }
 
-TEST(UstringConversion, Utf8AndUtf16RoundTrip) {
-    const char* samples[] = {"", "plain", "caf\xC3\xA9", "\xE6\x97\xA5\xE6\x9C\xAC",
-                             "\xF0\x9F\x98\x80 emoji"};
-    for (const char* text : samples) {
-        ustring s(text);
-        ustring back(s.c_str());
+TEST(UstringConversion, Utf8AndUtf16RoundTripAndIllFormedBytesSurvive) {
+    for (const char* text : {"", "plain", "caf\xC3\xA9", "\xF0\x9F\x98\x80 emoji"}) {
+        ustring back(ustring(text).c_str());
         EXPECT_STREQ(back.c_str_utf8(), text);
-        EXPECT_EQ(back.size(), std::string(text).size());
+        EXPECT_TRUE(ustring::is_valid(back));
     }
     EXPECT_EQ(wide(ustring("\xF0\x9F\x98\x80")), std::u16string(u"\U0001F600"));
     EXPECT_EQ(ustring(u"\u00e9t\u00e9").size(), 5u);
-}
+    EXPECT_EQ(ustring().c_str()[0], 0);
 
-TEST(UstringConversion, EmptyStringHasTerminatedForms) {
-    ustring s;
-    EXPECT_EQ(s.c_str()[0], 0);
-    EXPECT_STREQ(s.c_str_utf8(), "");
-    EXPECT_TRUE(s.empty());
-}
-
-TEST(UstringConversion, IllFormedUtf8HasNoWideFormAndIsInvalid) {
     ustring bad(
         "a\xFF"
         "b");
     EXPECT_FALSE(ustring::is_valid(bad));
-    EXPECT_EQ(bad.c_str()[0], 0);
+    EXPECT_EQ(bad.c_str()[0], 0) << "no wide form";
     EXPECT_STREQ(bad.c_str_utf8(),
                  "a\xFF"
-                 "b");  // the bytes themselves survive
+                 "b")
+        << "the bytes themselves survive";
     EXPECT_FALSE(ustring::is_valid(ustring("\xC3")));
-    EXPECT_TRUE(ustring::is_valid(ustring("")));
-    EXPECT_TRUE(ustring::is_valid(ustring("caf\xC3\xA9")));
 }
 
-TEST(UstringConversion, ChangingBytesDropsTheStaleWideForm) {
+TEST(UstringConversion, WideFormFollowsEditsButNotReplace) {
     ustring s("abc");
     EXPECT_EQ(wide(s), u"abc");
     s.append("d");
     EXPECT_EQ(wide(s), u"abcd");
-    s.assign(u"xyz");
-    EXPECT_STREQ(s.c_str_utf8(), "xyz");
-}
-
-TEST(UstringConversion, ReplaceKeepsTheWideFormAsItStood) {
-    ustring s("a/b");
-    EXPECT_EQ(wide(s), u"a/b");
+    s.assign(u"x/z");
+    EXPECT_STREQ(s.c_str_utf8(), "x/z");
+    EXPECT_EQ(wide(s), u"x/z");
     s.replace('/', '\\');
-    EXPECT_STREQ(s.c_str_utf8(), "a\\b");
-    EXPECT_EQ(wide(s), u"a/b");
-}
+    EXPECT_STREQ(s.c_str_utf8(), "x\\z");
+    EXPECT_EQ(wide(s), u"x/z") << "replace keeps the wide form as it stood";
 
-TEST(UstringEdit, CountsStopAtTerminatorsAndSelfAppendIsSafe) {
     EXPECT_EQ(ustring("abc", 10).size(), 3u);
     EXPECT_EQ(ustring("abcdef", 2), ustring("ab"));
-    ustring s("xy");
+    s = "xy";
     s.append(s);
     s += s;
-    EXPECT_EQ(s, ustring("xyxyxyxy"));
+    EXPECT_EQ(s, ustring("xyxyxyxy")) << "appending itself is safe";
     s.append(s.c_str_utf8() + 2, 2);
     EXPECT_EQ(s, ustring("xyxyxyxyxy"));
-    EXPECT_EQ(ustring(3, 'z'), ustring("zzz"));
     EXPECT_EQ(ustring(std::string("hello"), 1, 3), ustring("ell"));
-    EXPECT_EQ(ustring("a") + "b" + ustring("c") + 'd', ustring("abcd"));
 }
 
 TEST(UstringEdit, SubstrUsesBytesAndThrowsPastTheEnd) {
@@ -93,7 +73,6 @@ TEST(UstringEdit, TrimStripsOnlyTheGivenSet) {
     EXPECT_EQ(ustring(s).trim(" -"), ustring("x y"));
     EXPECT_EQ(ustring(s).ltrim(" "), ustring("-x y-  "));
     EXPECT_EQ(ustring(s).rtrim(" "), ustring("  -x y-"));
-    EXPECT_EQ(ustring("   ").trim(), ustring(""));
 }
 
 TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
@@ -132,11 +111,9 @@ TEST(UstringOrder, ComparesUnsignedBytesAndFoldsAsciiOnly) {
 TEST(UstringNormalization, ComposesAndDecomposes) {
     ustring composed("caf\xC3\xA9");
     ustring decomposed("cafe\xCC\x81");
-    EXPECT_NE(composed, decomposed);
     EXPECT_EQ(decomposed.normalize(ustring::NFC), composed);
     EXPECT_EQ(composed.normalize(ustring::NFD), decomposed);
     EXPECT_EQ(ustring::normalize(ustring(""), ustring::NFC), ustring(""));
-    EXPECT_EQ(ustring::normalize(composed, ustring::NFC), composed);
 }
 
 TEST(UstringStream, WritesBytesAndReadsOneWord) {
