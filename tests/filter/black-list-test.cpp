@@ -1,5 +1,5 @@
-// BlackList2 and WhiteListCpp: loading, the editing table with its case rules, and tests
-// running while another thread reloads the rules.
+// BlackList2, WhiteList and WhiteListCpp: loading, the editing table with its case rules,
+// the white list's extension test, and tests running while another thread reloads.
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -13,32 +13,24 @@
 
 namespace {
 
-TEST(BlackList, NewListPassesEverything) {
-    BlackList2 list;
-    EXPECT_EQ(list.TestFilePath("/any/thing.tmp"), 0);
-    EXPECT_EQ(list.TestDirectoryPath("/.git"), 0);
-    EXPECT_EQ(list.TestFileSize(~0ull), 0);
-    EXPECT_EQ(list.TestFullPathSize(~0ull), 0);
-    EXPECT_EQ(&BlackList2::getInstance(), &BlackList2::getInstance());
-}
-
 TEST(BlackList, BadFileLeavesAnEmptyFilterNotTheOldOne) {
     TempDir dir;
     dir.write("good", "[Version]\nmajor = 1\nminor = 2\n[File]\nblack_ext = \"tmp\"\n");
     dir.write("bad", "[File]\nblack_ext = \"tmp\"\nmax_size = 12kb\n");
     BlackList2 list;
+    EXPECT_EQ(list.TestFilePath("/a.tmp"), 0);
     ASSERT_EQ(list.Load(dir / "good"), 0);
     EXPECT_EQ(list.TestFilePath("/a.tmp"), FILTER_EXT);
-    Filter* f = list.GetFilter();
+    list.GetFilter();
     EXPECT_EQ(list.GetMajorVersion(), 1);
     EXPECT_EQ(list.GetMinorVersion(), 2);
-    EXPECT_EQ(f->File.black_ext.used, 1u);
     list.ReturnFilter();
 
     parse_report report;
     EXPECT_EQ(list.Load(dir / "bad", &report), -1);
     EXPECT_EQ(report.line, 3);
     EXPECT_EQ(list.TestFilePath("/a.tmp"), 0);
+    ASSERT_EQ(list.Load(dir / "good"), 0);
     EXPECT_EQ(list.Load(dir / "missing"), -1);
     EXPECT_EQ(list.TestFilePath("/a.tmp"), 0);
 }
@@ -59,48 +51,44 @@ TEST(BlackList, WriteThenLoadKeepsEditedRules) {
     EXPECT_EQ(other.TestFileSize(4097), FILTER_FILE_SIZE);
     other.Clear();
     EXPECT_EQ(other.TestFilePath("/film.MKV"), 0);
+    EXPECT_EQ(other.TestFileSize(~0ull), 0);
 }
 
 TEST(BlackListEditing, InsertAddsOnlyWhatIsNewIgnoringAsciiCase) {
     BlackList2 list;
     Filter* f = list.GetFilter();
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PREFIX, ustring("~$")), 0);
+    const ustring e_lower("\xc3\xa9t\xc3\xa9");
+    const ustring e_upper("\xc3\x89t\xc3\x89");
     EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, ustring("Thumbs.db")), 0);
     EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, ustring("THUMBS.DB")), 0);
-    EXPECT_EQ(f->Common.black_name.used, 1u);
-    EXPECT_STREQ(f->Common.black_name.set[0], "Thumbs.db");
     // Bytes above 0x7F are compared exactly, so É and é are two rules.
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, ustring("\xc3\xa9t\xc3\xa9")),
-              0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, ustring("\xc3\x89t\xc3\x89")),
-              0);
-    EXPECT_EQ(f->Directory.black_name.used, 2u);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, e_lower), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, e_upper), 0);
     EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ustring(":")), 0);
     EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ustring("|")), 0);
-    EXPECT_STREQ(f->Common.black_char.str, "|");
     EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_LENGTH, static_cast<uint64_t>(9)), 0);
     EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_SIZE, static_cast<uint64_t>(99)), 0);
     EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE_SELECTIVE_SYNC,
                                        static_cast<uint64_t>(7)),
               0);
-    EXPECT_EQ(f->File.max_size_selective_sync, 7u);
-    list.ReturnFilter();
-    EXPECT_EQ(list.TestFilePath("/thumbs.db"), FILTER_NAME);
-    EXPECT_EQ(list.TestFilePath("/a|b"), FILTER_CHAR);
-    EXPECT_EQ(list.TestFilePath("/" + ustring(std::string(10, 'n'))), FILTER_LENGTH);
-    EXPECT_EQ(list.TestFullPathSize(100), FILTER_PATH_SIZE);
-}
-
-TEST(BlackListEditing, FolderRuleAnswersMinusOneWhenNew) {
-    BlackList2 list;
-    Filter* f = list.GetFilter();
-    const ustring rule("/Photos");
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, rule), -1);
+    // A new folder rule answers -1 all the same.
+    EXPECT_EQ(
+        BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, ustring("/Photos")),
+        -1);
     EXPECT_EQ(
         BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, ustring("/photos")),
         0);
+    EXPECT_EQ(f->Common.black_name.used, 1u);
+    EXPECT_EQ(f->Directory.black_name.used, 2u);
+    EXPECT_STREQ(f->Common.black_char.str, "|");
     EXPECT_EQ(f->Common.black_path_prefix_selective_sync.used, 1u);
     list.ReturnFilter();
+    EXPECT_EQ(list.TestFilePath("/thumbs.db"), FILTER_NAME);
+    EXPECT_EQ(list.TestFilePath("/a|b"), FILTER_CHAR);
+    EXPECT_EQ(list.TestFilePath("/a:b"), 0);
+    EXPECT_EQ(list.TestFilePath("/" + ustring(std::string(10, 'n'))), FILTER_LENGTH);
+    EXPECT_EQ(list.TestFullPathSize(100), FILTER_PATH_SIZE);
+    EXPECT_EQ(list.TestFileSize(8), FILTER_FILE_SIZE_SELECTIVE_SYNC);
     EXPECT_EQ(list.TestFilePath("/PHOTOS/a.jpg"), FILTER_PATH_PREFIX_SELECTIVE_SYNC);
 }
 
@@ -138,9 +126,41 @@ TEST(BlackListEditing, TypesASectionDoesNotHoldAreRefused) {
     list.ReturnFilter();
 }
 
-TEST(WhiteListCppTest, LoadTestAndClear) {
+TEST(WhiteList, ReadsExtensionsTestsThemAndRefusesMalformedFiles) {
     TempDir dir;
-    dir.write("white", "[Version]\nmajor = 1\nminor = 0\n[File]\nwhite_ext = \"jpg\", \"PNG\"\n");
+    dir.write("white", "[Version]\nmajor = 1\nminor = 0\n[File]\nwhite_ext = \"doc\", \"GZ\"\n");
+    WhiteList list;
+    ASSERT_EQ(white_list_init(&list), 0);
+    EXPECT_EQ(white_list_test(&list, "a.doc"), -1);  // an empty list passes nothing
+    ASSERT_EQ(white_list_read(&list, (dir / "white").c_str()), 0);
+    EXPECT_EQ(white_list_test(&list, "A.DOC"), 0);
+    EXPECT_EQ(white_list_test(&list, "a.tar.gz"), 0);
+    for (const char* name : {"a.docx", ".doc", "doc", "", static_cast<const char*>(nullptr)})
+        EXPECT_EQ(white_list_test(&list, name), -1) << (name ? name : "null");
+    ASSERT_EQ(vt_string_set_insert(&list.File.white_ext, "*"), 0);
+    EXPECT_EQ(white_list_test(&list, "noextension"), 0);
+    EXPECT_EQ(white_list_test(&list, ".profile"), 0);
+    EXPECT_EQ(white_list_test(&list, ""), -1);
+    white_list_destroy(&list);
+
+    // Black-list keys are unknown here; a black-list section is undefined.
+    ASSERT_EQ(white_list_init(&list), 0);
+    dir.write("white", "[File]\nblack_ext = \"doc\"\n");
+    parse_report report;
+    EXPECT_EQ(white_list_read(&list, (dir / "white").c_str(), &report), -1);
+    EXPECT_EQ(report.result, PARSE_PARTIAL);
+    EXPECT_EQ(white_list_test(&list, "a.doc"), -1);
+    ASSERT_EQ(white_list_init(&list), 0);
+    dir.write("white", "[Common]\n");
+    EXPECT_EQ(white_list_read(&list, (dir / "white").c_str(), &report), -1);
+    EXPECT_EQ(report.error_code, SECTION_UNDEFINED_SECTION);
+    white_list_destroy(&list);
+}
+
+TEST(WhiteList, LockedListLoadsClearsAndEmptiesOnABadFile) {
+    TempDir dir;
+    dir.write("white", "[File]\nwhite_ext = \"jpg\", \"PNG\"\n");
+    dir.write("bad", "[File]\nwhite_ext = \"jpg\" \"png\"\n");
     WhiteListCpp list;
     EXPECT_EQ(list.Test("a.jpg"), -1);
     ASSERT_EQ(list.Load(dir / "white"), 0);
@@ -149,7 +169,6 @@ TEST(WhiteListCppTest, LoadTestAndClear) {
     EXPECT_EQ(list.Test("a.gif"), -1);
     list.Clear();
     EXPECT_EQ(list.Test("a.jpg"), -1);
-    dir.write("bad", "[File]\nwhite_ext = \"jpg\" \"png\"\n");
     ASSERT_EQ(list.Load(dir / "white"), 0);
     EXPECT_EQ(list.Load(dir / "bad"), -1);
     EXPECT_EQ(list.Test("a.jpg"), -1);
@@ -164,7 +183,6 @@ TEST(BlackListConcurrency, TestsWhileAnotherThreadReloads) {
     dir.write("bad", "[File]\nblack_ext = \"tmp\"\n[Directory]\nblack_name = .git\n");
     BlackList2 list;
     ASSERT_EQ(list.Load(dir / "good"), 0);
-
     std::atomic<bool> stop{false};
     std::atomic<int> bad_answers{0};
     std::atomic<long> tests{0};
