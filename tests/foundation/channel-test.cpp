@@ -120,20 +120,7 @@ std::thread raise_later(int& flag, int ms) {
     });
 }
 
-TEST(ChannelConcurrency, AbortFlagEndsABlockedRead) {
-    Wired w;
-    int abort_flag = 0;
-    w.ch.SetFlag(&abort_flag);
-    w.ch.SetTimeout(0);  // never time out: only the flag can end it
-    std::thread setter = raise_later(abort_flag, 200);
-    char buf[1];
-    auto t0 = clock_type::now();
-    EXPECT_EQ(w.ch.Read(buf, 1), ERR_INT);
-    EXPECT_LT(seconds_since(t0), 1.8);
-    setter.join();
-}
-
-TEST(ChannelConcurrency, AbortFlagEndsABlockedFlush) {
+TEST(ChannelConcurrency, AbortFlagEndsABlockedReadAndABlockedFlush) {
     loopback::Pair pair;
     int small = 4096;
     ::setsockopt(pair.a, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
@@ -142,11 +129,19 @@ TEST(ChannelConcurrency, AbortFlagEndsABlockedFlush) {
     ASSERT_EQ(ch.Open(pair.take_b(), true), 0);
     int abort_flag = 0;
     ch.SetFlag(&abort_flag);
-    ch.SetTimeout(0);
-    std::thread setter = raise_later(abort_flag, 300);
+    ch.SetTimeout(0);  // never time out: only the flag can end a wait
+    std::thread setter = raise_later(abort_flag, 200);
+    char buf[1];
+    auto t0 = clock_type::now();
+    EXPECT_EQ(ch.Read(buf, 1), ERR_INT);
+    EXPECT_LT(seconds_since(t0), 1.8);
+    setter.join();
+
+    abort_flag = 0;
+    setter = raise_later(abort_flag, 300);
     std::string chunk = pattern(Channel::kCapacity);
     int rc = 0;
-    auto t0 = clock_type::now();
+    t0 = clock_type::now();
     // The peer never reads, so sooner or later a flush blocks until the flag is seen.
     while (rc == 0 && seconds_since(t0) < 10) rc = ch.Write(chunk.data(), chunk.size());
     EXPECT_EQ(rc, ERR_INT);
