@@ -27,12 +27,7 @@ using platform::ChangeNotice;
 namespace {
 
 constexpr uint64_t kSess = 41;
-
-int64_t NowMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(
-               std::chrono::steady_clock::now().time_since_epoch())
-        .count();
-}
+const std::string kRootGone = "error " + std::to_string(ERR_SYNCFOLDER_MISS);
 
 bool IsDir(const std::string& path) {
     struct stat st {};
@@ -43,8 +38,7 @@ void Write(const std::string& path, const std::string& data = "x") {
     std::ofstream(path, std::ios::binary | std::ios::trunc) << data;
 }
 
-// "EV_ADD /a", "EV_REMOVE dir /d", "expand /d", "rescan /", "rescan / merge",
-// "error -17".
+// "EV_ADD /a", "EV_REMOVE dir /d", "EV_RENAME /a -> /b".
 std::string Describe(const Event& e) {
     std::string text = Event::TypeText(e.m_type);
     if (e.isDir()) text += " dir";
@@ -59,6 +53,8 @@ bool Contains(const Texts& seen, const std::string& text) {
     return std::find(seen.begin(), seen.end(), text) != seen.end();
 }
 
+// Records what the detector gives as texts: events as Describe writes them,
+// "expand /d", "rescan /", "rescan / merge", "error -17".
 class RecordingSink : public DetectorSink {
   public:
     void PushLocalEvent(const Event& e) override {
@@ -107,19 +103,16 @@ class RecordingSink : public DetectorSink {
     Texts m_seen;
 };
 
-// A source that hands out batches the test feeds it.
+// A source that hands out batches the test feeds it and refuses roots named
+// "/refused".
 class ScriptedSource : public platform::ChangeSource {
   public:
-    int add(uint64_t sess_id, const std::string& root, const std::string& private_dir,
-            int* err) override {
+    int add(uint64_t, const std::string& root, const std::string& private_dir, int* err) override {
         std::lock_guard<std::mutex> guard(m_mutex);
-        m_added.push_back(sess_id);
         m_private = private_dir;
-        if (m_refuse) {
-            if (err != nullptr) *err = ENOENT;
-            return -1;
-        }
-        return root.empty() ? -1 : 0;
+        if (root != "/refused") return 0;
+        if (err != nullptr) *err = ENOENT;
+        return -1;
     }
     int remove(uint64_t sess_id) override {
         std::lock_guard<std::mutex> guard(m_mutex);
@@ -152,11 +145,6 @@ class ScriptedSource : public platform::ChangeSource {
         m_batches.push_back(std::move(batch));
         m_cond.notify_all();
     }
-    void Refuse() { m_refuse = true; }
-    std::vector<uint64_t> Added() {
-        std::lock_guard<std::mutex> guard(m_mutex);
-        return m_added;
-    }
     std::vector<uint64_t> Removed() {
         std::lock_guard<std::mutex> guard(m_mutex);
         return m_removed;
@@ -171,8 +159,7 @@ class ScriptedSource : public platform::ChangeSource {
     std::condition_variable m_cond;
     std::deque<std::vector<ChangeNotice>> m_batches;
     bool m_woken = false;
-    bool m_refuse = false;
-    std::vector<uint64_t> m_added, m_removed;
+    std::vector<uint64_t> m_removed;
     std::string m_private;
 };
 
@@ -184,21 +171,36 @@ ChangeNotice Signal(ChangeNotice::Kind kind, const std::string& path = "", int e
     return {kind, kSess, 0, path, err};
 }
 
-// A session whose root is a temporary folder and whose database knows a few
-// paths.
+// A session whose root is "sync" in a temporary folder (so that it can be
+// removed) and whose database knows a few paths. With `source` set the
+// detector runs on it, with `real` on the platform's own source; otherwise it
+// only translates.
 class DetectorFixture : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_EQ(db.initialize((dbdir / "event-db.sqlite").c_str()), 0);
+        ASSERT_EQ(::mkdir(root.c_str(), 0755), 0);
+        ASSERT_EQ(db.initialize((top / "event-db.sqlite").c_str()), 0);
         Registry::Entry entry;
         entry.sess_id = kSess;
-        entry.local_path = root.path().c_str();
+        entry.local_path = root.c_str();
         entry.event_db = &db;
         Registry::getInstance().Set(entry);
     }
     void TearDown() override {
+        if (detector) {
+            detector->Stop();
+            detector->Join();
+        }
         Registry::getInstance().Remove(kSess);
         db.destroy();
+    }
+    void Start(bool real) {
+        auto owned = std::make_unique<ScriptedSource>();
+        source = owned.get();
+        detector = std::make_unique<Detector>(real ? nullptr : std::move(owned), &sink);
+        if (real) source = nullptr;
+        ASSERT_EQ(detector->AddWatch(Root(), kSess), 0);
+        ASSERT_EQ(detector->Run(), 0);
     }
 
     // A row as if the path had been synchronised.
@@ -213,22 +215,36 @@ class DetectorFixture : public ::testing::Test {
         ASSERT_EQ(db.setEventInfo(info), 0);
     }
 
-    std::string At(const std::string& rel) const { return root / rel; }
-    ustring Root() const { return ustring(root.path().c_str()); }
+    std::string At(const std::string& rel) const { return root + "/" + rel; }
+    ustring Root() const { return ustring(root.c_str()); }
 
-    // Translates one record; the event's description, or "none".
-    std::string Translated(Detector& d, int action, const std::string& path) {
-        Event e;
-        if (d.Translate(e, kSess, Root(), Rec(action, path)) != 0) return "none";
-        EXPECT_EQ(e.m_sess_id, kSess);
-        return Describe(e);
+    struct Step {
+        int action;
+        const char* path;
+        const char* want;  // the event's description, or "none"
+    };
+    // Translates each record in turn on a detector that is not running.
+    void ExpectTranslations(const std::vector<Step>& steps) {
+        Detector d(std::make_unique<ScriptedSource>(), &sink);
+        for (const Step& s : steps) {
+            SCOPED_TRACE(std::to_string(s.action) + " " + s.path);
+            Event e;
+            const bool made = d.Translate(e, kSess, Root(), Rec(s.action, s.path)) == 0;
+            EXPECT_EQ(made ? Describe(e) : "none", s.want);
+            EXPECT_TRUE(!made || e.m_sess_id == kSess);
+        }
     }
 
-    TempDir root;
-    TempDir dbdir;
+    TempDir top;
+    const std::string root = top / "sync";
     FileEventDB db;
     RecordingSink sink;
+    ScriptedSource* source = nullptr;
+    std::unique_ptr<Detector> detector;
 };
+
+using platform::kActionAdded, platform::kActionModified, platform::kActionRemoved,
+    platform::kActionRenamedOldName, platform::kActionRenamedNewName;
 
 }  // namespace
 
@@ -236,116 +252,78 @@ class DetectorFixture : public ::testing::Test {
 // One record at a time: the type from the disk or the database, the working
 // directory, the rename cache.
 
-class DetectorTranslate : public DetectorFixture {
-  protected:
-    void SetUp() override {
-        DetectorFixture::SetUp();
-        detector = std::make_unique<Detector>(std::make_unique<ScriptedSource>(), &sink);
-    }
-    std::unique_ptr<Detector> detector;
-};
+using DetectorTranslate = DetectorFixture;
 
-TEST_F(DetectorTranslate, PresentPathsTakeTheirTypeFromTheDisk) {
+TEST_F(DetectorTranslate, RecordsTakeTheirTypeFromDiskOrDatabaseAndSkipTheWorkingDirectory) {
     Write(At("f"));
     ASSERT_EQ(::mkdir(At("d").c_str(), 0755), 0);
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, "f"), "EV_ADD /f");
-    EXPECT_EQ(Translated(*detector, platform::kActionModified, "f"), "EV_MODIFY /f");
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, "d"), "EV_ADD dir /d");
-    // A directory's own modification says only that its entries changed.
-    EXPECT_EQ(Translated(*detector, platform::kActionModified, "d"), "none");
-    // Neither a file nor a directory: nothing the rescan would sync either.
     ASSERT_EQ(::symlink("f", At("link").c_str()), 0);
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, "link"), "none");
-}
-
-TEST_F(DetectorTranslate, AbsentPathsTakeTheirTypeFromTheDatabase) {
-    Known("/gone-dir", true);
-    Known("/gone-dir/inner", false);
-    EXPECT_EQ(Translated(*detector, platform::kActionRemoved, "gone-dir"),
-              "EV_REMOVE dir /gone-dir");
-    EXPECT_EQ(Translated(*detector, platform::kActionRemoved, "gone-dir/inner"),
-              "EV_REMOVE /gone-dir/inner");
-    // Unknown to the database: it appeared and vanished between two reads.
-    EXPECT_EQ(Translated(*detector, platform::kActionRemoved, "never-synced"), "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, "never-synced"), "none");
-    // A session the registry no longer has.
-    Event e;
-    EXPECT_EQ(detector->Translate(e, kSess + 1, Root(),
-                                  Rec(platform::kActionRemoved, "gone-dir", kSess + 1)),
-              -1);
-}
-
-TEST_F(DetectorTranslate, WorkingDirectoryIsNeverAUserChange) {
     ASSERT_EQ(::mkdir(At(".ZephanorWorkingDirectoryX").c_str(), 0755), 0);
     Write(At(".ZephanorWorkingDirectoryX/f"));
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, ".ZephanorWorkingDirectory"), "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, ".ZephanorWorkingDirectory/tmp1"),
-              "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionModified,
-                         ".zephanorWORKINGdirectory/#ZephRecycle/x"),
-              "none");
-    // Only the exact name is the working directory.
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, ".ZephanorWorkingDirectoryX"),
-              "EV_ADD dir /.ZephanorWorkingDirectoryX");
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, ".ZephanorWorkingDirectoryX/f"),
-              "EV_ADD /.ZephanorWorkingDirectoryX/f");
-
-    EXPECT_TRUE(Detector::IsFromWorkingDirectory(".ZEPHANORWORKINGDIRECTORY"));
-    EXPECT_FALSE(Detector::IsFromWorkingDirectory(".ZephanorWorkingDirector"));
+    Known("/gone-dir", true);
+    Known("/gone-dir/inner", false);
+    ExpectTranslations({
+        {kActionAdded, "f", "EV_ADD /f"},
+        {kActionModified, "f", "EV_MODIFY /f"},
+        {kActionAdded, "d", "EV_ADD dir /d"},
+        // A directory's own modification says only that its entries changed.
+        {kActionModified, "d", "none"},
+        // Neither a file nor a directory: nothing the rescan would sync either.
+        {kActionAdded, "link", "none"},
+        {kActionRemoved, "gone-dir", "EV_REMOVE dir /gone-dir"},
+        {kActionRemoved, "gone-dir/inner", "EV_REMOVE /gone-dir/inner"},
+        // Unknown to the database: it appeared and vanished between two reads.
+        {kActionRemoved, "never-synced", "none"},
+        {kActionAdded, "never-synced", "none"},
+        {kActionAdded, ".ZephanorWorkingDirectory", "none"},
+        {kActionAdded, ".ZephanorWorkingDirectory/tmp1", "none"},
+        {kActionModified, ".zephanorWORKINGdirectory/#ZephRecycle/x", "none"},
+        // Only the exact name is the working directory.
+        {kActionAdded, ".ZephanorWorkingDirectoryX", "EV_ADD dir /.ZephanorWorkingDirectoryX"},
+        {kActionAdded, ".ZephanorWorkingDirectoryX/f", "EV_ADD /.ZephanorWorkingDirectoryX/f"},
+        {9, "f", "none"},
+        {0, "f", "none"},
+        {kActionAdded, "", "none"},
+    });
     EXPECT_FALSE(Detector::IsFromWorkingDirectory("a/.ZephanorWorkingDirectory"));
     EXPECT_TRUE(Detector::IsRecycleBin("/.ZephanorWorkingDirectory/#ZephRecycle"));
     EXPECT_FALSE(Detector::IsRecycleBin("/.ZephanorWorkingDirectory/#ZephRecycle/x"));
-}
-
-TEST_F(DetectorTranslate, TakenAwayWorkingDirectoryOrBinIsMadeAgain) {
-    const std::string working = At(".ZephanorWorkingDirectory");
-    Detector::CreateWorkingDirectory(Root());
-    ASSERT_TRUE(IsDir(working + "/#ZephRecycle"));
-
-    ASSERT_EQ(::rmdir((working + "/#ZephRecycle").c_str()), 0);
-    EXPECT_EQ(
-        Translated(*detector, platform::kActionRemoved, ".ZephanorWorkingDirectory/#ZephRecycle"),
-        "none");
-    EXPECT_TRUE(IsDir(working + "/#ZephRecycle"));
-
-    ASSERT_EQ(::system(("rm -rf '" + working + "'").c_str()), 0);
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedOldName, ".ZephanorWorkingDirectory"),
-              "none");
-    EXPECT_TRUE(IsDir(working + "/#ZephRecycle"));
+    // A session the registry no longer has.
+    Detector d(std::make_unique<ScriptedSource>(), &sink);
+    Event e;
+    EXPECT_EQ(d.Translate(e, kSess + 1, Root(), Rec(kActionRemoved, "gone-dir", kSess + 1)), -1);
 }
 
 TEST_F(DetectorTranslate, RenameHalvesArePairedThroughTheCache) {
     Write(At("b"));
     Write(At("c"));
     Known("/moved", false);
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedOldName, "a"), "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedNewName, "b"), "EV_RENAME /a -> /b");
-    // The pair was used up: a new name alone came from outside the tree.
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedNewName, "b"), "EV_ADD /b");
-
-    // Into the working directory (the recycle bin takes files so): no event, and
-    // no half pair left to meet a later record.
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedOldName, "recycled"), "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedNewName,
-                         ".ZephanorWorkingDirectory/#ZephRecycle/recycled"),
-              "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedNewName, "c"), "EV_ADD /c");
-
-    // The new name is gone already: the old one is still gone, and that must not
-    // be lost.
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedOldName, "moved"), "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionRenamedNewName, "gone-too"),
-              "EV_REMOVE /moved");
+    ExpectTranslations({
+        {kActionRenamedOldName, "a", "none"},
+        {kActionRenamedNewName, "b", "EV_RENAME /a -> /b"},
+        // The pair was used up: a new name alone came from outside the tree.
+        {kActionRenamedNewName, "b", "EV_ADD /b"},
+        // Into the working directory (the recycle bin takes files so): no event,
+        // and no half pair left to meet a later record.
+        {kActionRenamedOldName, "recycled", "none"},
+        {kActionRenamedNewName, ".ZephanorWorkingDirectory/#ZephRecycle/recycled", "none"},
+        {kActionRenamedNewName, "c", "EV_ADD /c"},
+        // The new name is gone already: the old one is still gone, and that must
+        // not be lost.
+        {kActionRenamedOldName, "moved", "none"},
+        {kActionRenamedNewName, "gone-too", "EV_REMOVE /moved"},
+    });
 }
 
-TEST_F(DetectorTranslate, UnknownActionOrEmptyNameMakesNoEvent) {
-    Write(At("f"));
-    EXPECT_EQ(Translated(*detector, 9, "f"), "none");
-    EXPECT_EQ(Translated(*detector, 0, "f"), "none");
-    EXPECT_EQ(Translated(*detector, platform::kActionAdded, ""), "none");
-    EXPECT_STREQ(Detector::ActionText(9), "FILE_ACTION_UNKNOWN");
-    EXPECT_STREQ(Detector::ActionText(platform::kActionRenamedNewName),
-                 "FILE_ACTION_RENAMED_NEW_NAME");
+TEST_F(DetectorTranslate, TakenAwayWorkingDirectoryOrBinIsMadeAgain) {
+    const std::string bin = At(".ZephanorWorkingDirectory/#ZephRecycle");
+    Detector::CreateWorkingDirectory(Root());
+    ASSERT_EQ(::rmdir(bin.c_str()), 0);
+    ExpectTranslations({{kActionRemoved, ".ZephanorWorkingDirectory/#ZephRecycle", "none"}});
+    EXPECT_TRUE(IsDir(bin));
+    ASSERT_EQ(::system(("rm -rf '" + At(".ZephanorWorkingDirectory") + "'").c_str()), 0);
+    ExpectTranslations({{kActionRenamedOldName, ".ZephanorWorkingDirectory", "none"}});
+    EXPECT_TRUE(IsDir(bin));
 }
 
 // ---------------------------------------------------------------------------------------
@@ -355,71 +333,47 @@ class DetectorRecords : public DetectorFixture {
   protected:
     void SetUp() override {
         DetectorFixture::SetUp();
-        auto owned = std::make_unique<ScriptedSource>();
-        source = owned.get();
-        detector = std::make_unique<Detector>(std::move(owned), &sink);
-        ASSERT_EQ(detector->AddWatch(Root(), kSess), 0);
-        ASSERT_EQ(detector->Run(), 0);
+        Start(false);
     }
-    void TearDown() override {
-        detector->Stop();
-        detector->Join();
-        DetectorFixture::TearDown();
-    }
-    ScriptedSource* source = nullptr;
-    std::unique_ptr<Detector> detector;
 };
 
-TEST_F(DetectorRecords, WatchMakesTheWorkingDirectoryAndNamesItToTheSource) {
+TEST_F(DetectorRecords, RenamesAndMovesBecomeRemovalAndCreationWithExpands) {
     EXPECT_TRUE(IsDir(At(".ZephanorWorkingDirectory/#ZephRecycle")));
     EXPECT_EQ(source->Private(), ".ZephanorWorkingDirectory");
-    EXPECT_EQ(source->Added(), std::vector<uint64_t>{kSess});
-}
-
-TEST_F(DetectorRecords, RenamesInsideTheTreeBecomeRemovalAndCreation) {
     Write(At("b"));
     ASSERT_EQ(::mkdir(At("y").c_str(), 0755), 0);
     ASSERT_EQ(::mkdir(At("y/moved").c_str(), 0755), 0);
-    Known("/x/dir", true);
-    source->Feed({Rec(platform::kActionRenamedOldName, "a"),
-                  Rec(platform::kActionRenamedNewName, "b"),
-                  Rec(platform::kActionRenamedOldName, "x/dir"),
-                  Rec(platform::kActionRenamedNewName, "y/moved")});
-    EXPECT_EQ(sink.Settle({"expand /y/moved"}),
-              (Texts{"EV_REMOVE /a", "EV_ADD /b", "EV_REMOVE dir /x/dir", "EV_ADD dir /y/moved",
-                     "expand /y/moved"}));
-}
-
-TEST_F(DetectorRecords, MovesOutAndInAreRemovalAndCreation) {
-    Known("/left", false);
     ASSERT_EQ(::mkdir(At("arrived").c_str(), 0755), 0);
-    source->Feed({Rec(platform::kActionRemoved, "left"), Rec(platform::kActionAdded, "arrived")});
-    EXPECT_EQ(sink.Settle({"expand /arrived"}),
-              (Texts{"EV_REMOVE /left", "EV_ADD dir /arrived", "expand /arrived"}));
+    Known("/x/dir", true);
+    Known("/left", false);
+    source->Feed({Rec(kActionRenamedOldName, "a"), Rec(kActionRenamedNewName, "b"),
+                  Rec(kActionRenamedOldName, "x/dir"), Rec(kActionRenamedNewName, "y/moved"),
+                  Rec(kActionRemoved, "left"), Rec(kActionAdded, "arrived")});
+    EXPECT_EQ(
+        sink.Settle({"expand /arrived"}),
+        (Texts{"EV_REMOVE /a", "EV_ADD /b", "EV_REMOVE dir /x/dir", "EV_ADD dir /y/moved",
+               "expand /y/moved", "EV_REMOVE /left", "EV_ADD dir /arrived", "expand /arrived"}));
 }
 
-TEST_F(DetectorRecords, OverflowIsOneRescanAndNothingElseFromThatRead) {
+TEST_F(DetectorRecords, OverflowAndWatchLimitAreOneRescanAndNothingElseFromThatRead) {
     Write(At("a"));
-    source->Feed({Rec(platform::kActionAdded, "a"), Signal(ChangeNotice::kOverflow)});
+    source->Feed({Rec(kActionAdded, "a"), Signal(ChangeNotice::kOverflow)});
     EXPECT_EQ(sink.Settle({"rescan /"}), (Texts{"rescan /"}));
-    // The next read is ordinary again.
-    source->Feed({Rec(platform::kActionModified, "a")});
-    EXPECT_EQ(sink.Settle({"EV_MODIFY /a"}), (Texts{"EV_MODIFY /a"}));
-}
-
-TEST_F(DetectorRecords, WatchLimitRescansAndOtherWatchFailuresOnlyWarn) {
+    // A watch that failed for another reason only warns.
     source->Feed({Signal(ChangeNotice::kWatchLimit, "deep/dir", ENOSPC),
                   Signal(ChangeNotice::kWatchFailed, "locked", EACCES)});
     EXPECT_EQ(sink.Settle({"rescan /"}), (Texts{"rescan /"}));
+    // The next read is ordinary again.
+    source->Feed({Rec(kActionModified, "a")});
+    EXPECT_EQ(sink.Settle({"EV_MODIFY /a"}), (Texts{"EV_MODIFY /a"}));
 }
 
 TEST_F(DetectorRecords, RootGoneIsASessionErrorAndNoRemovals) {
     Known("/a", false);
     Known("/b", true);
-    source->Feed({Rec(platform::kActionRemoved, "a"), Rec(platform::kActionRemoved, "b"),
-                  Signal(ChangeNotice::kRootGone)});
-    EXPECT_EQ(sink.Settle({"error " + std::to_string(ERR_SYNCFOLDER_MISS)}),
-              (Texts{"error " + std::to_string(ERR_SYNCFOLDER_MISS)}));
+    source->Feed(
+        {Rec(kActionRemoved, "a"), Rec(kActionRemoved, "b"), Signal(ChangeNotice::kRootGone)});
+    EXPECT_EQ(sink.Settle({kRootGone}), (Texts{kRootGone}));
 
     // Back again: compared with the database without deleting anything remotely.
     ASSERT_EQ(::system(("rm -rf '" + At(".ZephanorWorkingDirectory") + "'").c_str()), 0);
@@ -428,26 +382,16 @@ TEST_F(DetectorRecords, RootGoneIsASessionErrorAndNoRemovals) {
     EXPECT_TRUE(IsDir(At(".ZephanorWorkingDirectory/#ZephRecycle")));
 }
 
-TEST_F(DetectorRecords, RecordsOfUnwatchedSessionsAreDropped) {
+TEST_F(DetectorRecords, RecordsOfRefusedRemovedOrUnknownWatchesAreDropped) {
+    EXPECT_EQ(detector->AddWatch("/refused", kSess + 1), -1);
     Write(At("mine"));
-    source->Feed(
-        {Rec(platform::kActionAdded, "mine", kSess + 9), Rec(platform::kActionAdded, "mine")});
+    source->Feed({Rec(kActionAdded, "mine", kSess + 1), Rec(kActionAdded, "mine", kSess + 9),
+                  Rec(kActionAdded, "mine")});
     EXPECT_EQ(sink.Settle({"EV_ADD /mine"}), (Texts{"EV_ADD /mine"}));
     detector->RemoveWatch(kSess);
     EXPECT_EQ(source->Removed(), std::vector<uint64_t>{kSess});
-    source->Feed({Rec(platform::kActionAdded, "mine")});
+    source->Feed({Rec(kActionAdded, "mine")});
     EXPECT_EQ(sink.Settle({}, 0, 300), Texts{});
-}
-
-TEST(DetectorWatch, RefusedFolderIsAFailureAndNotWatched) {
-    auto owned = std::make_unique<ScriptedSource>();
-    owned->Refuse();
-    ScriptedSource* source = owned.get();
-    RecordingSink sink;
-    Detector detector(std::move(owned), &sink);
-    EXPECT_EQ(detector.AddWatch("/nonexistent/folder", kSess), -1);
-    detector.Clear();
-    EXPECT_TRUE(source->Removed().empty());
 }
 
 // ---------------------------------------------------------------------------------------
@@ -457,35 +401,24 @@ class DetectorOnDisk : public DetectorFixture {
   protected:
     void SetUp() override {
         DetectorFixture::SetUp();
-        detector = std::make_unique<Detector>(nullptr, &sink);
-        ASSERT_EQ(detector->AddWatch(Root(), kSess), 0);
-        ASSERT_EQ(detector->Run(), 0);
+        Start(true);
     }
-    void TearDown() override {
-        detector->Stop();
-        detector->Join();
-        DetectorFixture::TearDown();
-    }
-    std::unique_ptr<Detector> detector;
 };
 
 TEST_F(DetectorOnDisk, EachKindOfChangeArrivesAsItsEvent) {
     Write(At("f"), "content");
-    Texts seen = sink.Settle({"EV_ADD /f", "EV_MODIFY /f"});
-    EXPECT_TRUE(Contains(seen, "EV_ADD /f"));
+    EXPECT_TRUE(Contains(sink.Settle({"EV_ADD /f", "EV_MODIFY /f"}), "EV_ADD /f"));
 
     // A tree made at once: the directory, an expand of it, and what is in it.
     ASSERT_EQ(::mkdir(At("d").c_str(), 0755), 0);
     ASSERT_EQ(::mkdir(At("d/e").c_str(), 0755), 0);
     Write(At("d/e/g"));
-    seen = sink.Settle({"EV_ADD dir /d", "expand /d", "EV_ADD /d/e/g"});
-    for (const char* want : {"EV_ADD dir /d", "expand /d", "EV_ADD /d/e/g"}) {
-        EXPECT_TRUE(Contains(seen, want)) << want;
-    }
+    const Texts tree = {"EV_ADD dir /d", "expand /d", "EV_ADD /d/e/g"};
+    const Texts seen = sink.Settle(tree);
+    for (const std::string& want : tree) EXPECT_TRUE(Contains(seen, want)) << want;
 
     ASSERT_EQ(std::rename(At("f").c_str(), At("d/h").c_str()), 0);
-    seen = sink.Settle({"EV_ADD /d/h"});
-    EXPECT_EQ(seen, (Texts{"EV_REMOVE /f", "EV_ADD /d/h"}));
+    EXPECT_EQ(sink.Settle({"EV_ADD /d/h"}), (Texts{"EV_REMOVE /f", "EV_ADD /d/h"}));
 
     Known("/d/h", false);
     ASSERT_EQ(::unlink(At("d/h").c_str()), 0);
@@ -500,75 +433,48 @@ TEST_F(DetectorOnDisk, EachKindOfChangeArrivesAsItsEvent) {
 }
 
 TEST_F(DetectorOnDisk, RemovedRootIsASessionErrorWithoutRemovals) {
-    TempDir parent;
-    const std::string base = parent / "sync";
-    ASSERT_EQ(::mkdir(base.c_str(), 0755), 0);
-    ASSERT_EQ(::mkdir((base + "/sub").c_str(), 0755), 0);
-    for (int i = 0; i < 10; ++i) {
-        const std::string name = "/sub/f" + std::to_string(i);
-        Write(base + name);
-        Known(name, false);
-    }
+    ASSERT_EQ(::mkdir(At("sub").c_str(), 0755), 0);
     Known("/sub", true);
-    Registry::Entry entry;
-    ASSERT_EQ(Registry::getInstance().Find(kSess, entry), 1);
-    entry.local_path = base.c_str();
-    Registry::getInstance().Set(entry);
-    ASSERT_EQ(detector->AddWatch(base.c_str(), kSess), 0);
+    for (int i = 0; i < 10; ++i) {
+        const std::string name = "sub/f" + std::to_string(i);
+        Write(At(name));
+        Known("/" + name, false);
+    }
     sink.Settle({}, 0, 300);
-
-    ASSERT_EQ(::system(("rm -rf '" + base + "'").c_str()), 0);
-    const std::string error = "error " + std::to_string(ERR_SYNCFOLDER_MISS);
-    EXPECT_EQ(sink.Settle({error}), (Texts{error}));
+    ASSERT_EQ(::system(("rm -rf '" + root + "'").c_str()), 0);
+    EXPECT_EQ(sink.Settle({kRootGone}), (Texts{kRootGone}));
 }
 
 // ---------------------------------------------------------------------------------------
 // The thread: stops at once, also when paused or when watches come and go.
 
-TEST(DetectorConcurrency, StopsPromptlyWhetherWaitingOrPaused) {
-    TempDir root;
-    RecordingSink sink;
-    Detector detector(nullptr, &sink);
-    ASSERT_EQ(detector.AddWatch(root.path().c_str(), kSess), 0);
-    ASSERT_EQ(detector.Run(), 0);
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    int64_t start = NowMs();
-    detector.Stop();
-    ASSERT_EQ(detector.Join(), 0);
-    EXPECT_LT(NowMs() - start, 300);
+using DetectorConcurrency = DetectorFixture;
 
-    ASSERT_EQ(detector.Run(), 0);
-    detector.Pause();
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    start = NowMs();
-    detector.Stop();
-    ASSERT_EQ(detector.Join(), 0);
-    EXPECT_LT(NowMs() - start, 300);
+TEST_F(DetectorConcurrency, StopsPromptlyWhetherWaitingOrPaused) {
+    Start(true);
+    for (bool paused : {false, true}) {
+        SCOPED_TRACE(paused ? "paused" : "waiting");
+        if (paused) {
+            ASSERT_EQ(detector->Run(), 0);
+            detector->Pause();
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(100));
+        const auto start = std::chrono::steady_clock::now();
+        detector->Stop();
+        ASSERT_EQ(detector->Join(), 0);
+        EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+    }
 }
 
-TEST(DetectorConcurrency, WatchesComeAndGoWhileTheThreadRuns) {
-    TempDir a, b;
-    TempDir dbdir;
-    FileEventDB db;
-    ASSERT_EQ(db.initialize((dbdir / "event-db.sqlite").c_str()), 0);
-    Registry::Entry entry;
-    entry.sess_id = kSess;
-    entry.local_path = b.path().c_str();
-    entry.event_db = &db;
-    Registry::getInstance().Set(entry);
-
-    RecordingSink sink;
-    Detector detector(nullptr, &sink);
-    ASSERT_EQ(detector.Run(), 0);
+TEST_F(DetectorConcurrency, WatchesComeAndGoWhileTheThreadRuns) {
+    TempDir other;
+    detector = std::make_unique<Detector>(nullptr, &sink);
+    ASSERT_EQ(detector->Run(), 0);
     for (int i = 0; i < 10; ++i) {
-        ASSERT_EQ(detector.AddWatch(a.path().c_str(), kSess), 0);
-        detector.RemoveWatch(kSess);
+        ASSERT_EQ(detector->AddWatch(other.path().c_str(), kSess), 0);
+        detector->RemoveWatch(kSess);
     }
-    ASSERT_EQ(detector.AddWatch(b.path().c_str(), kSess), 0);
-    Write(b / "seen");
+    ASSERT_EQ(detector->AddWatch(Root(), kSess), 0);
+    Write(At("seen"));
     EXPECT_TRUE(Contains(sink.Settle({"EV_ADD /seen"}), "EV_ADD /seen"));
-    detector.Stop();
-    detector.Join();
-    Registry::getInstance().Remove(kSess);
-    db.destroy();
 }

@@ -137,74 +137,35 @@ TEST_P(MergeTable, OnePathKeepsTheRightEvent) {
 
 INSTANTIATE_TEST_SUITE_P(PendingAgainstArriving, MergeTable, ::testing::ValuesIn(kMergeTable));
 
-TEST(MergeBursts, ThreeLocalSavesGiveTheLastOne) {
-    EventList2 tree;
-    for (const char* hash : {"one", "two", "three"})
-        ASSERT_EQ(tree.Push(Make(Event::EV_MODIFY, "/doc.txt", LOCAL, FILE_NODE, 0, hash)), 0);
-    EXPECT_EQ(tree.GetLocalEventCount(), 1);
-    Event out;
-    ASSERT_EQ(tree.Pop(out), 0);
-    EXPECT_EQ(out.m_data_hash, ustring("three"));
-    EXPECT_EQ(tree.Pop(out), -1);
-}
-
-TEST(MergeBursts, FileAndDirectoryOfOneNameStaySeparate) {
+// Names: a file and a directory of one name are two nodes, case matters, a name
+// too long for a node is cut but the event keeps its path, and an unusable path
+// changes nothing.
+TEST(MergeNames, KindCaseLengthAndUnusablePaths) {
     EventList2 tree;
     ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/a")), 0);
     ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
-    EXPECT_EQ(tree.GetLocalEventCount(), 2);
-    Event first, second;
-    ASSERT_EQ(tree.Pop(first), 0);
-    ASSERT_EQ(tree.Pop(second), 0);
-    EXPECT_TRUE(first.isFile());  // files of a directory come before its sub-directories
-    EXPECT_EQ(first.m_type, Event::EV_REMOVE);
-    EXPECT_TRUE(second.isDir());
-}
-
-TEST(MergeBursts, NamesCompareWithCase) {
-    EventList2 tree;
     ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/Readme")), 0);
     ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/README")), 0);
-    EXPECT_EQ(tree.GetLocalEventCount(), 2);
-}
+    const std::string long_path = "/" + std::string(2000, 'd') + "/" + std::string(1500, 'f');
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, long_path)), 0);
+    EXPECT_EQ(tree.GetLocalEventCount(), 5);
+    for (const std::string& bad :
+         {std::string("/dir/"), std::string("/"), std::string(), "/" + std::string(4095, 'x')}) {
+        Event old;
+        EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, bad), old), -1) << bad.size();
+    }
+    EXPECT_EQ(tree.Push(Local(Event::EV_EMPTY, "/b")), -1);
+    EXPECT_EQ(tree.GetLocalEventCount(), 5);
 
-TEST(MergeBursts, UnusablePathsAreRefusedAndChangeNothing) {
-    EventList2 tree;
-    Event old;
-    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "/dir/", DIR_NODE), old), -1);
-    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "/")), -1);
-    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "")), -1);
-    EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, "/" + std::string(4095, 'x'))), -1);
-    EXPECT_EQ(tree.Push(Local(Event::EV_EMPTY, "/a")), -1);
+    std::vector<std::string> order;
+    Event e;
+    while (tree.Pop(e) == 0) {
+        order.push_back((e.isDir() ? "dir " : "") + e.m_path.str());
+        ASSERT_EQ(tree.DoneEvent(e), 0);
+    }
+    // Files of a directory come before its sub-directories.
+    EXPECT_EQ(order, (std::vector<std::string>{"/a", "/Readme", "/README", "dir /a", long_path}));
     EXPECT_TRUE(tree.IsEmpty());
-    EXPECT_EQ(tree.GetLocalEventCount(), 0);
-}
-
-TEST(MergeBursts, OverlongNamesAreCutAndStillFound) {
-    EventList2 tree;
-    const std::string dir = "/" + std::string(2000, 'd');
-    const std::string path = dir + "/" + std::string(1500, 'f');
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, path)), 0);
-    Event out;
-    ASSERT_EQ(tree.Pop(out), 0);
-    EXPECT_EQ(out.m_path, ustring(path.c_str()));  // the event keeps its full path
-    EXPECT_EQ(tree.DoneEvent(out), 0);
-    EXPECT_TRUE(tree.IsEmpty());
-}
-
-TEST(MergeRename, KeyedAtItsSourceAndCarriesItsTarget) {
-    EventList2 tree;
-    Event rename = Local(Event::EV_RENAME, "/old.txt");
-    rename.m_opt = "/new.txt";
-    ASSERT_EQ(tree.Push(rename), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/new.txt")), 0);
-    Event first;
-    ASSERT_EQ(tree.Pop(first), 0);
-    EXPECT_EQ(first.m_type, Event::EV_RENAME);
-    EXPECT_EQ(first.m_path, ustring("/old.txt"));
-    EXPECT_EQ(first.m_opt, ustring("/new.txt"));
-    EXPECT_EQ(first.toString(), ustring("Event<local,file>: [EV_RENAME] from '/old.txt', to "
-                                        "'/new.txt' size = 0, hash = "));
 }
 
 // ---- a directory removal with events below it ----
@@ -215,69 +176,72 @@ std::vector<std::string> PathsIn(const EventList2& tree) {
     return out;
 }
 
-TEST(DirectoryRemoval, LocalRemovalDropsLocalChildrenAndKeepsServerOnes) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/mine.txt")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d/sub", DIR_NODE)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/sub/deep/x")), 0);
-    ASSERT_EQ(tree.Push(Server(Event::EV_MODIFY, "/d/theirs.txt", 40)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/d", DIR_NODE)), 0);
+constexpr uint32_t kStatBits =
+    Event::F_LOCAL_SUBDIR_RESCAN_STAT | Event::F_SERVER_SUBDIR_RESCAN_STAT;
 
-    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/theirs.txt"}));
-    EXPECT_EQ(tree.GetLocalEventCount(), 1);  // the removal itself
-    EXPECT_EQ(tree.GetServerEventCount(), 1);
+struct RemovalCase {
+    const char* name;
+    std::vector<Event> below;
+    Event removal;
+    std::vector<std::string> left;  // the tree's paths after the removal
+    uint32_t stat;                  // the look-below mark the removal is handed out with
+};
 
-    Event out;
-    ASSERT_EQ(tree.Pop(out), 0);
-    EXPECT_EQ(out.m_path, ustring("/d"));
-    EXPECT_EQ(out.m_type, Event::EV_REMOVE);
-    EXPECT_TRUE(out.isLocalSubDirRescanWithStat());  // what stays below must be looked at
-    // Children wait for their held parent.
-    Event child;
-    EXPECT_EQ(tree.Pop(child), -1);
-    ASSERT_EQ(tree.DoneEvent(out), 0);
-    ASSERT_EQ(tree.Pop(child), 0);
-    EXPECT_EQ(child.m_path, ustring("/d/theirs.txt"));
-}
-
-TEST(DirectoryRemoval, RemovalWithOnlyRemovalsBelowNeedsNoRescan) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d/a", 90)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/d", DIR_NODE)), 0);
-    Event out;
-    ASSERT_EQ(tree.Pop(out), 0);
-    EXPECT_EQ(out.m_path, ustring("/d"));
-    EXPECT_FALSE(out.isSubDirRescan());
-}
-
-TEST(DirectoryRemoval, ServerRemovalDropsOnlyOlderServerEvents) {
-    for (uint64_t child_id : {50u, 150u}) {
-        SCOPED_TRACE(child_id);
+// A local removal drops the local events below it and keeps the server's; a
+// server removal drops only older server events. What stays below must be looked
+// at again after the removal, unless it is all removals itself.
+TEST(DirectoryRemoval, DropsWhatItSupersedesAndMarksWhatStays) {
+    const std::vector<RemovalCase> cases = {
+        {"local over both sides",
+         {Local(Event::EV_MODIFY, "/d/mine.txt"), Local(Event::EV_CREATE, "/d/sub", DIR_NODE),
+          Local(Event::EV_MODIFY, "/d/sub/deep/x"), Server(Event::EV_MODIFY, "/d/theirs.txt", 40)},
+         Local(Event::EV_REMOVE, "/d", DIR_NODE),
+         {"/d", "/d/theirs.txt"},
+         Event::F_LOCAL_SUBDIR_RESCAN_STAT},
+        {"local over server removals",
+         {Server(Event::EV_REMOVE, "/d/a", 90)},
+         Local(Event::EV_REMOVE, "/d", DIR_NODE),
+         {"/d", "/d/a"},
+         0},
+        {"server over older server",
+         {Server(Event::EV_CREATE, "/d/f", 50), Server(Event::EV_CREATE, "/d/s/g", 50)},
+         Server(Event::EV_REMOVE, "/d", 100, DIR_NODE),
+         {"/d"},
+         0},
+        {"server over newer server",
+         {Server(Event::EV_CREATE, "/d/f", 150), Server(Event::EV_CREATE, "/d/s/g", 150)},
+         Server(Event::EV_REMOVE, "/d", 100, DIR_NODE),
+         {"/d", "/d/f", "/d/s", "/d/s/g"},
+         Event::F_SERVER_SUBDIR_RESCAN_STAT},
+        {"server over local",
+         {Local(Event::EV_MODIFY, "/d/edited.txt")},
+         Server(Event::EV_REMOVE, "/d", 7, DIR_NODE),
+         {"/d", "/d/edited.txt"},
+         Event::F_SERVER_SUBDIR_RESCAN_STAT},
+    };
+    for (const RemovalCase& c : cases) {
+        SCOPED_TRACE(c.name);
         EventList2 tree;
-        ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d/f", child_id)), 0);
-        ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d/s/g", child_id)), 0);
-        ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d", 100, DIR_NODE)), 0);
-        if (child_id < 100) {
-            EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d"}));
-            EXPECT_EQ(tree.GetServerEventCount(), 1);
-        } else {
-            EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/f", "/d/s", "/d/s/g"}));
-            EXPECT_EQ(tree.GetServerEventCount(), 3);
+        for (const Event& e : c.below) ASSERT_EQ(tree.Push(e), 0);
+        ASSERT_EQ(tree.Push(c.removal), 0);
+        EXPECT_EQ(PathsIn(tree), c.left);
+        int server = 0, local = 0;
+        for (const EventList2::NodeView& v : tree.Snapshot()) {
+            if (v.status == EventList2::DONE) continue;
+            ++(v.event.isServerEvent() ? server : local);
         }
-        Event out;
-        ASSERT_EQ(tree.Pop(out), 0);
-        EXPECT_EQ(out.isServerSubDirRescanWithStat(), child_id > 100);
-    }
-}
+        EXPECT_EQ(tree.GetServerEventCount(), server);
+        EXPECT_EQ(tree.GetLocalEventCount(), local);
 
-TEST(DirectoryRemoval, ServerRemovalKeepsLocalChangesBelow) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/edited.txt")), 0);
-    ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d", 7, DIR_NODE)), 0);
-    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/edited.txt"}));
-    Event out;
-    ASSERT_EQ(tree.Pop(out), 0);
-    EXPECT_TRUE(out.isServerSubDirRescanWithStat());
+        Event out, child;
+        ASSERT_EQ(tree.Pop(out), 0);
+        EXPECT_EQ(out.m_path, ustring("/d"));
+        EXPECT_EQ(out.m_type, Event::EV_REMOVE);
+        EXPECT_EQ(out.m_mode & kStatBits, c.stat);
+        EXPECT_EQ(tree.Pop(child), -1);  // children wait for their held parent
+        ASSERT_EQ(tree.DoneEvent(out), 0);
+        EXPECT_EQ(tree.Pop(child), c.left.size() > 1 ? 0 : -1);
+    }
 }
 
 TEST(DirectoryRemoval, HeldChildrenStayAndHoldTheDirectoryBack) {
@@ -305,8 +269,8 @@ TEST(DirectoryRemoval, HeldChildrenStayAndHoldTheDirectoryBack) {
 
 TEST(DirectoryRemoval, DroppedEventsLoseTheirStatusRows) {
     TempDir dir;
-    ASSERT_EQ(FileStatusDB::initialize((dir.path() + "/fstat.sqlite").c_str()), 0);
-    const std::string root = dir.path() + "/root";
+    ASSERT_EQ(FileStatusDB::initialize((dir / "fstat.sqlite").c_str()), 0);
+    const std::string root = dir / "root";
     for (const char* rel : {"/d/gone.txt", "/d/sub", "/d/kept.txt"}) {
         FileStatusInfo info;
         info.path = (root + rel).c_str();
@@ -325,18 +289,6 @@ TEST(DirectoryRemoval, DroppedEventsLoseTheirStatusRows) {
     EXPECT_EQ(FileStatusDB::getFileSyncStat((root + "/d/sub").c_str(), &info), 0);
     EXPECT_EQ(FileStatusDB::getFileSyncStat((root + "/d/kept.txt").c_str(), &info), 1);
     FileStatusDB::destroy();
-}
-
-TEST(DirectoryRemoval, OverriddenRemovalKeepsWhatLiesBelow) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d/f", 150)), 0);
-    ASSERT_EQ(tree.Push(Server(Event::EV_REMOVE, "/d", 100, DIR_NODE)), 0);
-    ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d", 200, DIR_NODE)), 0);
-    Event out;
-    ASSERT_EQ(tree.Pop(out), 0);
-    EXPECT_EQ(out.m_type, Event::EV_CREATE);
-    EXPECT_TRUE(out.isServerSubDirRescan());
-    EXPECT_EQ(PathsIn(tree), (std::vector<std::string>{"/d", "/d/f"}));
 }
 
 }  // namespace

@@ -24,45 +24,8 @@ std::string PopPath(EventList2& tree) {
     return e.m_path.str();
 }
 
-TEST(NodeLife, ChangeWhileHeldIsRefusedThenRedoneMerged) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Make(Event::EV_MODIFY, "/f", LOCAL, FILE_NODE, 0, "first")), 0);
-    Event held;
-    ASSERT_EQ(tree.Pop(held), 0);
-    ASSERT_EQ(tree.Push(Make(Event::EV_MODIFY, "/f", LOCAL, FILE_NODE, 0, "second")), 0);
-    EXPECT_EQ(tree.Snapshot()[0].status, EventList2::RETRY);
-    EXPECT_EQ(tree.GetLocalEventCount(), 1);
-
-    Event none;
-    EXPECT_EQ(tree.Pop(none), -1);  // a RETRY node is not handed out again
-    EXPECT_EQ(tree.DoneEvent(held), -1);
-    EXPECT_EQ(tree.Snapshot()[0].status, EventList2::RETRY);
-    ASSERT_EQ(tree.Redo("/f"), 0);
-    Event again;
-    ASSERT_EQ(tree.Pop(again), 0);
-    EXPECT_EQ(again.m_data_hash, ustring("second"));
-    EXPECT_EQ(tree.DoneEvent(again), 0);
-    EXPECT_TRUE(tree.IsEmpty());
-    EXPECT_EQ(tree.GetLocalEventCount(), 0);
-}
-
-TEST(NodeLife, ServerChangeOverHeldLocalUploadIsAConflictDownload) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/f")), 0);
-    Event held;
-    ASSERT_EQ(tree.Pop(held), 0);
-    ASSERT_EQ(tree.Push(Server(Event::EV_MODIFY, "/f", 9)), 0);
-    EXPECT_EQ(tree.DoneEvent(held), -1);  // the node is now the server's
-    Event back;
-    ASSERT_EQ(tree.Pop("/f", false, back), 0);
-    EXPECT_TRUE(back.isServerEvent());
-    EXPECT_TRUE(back.isConflict());
-    EXPECT_EQ(tree.GetServerEventCount(), 1);
-    EXPECT_EQ(tree.GetLocalEventCount(), 0);
-    EXPECT_EQ(tree.DoneEvent(back), 0);
-    EXPECT_TRUE(tree.IsEmpty());
-}
-
+// The ways a worker's answer can be wrong: the node is still waiting, of the other
+// side or kind, unknown, or already retired.
 TEST(NodeLife, DoneIsRefusedForWrongSideUnknownPathOrWaitingNode) {
     EventList2 tree;
     ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/a/f")), 0);
@@ -77,47 +40,16 @@ TEST(NodeLife, DoneIsRefusedForWrongSideUnknownPathOrWaitingNode) {
     EXPECT_EQ(tree.DoneEvent(held), -1);  // already retired
 }
 
-TEST(NodeLife, DeepPathLeavesNoStepsBehind) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a/b/c/d/e/file")), 0);
-    EXPECT_EQ(tree.Snapshot().size(), 6u);
-    Event e;
-    ASSERT_EQ(tree.Pop(e), 0);
-    ASSERT_EQ(tree.DoneEvent(e), 0);
-    EXPECT_TRUE(tree.IsEmpty());
-}
-
-TEST(NodeLife, DoneDirectoryWithChildrenBecomesAStepThenGoes) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d", DIR_NODE)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d/f")), 0);
-    Event dir;
-    ASSERT_EQ(tree.Pop(dir), 0);
-    EXPECT_EQ(dir.m_path, ustring("/d"));
-    ASSERT_EQ(tree.DoneEvent(dir), 0);
-    EXPECT_EQ(tree.Snapshot()[0].status, EventList2::DONE);
-    Event file;
-    ASSERT_EQ(tree.Pop(file), 0);
-    ASSERT_EQ(tree.DoneEvent(file), 0);
-    EXPECT_TRUE(tree.IsEmpty());
-}
-
 TEST(NodeLife, RedoSendsAPathToTheBackOfItsLists) {
     EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/a/x")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/b/y")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/top1")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/top2")), 0);
-    Event e;
-    ASSERT_EQ(tree.Pop(e), 0);
-    EXPECT_EQ(e.m_path, ustring("/top1"));
+    for (const char* path : {"/a/x", "/b/y", "/top1", "/top2"})
+        ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, path)), 0);
+    EXPECT_EQ(PopPath(tree), "/top1");
     ASSERT_EQ(tree.Redo("/top1"), 0);
     EXPECT_EQ(PopPath(tree), "/top2");
     EXPECT_EQ(PopPath(tree), "/top1");
     // The DONE step "/a" goes behind "/b" when a path below it is given back.
-    Event x;
-    ASSERT_EQ(tree.Pop(x), 0);
-    EXPECT_EQ(x.m_path, ustring("/a/x"));
+    EXPECT_EQ(PopPath(tree), "/a/x");
     ASSERT_EQ(tree.Redo("/a/x"), 0);
     EXPECT_EQ(PopPath(tree), "/b/y");
     EXPECT_EQ(tree.Redo("/nowhere/x"), -1);
@@ -125,45 +57,30 @@ TEST(NodeLife, RedoSendsAPathToTheBackOfItsLists) {
     EXPECT_EQ(tree.GetLocalEventCount(), 4);
 }
 
-TEST(NodeLife, RedoOfAKindLeavesTheOtherKindAlone) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/a")), 0);
-    Event file;
-    ASSERT_EQ(tree.Pop(file), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
-    ASSERT_EQ(tree.Redo("/a", false), 0);
-    std::vector<EventList2::NodeView> nodes = tree.Snapshot();
-    ASSERT_EQ(nodes.size(), 2u);
-    EXPECT_EQ(nodes[0].status, EventList2::WAITING);
-    EXPECT_FALSE(nodes[0].is_dir);
-    EXPECT_EQ(nodes[1].status, EventList2::WAITING);
-}
-
-TEST(NodeLife, PopByPathTakesADirectoryFirstThenAFile) {
+// Taking and giving back by path: a directory before a file of the same name unless
+// a kind is asked for, the other kind when that one is held, never a held node twice.
+TEST(NodeLife, PopAndRedoByPathChooseTheKind) {
     EventList2 tree;
     ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/p/a")), 0);
     ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/p/a", DIR_NODE)), 0);
     Event e;
     ASSERT_EQ(tree.Pop("/p/a", e), 0);
     EXPECT_TRUE(e.isDir());
-    ASSERT_EQ(tree.Pop("/p/a", e), 0);  // the directory is held now: never handed out twice
+    ASSERT_EQ(tree.Pop("/p/a", e), 0);
     EXPECT_TRUE(e.isFile());
+    EXPECT_EQ(tree.Pop("/p/a", e), -1);
     EXPECT_EQ(tree.Pop("/p/zz", e), -1);
     EXPECT_EQ(tree.Pop("/q/a", e), -1);
-    Event none;
-    EXPECT_EQ(tree.Pop(none), -1);
-}
+    EXPECT_EQ(PopPath(tree), "(none)");
 
-TEST(NodeLife, PopByPathPrefersAKindAndFallsBackToTheOther) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/f")), 0);
-    Event held;
-    ASSERT_EQ(tree.Pop(held), 0);
-    Event e;
-    EXPECT_EQ(tree.Pop("/f", false, e), -1);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/f", DIR_NODE)), 0);
-    ASSERT_EQ(tree.Pop("/f", false, e), 0);  // falls back to the other kind
-    EXPECT_TRUE(e.isDir());
+    ASSERT_EQ(tree.Redo("/p/a", false), 0);
+    std::vector<EventList2::NodeView> nodes = tree.Snapshot();
+    ASSERT_EQ(nodes.size(), 3u);
+    EXPECT_TRUE(nodes[1].path == ustring("/p/a") && !nodes[1].is_dir);
+    EXPECT_EQ(nodes[1].status, EventList2::WAITING);
+    EXPECT_EQ(nodes[2].status, EventList2::PROCESSING);  // the directory stays held
+    ASSERT_EQ(tree.Pop("/p/a", true, e), 0);  // the directory is held: the file instead
+    EXPECT_TRUE(e.isFile());
 }
 
 TEST(NodeLife, ClearLocalEventKeepsServerEventsAndTheirSteps) {
@@ -191,54 +108,37 @@ TEST(NodeLife, ClearLocalEventKeepsServerEventsAndTheirSteps) {
 
 // ---- order ----
 
-TEST(PopOrder, WaitingDirectoryIsNotPoppedWhileAChildIsHeld) {
+// A held node blocks only what lies on its own line: a waiting directory above it
+// and everything below it; a sibling still goes, unless the held node sits under a
+// DONE step that comes first.
+TEST(PopOrder, HeldNodesBlockOnlyTheirOwnLine) {
     EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/f")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/a/f")), 0);
     Event child;
     ASSERT_EQ(tree.Pop(child), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d", DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a/g")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/b/x")), 0);
     ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/later")), 0);
     EXPECT_EQ(PopPath(tree), "/later");
+    EXPECT_EQ(PopPath(tree), "/b/x");
     EXPECT_EQ(PopPath(tree), "(none)");
     ASSERT_EQ(tree.DoneEvent(child), 0);
-    EXPECT_EQ(PopPath(tree), "/d");
-}
-
-TEST(PopOrder, ChildrenOfAHeldDirectoryWait) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d", DIR_NODE)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/d/f")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/e/g")), 0);
     Event dir;
     ASSERT_EQ(tree.Pop(dir), 0);
-    EXPECT_EQ(dir.m_path, ustring("/d"));
-    EXPECT_EQ(PopPath(tree), "/e/g");
-    EXPECT_EQ(PopPath(tree), "(none)");
+    EXPECT_EQ(dir.m_path, ustring("/a"));
+    EXPECT_EQ(PopPath(tree), "(none)");  // /a/g waits for its held parent
     ASSERT_EQ(tree.DoneEvent(dir), 0);
-    EXPECT_EQ(PopPath(tree), "/d/f");
-}
+    EXPECT_EQ(PopPath(tree), "/a/g");
 
-TEST(PopOrder, WaitingFirstDirectoryDoesNotHideSiblingsButADoneOneDoes) {
-    {
-        EventList2 tree;
-        ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/a/held")), 0);
-        Event held;
-        ASSERT_EQ(tree.Pop(held), 0);
-        ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
-        ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/b/x")), 0);
-        EXPECT_EQ(PopPath(tree), "/b/x");
-    }
-    {
-        EventList2 tree;
-        ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/a/held")), 0);
-        Event held;
-        ASSERT_EQ(tree.Pop(held), 0);
-        ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/b/x")), 0);
-        EXPECT_EQ(PopPath(tree), "(none)");
-        // Giving the held path back lets the sibling go first.
-        ASSERT_EQ(tree.Redo("/a/held"), 0);
-        EXPECT_EQ(PopPath(tree), "/b/x");
-    }
+    EventList2 stepped;
+    ASSERT_EQ(stepped.Push(Local(Event::EV_MODIFY, "/a/held")), 0);
+    ASSERT_EQ(stepped.Pop(child), 0);
+    ASSERT_EQ(stepped.Push(Local(Event::EV_MODIFY, "/b/x")), 0);
+    EXPECT_EQ(PopPath(stepped), "(none)");
+    // Giving the held path back lets the sibling go first.
+    ASSERT_EQ(stepped.Redo("/a/held"), 0);
+    EXPECT_EQ(PopPath(stepped), "/b/x");
 }
 
 // A single worker that finishes each event before taking the next sees a pre-order
@@ -294,34 +194,25 @@ TEST(PopOrder, GeneratedTreesComeOutParentsFirstFilesBeforeDirectories) {
     }
 }
 
-TEST(EventRecord, FlagsTextsAndCopies) {
+TEST(EventRecord, LogTextsAndClearing) {
     Event e = Server(Event::EV_CREATE, "/x/y", 77, DIR_NODE);
     e.setExpand();
     e.m_data_size = 12;
     e.m_data_hash = "abc";
     EXPECT_EQ(e.toString(),
               ustring("Event<server,dir,expand>: [EV_ADD] /x/y size = 12, hash = abc"));
-    EXPECT_FALSE(e.isSubDirRescan());
-    e.setServerSubDirRescanWithStat();
-    EXPECT_TRUE(e.isSubDirRescan());
-    e.setFile();
-    EXPECT_TRUE(e.isFile());
-    EXPECT_TRUE(e.isServerEvent());
-
-    Event other = Local(Event::EV_REMOVE, "/z");
-    e.swap(other);
-    EXPECT_EQ(e.m_path, ustring("/z"));
-    EXPECT_EQ(other.m_sync_id, 77u);
-    other.clear();
-    EXPECT_FALSE(other.isValid());
-    EXPECT_EQ(other.m_mode, 0u);
-    EXPECT_TRUE(other.m_path.empty());
-    EXPECT_STREQ(Event::TypeText(Event::EV_EMPTY), "EV_EMPTY");
-    EXPECT_STREQ(Event::TypeText(Event::EV_MODIFY), "EV_MODIFY");
+    Event rename = Local(Event::EV_RENAME, "/old.txt");
+    rename.m_opt = "/new.txt";
+    EXPECT_EQ(rename.toString(), ustring("Event<local,file>: [EV_RENAME] from '/old.txt', to "
+                                         "'/new.txt' size = 0, hash = "));
     EXPECT_STREQ(Event::TypeText(99), "EV_UNKNOWN");
+    e.clear();
+    EXPECT_FALSE(e.isValid());
+    EXPECT_EQ(e.m_mode, 0u);
+    EXPECT_TRUE(e.m_path.empty());
 
     EventList2::Attribute attr;
-    EventList2::ConvertEventToAttr(e, attr);
+    EventList2::ConvertEventToAttr(rename, attr);
     attr.nodeID = 5;
     EventList2::ClearAttribute(attr);
     EXPECT_EQ(attr.type, Event::EV_EMPTY);
@@ -329,10 +220,6 @@ TEST(EventRecord, FlagsTextsAndCopies) {
     EXPECT_EQ(attr.sessID, 1u);  // the rest stays
     EXPECT_EQ(attr.nodeID, 5u);
 }
-
-}  // namespace
-
-namespace {
 
 TEST(TreeDump, TraverseTreeWritesEveryNodeToTheLog) {
     TempDir dir;
