@@ -36,28 +36,18 @@ class DeltaFixture : public ::testing::Test {
 
 }  // namespace
 
-TEST_F(DeltaFixture, RoundTripsOfCommonEdits) {
+// The usual shapes of change are checked against rdiff in rdiff-interop-test.cpp; these are
+// the ones that stress the matcher: repetitive content and other block and hash sizes.
+TEST_F(DeltaFixture, RoundTripsOfRepetitiveContentAndOtherSizes) {
     std::string old = randomBytes(3 * kChunk + 777, 11);
-    std::string edited = old;
-    edited.insert(500000, "inserted");
-    edited.erase(2000000, 3333);
-    edited.replace(2500000, 100, std::string(100, 'o'));
     std::string zeros(2 * kChunk + 100, '\0');
     std::string repeated;
     for (int i = 0; i < 600; ++i) repeated += old.substr(0, kBlock);
-    const std::pair<std::string, std::string> cases[] = {
-        {old, "x" + old},
-        {old, old.substr(0, 2 * kChunk + 5)},
-        {old, old + randomBytes(5000, 12)},
-        {old, old.substr(4096, 100000) + old},
-        {old, randomBytes(2 * kChunk, 13)},
-        {"", old.substr(0, 3000)},
-        {old, edited},
-        {zeros, zeros.substr(0, 5000) + "y" + zeros},
-        {repeated, "z" + repeated.substr(0, 700000)},
-    };
-    for (const auto& [from, to] : cases) roundTrip(from, to);
-    EXPECT_LT(roundTrip(old.substr(0, 100000), edited.substr(0, 100000), 512, 16).size(), 2000u);
+    roundTrip(old, old.substr(4096, 100000) + old);
+    roundTrip(zeros, zeros.substr(0, 5000) + "y" + zeros);
+    roundTrip(repeated, "z" + repeated.substr(0, 700000));
+    std::string edited = old.substr(0, 30000) + "changed" + old.substr(30000, 70000);
+    EXPECT_LT(roundTrip(old.substr(0, 100000), edited, 512, 16).size(), 2000u);
 }
 
 TEST_F(DeltaFixture, ShapesWithFixedCommands) {

@@ -1,5 +1,6 @@
-// The one-pass reader: what every handler produces from one read, how failures of the input
-// and of the outputs show, and the abort flag.
+// The one-pass reader: what every handler produces from one read (a signature whatever the
+// cut of its input; its exact bytes are checked against rdiff in rdiff-interop-test.cpp), how
+// failures of the input and of the outputs show, and the abort flag.
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
@@ -11,6 +12,7 @@
 #include <thread>
 
 #include "delta-test-support.h"
+#include "delta/signature-handler.h"
 #include "support/temp-dir.h"
 
 using namespace deltatest;
@@ -40,38 +42,79 @@ AllOutputs readWithEveryHandler(const TempDir& dir, const std::string& input,
     return {result, hash.str()};
 }
 
+// Feeds `content` to a SignatureHandler in pieces of the given lengths (cycled).
+std::string signatureInPieces(const TempDir& dir, const std::string& content,
+                              const std::vector<size_t>& pieces) {
+    SignatureHandler handler((dir / "pieces.sig").c_str());
+    EXPECT_EQ(handler.begin(), 0);
+    size_t pos = 0;
+    for (size_t i = 0; pos < content.size(); ++i) {
+        size_t n = std::min(pieces[i % pieces.size()], content.size() - pos);
+        EXPECT_EQ(handler.update(content.data() + pos, n), 0);
+        EXPECT_EQ(handler.wait(), 0);
+        pos += n;
+    }
+    EXPECT_EQ(handler.end(), 0);
+    return readFile(dir / "pieces.sig");
+}
+
 }  // namespace
 
+// Copy, delta, signature and MD4 from one pass; the lengths shrink so that each output
+// must also replace the longer one before it.
 TEST(FileReader, EveryHandlerSeesTheSameBytes) {
     TempDir dir;
-    for (size_t len : {size_t{0}, size_t{1048576}, size_t{3 * 1048576 + 5}}) {
+    for (size_t len : {size_t{3 * 1048576 + 5}, size_t{1048576}, size_t{0}}) {
         std::string content = randomBytes(len, static_cast<uint32_t>(len + 1));
         writeFile(dir / "in", content);
-        AllOutputs out = readWithEveryHandler(dir, dir / "in");
-        EXPECT_EQ(out.result, 0);
-        EXPECT_EQ(out.hash, md4Hex(content));
+        ASSERT_EQ(makeSignature(dir / "in", dir / "old.sig"), 0);
+        SimpleFileReader reader;
+        reader.setFile((dir / "in").c_str());
+        reader.setCopyFile((dir / "copy").c_str());
+        reader.setDelta((dir / "delta").c_str(), (dir / "old.sig").c_str());
+        reader.setSignature((dir / "sig").c_str(), 2048, 8);
+        ustring hash;
+        reader.setHashString(hash);
+        ASSERT_EQ(reader.readFile(), 0);
+        EXPECT_EQ(hash.str(), md4Hex(content));
         EXPECT_TRUE(readFile(dir / "copy") == content);
         EXPECT_EQ(readFile(dir / "sig").size(), 12 + 12 * ((len + 2047) / 2048));
+        EXPECT_TRUE(readFile(dir / "sig") == readFile(dir / "old.sig"));
+        std::vector<Command> whole_blocks_then_tail;
+        if (len >= 2048) whole_blocks_then_tail.push_back(copyOf(0, len / 2048 * 2048));
+        if (len % 2048 != 0) whole_blocks_then_tail.push_back(literalOf(len % 2048));
+        expectCommands(readFile(dir / "delta"), whole_blocks_then_tail);
     }
     EXPECT_EQ(kMd4OfNothing, "31d6cfe0d16ae931b73c59d7e0c089c0");
 }
 
-TEST(FileReader, DeltaAgainstTheSignatureOfTheSameFileInTheSamePass) {
+TEST(Signature, DoesNotDependOnHowTheInputIsCut) {
     TempDir dir;
-    std::string content = randomBytes(2 * 1048576 + 100, 51);
-    writeFile(dir / "in", content);
-    ASSERT_EQ(makeSignature(dir / "in", dir / "old.sig"), 0);
-    SimpleFileReader reader;
-    reader.setFile((dir / "in").c_str());
-    reader.setDelta((dir / "delta").c_str(), (dir / "old.sig").c_str());
-    reader.setSignature((dir / "new.sig").c_str(), 2048, 8);
-    ustring hash;
-    reader.setHashString(hash);
-    reader.setCopyFile((dir / "copy").c_str());
-    ASSERT_EQ(reader.readFile(), 0);
-    EXPECT_TRUE(readFile(dir / "new.sig") == readFile(dir / "old.sig"));
-    EXPECT_EQ(hash.str(), md4Hex(content));
-    expectCommands(readFile(dir / "delta"), {copyOf(0, content.size() - 100), literalOf(100)});
+    // Over 64 whole blocks per piece sends the hashing to the helper thread.
+    std::string content = randomBytes(3 * 1048576 + 4321, 7);
+    writeFile(dir / "basis", content);
+    ASSERT_EQ(makeSignature(dir / "basis", dir / "sig"), 0);
+    std::string whole = readFile(dir / "sig");
+    EXPECT_TRUE(signatureInPieces(dir, content, {content.size()}) == whole);
+    EXPECT_TRUE(signatureInPieces(dir, content, {1, 2047, 2049, 300000, 4096, 5}) == whole);
+    EXPECT_TRUE(signatureInPieces(dir, content, {1048576 - 1, 1048576 + 1}) == whole);
+    std::string small = content.substr(0, 50000);
+    std::string expected = signatureInPieces(dir, small, {50000});
+    EXPECT_TRUE(signatureInPieces(dir, small, {1}) == expected);
+    EXPECT_TRUE(signatureInPieces(dir, small, {3, 1000}) == expected);
+}
+
+TEST(Signature, OutOfRangeSettingsKeepTheDefaults) {
+    SignatureHandler handler("unused");
+    handler.setBlockSize(0);
+    handler.setHashSize(0);
+    EXPECT_EQ(handler.block_size, 2048u);
+    EXPECT_EQ(handler.hash_size, 8u);
+    handler.setHashSize(17);
+    EXPECT_EQ(handler.hash_size, 8u);
+    handler.setHashSize(16);
+    handler.setBlockSize(512);
+    EXPECT_EQ(handler.getSignatureSize(1024), (1024 / 512 + 2) * 20u);
 }
 
 TEST(FileReader, FailuresOfTheInputAndOfTheOutputs) {

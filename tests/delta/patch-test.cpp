@@ -43,21 +43,6 @@ Blocks blocksAfterInserting(const std::vector<Block>& inserts) {
 
 }  // namespace
 
-TEST_F(PatchFixture, ReverseDeltaRestoresTheBasisAfterRealEdits) {
-    std::string old = randomBytes(2 * 1048576 + 3000, 41);
-    std::string next = old;
-    next.insert(100, "front");
-    next.erase(700000, 5000);
-    next += old.substr(2048 * 10, 2048 * 30);  // old bytes used twice
-    writeFile(dir / "target", next);
-    writeFile(dir / "basis", old);
-    ASSERT_EQ(makeSignature(dir / "basis", dir / "sig"), 0);
-    ASSERT_EQ(makeDelta(dir / "sig", dir / "target", dir / "delta"), 0);
-    EXPECT_EQ(applyPatch(dir / "basis", dir / "delta", dir / "new", dir / "reverse").result, 0);
-    EXPECT_TRUE(readFile(dir / "new") == next);
-    expectReverseRestores(old);
-}
-
 TEST_F(PatchFixture, EmptyDeltaGivesAnEmptyFileAndAReverseHoldingTheWholeBasis) {
     std::string basis = randomBytes(70000, 42);
     PatchOutcome outcome = patch(basis, DeltaWriter().end(), true);
