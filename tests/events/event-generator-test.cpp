@@ -85,10 +85,18 @@ class EventGenerator : public ::testing::Test {
 
 }  // namespace
 
+// "server dir EV_REMOVE 70/75": side, kind, type, sync id and max id ("max" for
+// MAX_SYNC_ID).
+std::string Summary(const Event& e) {
+    auto id = [](uint64_t v) { return v == MAX_SYNC_ID ? std::string("max") : std::to_string(v); };
+    return std::string(e.isServerEvent() ? "server " : "local ") + (e.isDir() ? "dir " : "file ") +
+           Event::TypeText(e.m_type) + " " + id(e.m_sync_id) + "/" + id(e.m_max_id);
+}
+
 // ---------------------------------------------------------------------------------------
 // A server record, key by key.
 
-TEST_F(EventGenerator, EveryKeyOfAServerRecordReachesItsField) {
+TEST_F(EventGenerator, EveryKeyOfAServerRecordReachesItsFieldOrFallsBack) {
     PObject ref = Record("/docs/report.txt", 12);
     ref["max_id"] = uint64_t{15};
     ref["file"] = Map({{"hash", "9f8e"}, {"size", uint64_t{42}}});
@@ -97,39 +105,27 @@ TEST_F(EventGenerator, EveryKeyOfAServerRecordReachesItsField) {
     ref["mac_attribute"] = Map({{"hash", "ea5e"}, {"size", uint64_t{7}}});
     ref["exec_bit"] = uint64_t{1};
     EXPECT_EQ(PushEvent(entry, ref), 1);
+    PObject plain = Record("/plain", 30);
+    plain["common_attribute"] = Map({{"mtime", uint64_t{123}}});
+    EXPECT_EQ(PushEvent(entry, plain), 1);
+    EXPECT_EQ(PushEvent(entry, Record("/dir", 31, false, true)), 1);
 
     const auto events = Pulled();
-    ASSERT_EQ(events.count("/docs/report.txt"), 1u);
+    ASSERT_EQ(events.size(), 3u);
     const Event& e = events.at("/docs/report.txt");
-    EXPECT_EQ(e.m_type, Event::EV_CREATE);
-    EXPECT_TRUE(e.isServerEvent());
-    EXPECT_TRUE(e.isFile());
-    EXPECT_EQ(e.m_sync_id, 12u);
-    EXPECT_EQ(e.m_max_id, 15u);
+    EXPECT_EQ(Summary(e), "server file EV_ADD 12/15");
     EXPECT_EQ(e.m_data_hash, ustring("9f8e"));
     EXPECT_EQ(e.m_data_size, 42u);
     EXPECT_EQ(e.m_time, 200u);  // "mtime" wins over "common_attribute"
     EXPECT_EQ(e.m_mac_attr_hash, ustring("ea5e"));
     EXPECT_EQ(e.m_mac_attr_size, 7u);
     EXPECT_EQ(e.m_exec_bit, 1u);
-}
-
-TEST_F(EventGenerator, OptionalKeysFallBack) {
-    PObject ref = Record("/plain", 30);
-    ref["common_attribute"] = Map({{"mtime", uint64_t{123}}});
-    EXPECT_EQ(PushEvent(entry, ref), 1);
-    EXPECT_EQ(PushEvent(entry, Record("/dir", 31, false, true)), 1);
-
-    const auto events = Pulled();
-    ASSERT_EQ(events.size(), 2u);
-    const Event& plain = events.at("/plain");
-    EXPECT_EQ(plain.m_max_id, 30u);  // no "max_id": the sync id
-    EXPECT_EQ(plain.m_time, 123u);
-    EXPECT_TRUE(plain.m_data_hash.empty());
-    EXPECT_EQ(plain.m_data_size, 0u);
-    EXPECT_EQ(plain.m_exec_bit, 0u);
-    EXPECT_TRUE(events.at("/dir").isDir());
-    EXPECT_TRUE(events.at("/dir").isServerEvent());
+    const Event& p = events.at("/plain");
+    EXPECT_EQ(Summary(p), "server file EV_ADD 30/30");  // no "max_id": the sync id
+    EXPECT_EQ(p.m_time, 123u);
+    EXPECT_TRUE(p.m_data_hash.empty());
+    EXPECT_EQ(p.m_data_size + p.m_exec_bit, 0u);
+    EXPECT_EQ(Summary(events.at("/dir")), "server dir EV_ADD 31/31");
 }
 
 TEST_F(EventGenerator, ServerRecordWithAnUnusablePathIsDropped) {
@@ -144,79 +140,41 @@ TEST_F(EventGenerator, ServerRecordWithAnUnusablePathIsDropped) {
 }
 
 // ---------------------------------------------------------------------------------------
-// The echo test: the client's own work coming back costs nothing.
+// The echo test: the client's own work coming back costs nothing, but a lost file
+// or a later change is news.
 
 TEST_F(EventGenerator, OwnChangeComingBackIsDroppedWhileTheFileIsThere) {
     Known("/mine", 20);
+    Known("/lost", 20);
     std::ofstream(root / "mine") << "uploaded";
     EXPECT_EQ(PushEvent(entry, Record("/mine", 20)), 0);
     EXPECT_EQ(PushEvent(entry, Record("/mine", 19)), 0);
     EXPECT_EQ(PushEvent(entry, Record("/mine", 19, true)), 0);
-    EXPECT_TRUE(Pulled().empty());
-    // A later change of the server is news.
-    EXPECT_EQ(PushEvent(entry, Record("/mine", 21)), 1);
-    EXPECT_EQ(Pulled().at("/mine").m_sync_id, 21u);
-}
-
-TEST_F(EventGenerator, KnownChangeOfAMissingFileIsFetchedAgain) {
-    Known("/lost", 20);
-    EXPECT_EQ(PushEvent(entry, Record("/lost", 20)), 1);
-    EXPECT_EQ(Pulled().count("/lost"), 1u);
-}
-
-TEST_F(EventGenerator, RemovalOfAnUnknownPathIsDropped) {
     EXPECT_EQ(PushEvent(entry, Record("/never-here", 50, true)), 0);
     EXPECT_TRUE(Pulled().empty());
-    Known("/here", 10);
-    EXPECT_EQ(PushEvent(entry, Record("/here", 50, true)), 1);
-    EXPECT_EQ(Pulled().at("/here").m_type, Event::EV_REMOVE);
-    // A creation of an unknown path is what a new server file looks like.
+
+    EXPECT_EQ(PushEvent(entry, Record("/mine", 21)), 1);
+    EXPECT_EQ(PushEvent(entry, Record("/lost", 20)), 1);
     EXPECT_EQ(PushEvent(entry, Record("/brand-new", 51)), 1);
+    const auto events = Pulled();
+    ASSERT_EQ(events.size(), 3u);
+    EXPECT_EQ(events.at("/mine").m_sync_id, 21u);
+    EXPECT_EQ(PushEvent(entry, Record("/lost", 50, true)), 1);
+    EXPECT_EQ(Pulled().at("/lost").m_type, Event::EV_REMOVE);
 }
 
 // ---------------------------------------------------------------------------------------
-// Events that don't come from a server record.
+// Events that don't come from a server record: forced transfers and removals, and
+// local changes a filter held back (an upload when the path is there, a download
+// otherwise).
 
-TEST_F(EventGenerator, ForcedDownloadCarriesWhatTheDatabaseKnows) {
+TEST_F(EventGenerator, ForcedEventsHaveTheirSidesIdsAndWhatTheDatabaseKnows) {
     Known("/known", 7);
     EXPECT_EQ(PushDownloadEvent(entry, "/known", false), 1);
     EXPECT_EQ(PushDownloadEvent(entry, "/unknown-dir", true), 1);
-    const auto events = Pulled();
-    const Event& known = events.at("/known");
-    EXPECT_EQ(known.m_type, Event::EV_MODIFY);
-    EXPECT_TRUE(known.isServerEvent());
-    EXPECT_EQ(known.m_sync_id, MAX_SYNC_ID);
-    EXPECT_EQ(known.m_max_id, MAX_SYNC_ID);
-    EXPECT_EQ(known.m_time, 1650000000u);
-    EXPECT_EQ(known.m_data_size, 11u);
-    EXPECT_EQ(known.m_data_hash, ustring("0123abcd"));
-    EXPECT_EQ(known.m_mac_attr_hash, ustring("feed"));
-    EXPECT_EQ(known.m_exec_bit, 1u);
-    const Event& unknown = events.at("/unknown-dir");
-    EXPECT_TRUE(unknown.isDir());
-    EXPECT_TRUE(unknown.m_data_hash.empty());
-    EXPECT_EQ(unknown.m_sync_id, MAX_SYNC_ID);
-}
-
-TEST_F(EventGenerator, UploadRemovalAndServerRemovalHaveTheirSidesAndIds) {
     EXPECT_EQ(PushUploadEvent(entry, "/up", false), 1);
     EXPECT_EQ(PushLocalRemoveEvent(entry, "/gone-dir", true), 1);
     EXPECT_EQ(PushServerRemoveEvent(entry, "/server-gone", false, 70, 75), 1);
-    const auto events = Pulled();
-    ASSERT_EQ(events.size(), 3u);
-    EXPECT_EQ(events.at("/up").m_type, Event::EV_MODIFY);
-    EXPECT_TRUE(events.at("/up").isLocalEvent());
-    EXPECT_EQ(events.at("/gone-dir").m_type, Event::EV_REMOVE);
-    EXPECT_TRUE(events.at("/gone-dir").isLocalEvent());
-    EXPECT_TRUE(events.at("/gone-dir").isDir());
-    const Event& server = events.at("/server-gone");
-    EXPECT_EQ(server.m_type, Event::EV_REMOVE);
-    EXPECT_TRUE(server.isServerEvent());
-    EXPECT_EQ(server.m_sync_id, 70u);
-    EXPECT_EQ(server.m_max_id, 75u);
-}
-
-TEST_F(EventGenerator, HeldBackLocalChangeBecomesUploadOrDownload) {
     FilterLocalEvent present;
     present.path = "/kept";
     present.is_exist = 1;
@@ -226,10 +184,24 @@ TEST_F(EventGenerator, HeldBackLocalChangeBecomesUploadOrDownload) {
     absent.is_exist = 0;
     EXPECT_EQ(PushEvent(entry, present), 1);
     EXPECT_EQ(PushEvent(entry, absent), 1);
+
     const auto events = Pulled();
-    EXPECT_TRUE(events.at("/kept").isLocalEvent());
-    EXPECT_TRUE(events.at("/kept").isFile());
-    EXPECT_TRUE(events.at("/filtered-dir").isServerEvent());
-    EXPECT_TRUE(events.at("/filtered-dir").isDir());
-    EXPECT_EQ(events.at("/filtered-dir").m_sync_id, MAX_SYNC_ID);
+    std::map<std::string, std::string> summaries;
+    for (const auto& [path, e] : events) summaries[path] = Summary(e);
+    EXPECT_EQ(summaries, (std::map<std::string, std::string>{
+                             {"/known", "server file EV_MODIFY max/max"},
+                             {"/unknown-dir", "server dir EV_MODIFY max/max"},
+                             {"/up", "local file EV_MODIFY 0/0"},
+                             {"/gone-dir", "local dir EV_REMOVE 0/0"},
+                             {"/server-gone", "server file EV_REMOVE 70/75"},
+                             {"/kept", "local file EV_MODIFY 0/0"},
+                             {"/filtered-dir", "server dir EV_MODIFY max/max"},
+                         }));
+    const Event& known = events.at("/known");
+    EXPECT_EQ(known.m_time, 1650000000u);
+    EXPECT_EQ(known.m_data_size, 11u);
+    EXPECT_EQ(known.m_data_hash, ustring("0123abcd"));
+    EXPECT_EQ(known.m_mac_attr_hash, ustring("feed"));
+    EXPECT_EQ(known.m_exec_bit, 1u);
+    EXPECT_TRUE(events.at("/unknown-dir").m_data_hash.empty());
 }

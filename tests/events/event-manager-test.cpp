@@ -13,22 +13,28 @@ namespace {
 
 using Turns = ManagerFixture;
 
-TEST_F(Turns, SessionsAlternateOneEventAtATime) {
+// Sessions take turns one event at a time; server events count until they are done,
+// since the session's sync id must not move before they are carried out.
+TEST_F(Turns, SessionsAlternateAndServerEventsCountUntilDone) {
     for (int i = 0; i < 10; ++i) {
         mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/a" + std::to_string(i))));
         mgr.PushServerEvent(In(2, Server(Event::EV_MODIFY, "/b" + std::to_string(i), 5 + i)));
     }
+    EXPECT_EQ(mgr.GetPendingServerEvent(1), 0);
     RecordingTask worker;
     std::vector<uint64_t> order;
     Event e;
     while (mgr.PullEvent(&worker, e) == 0) {
         order.push_back(e.m_sess_id);
+        const int server_done = static_cast<int>(order.size() - 1) / 2;
+        EXPECT_EQ(mgr.GetPendingServerEvent(2), 10 - server_done);
         ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
     }
     ASSERT_EQ(order.size(), 20u);
     for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(order[i], i % 2 == 0 ? 1u : 2u) << i;
     EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
     EXPECT_EQ(mgr.GetAllPendingEventCount(2), 0);
+    EXPECT_EQ(mgr.GetPendingServerEvent(2), 0);
 }
 
 TEST_F(Turns, BlockedSessionGivesMinusOneAndKeepsItsPlace) {
@@ -44,10 +50,13 @@ TEST_F(Turns, BlockedSessionGivesMinusOneAndKeepsItsPlace) {
     EXPECT_EQ(e.m_path, ustring("/d/f"));
 }
 
-TEST_F(Turns, UnknownSessionsAndBrokenPathsAreDropped) {
+TEST_F(Turns, UnknownSessionsBrokenPathsAndFileExpandsAreDropped) {
     mgr.PushLocalEvent(In(99, Local(Event::EV_MODIFY, "/x")));
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/bad\xff\xfe")));
     mgr.PushServerEvent(In(1, Server(Event::EV_MODIFY, "/bad\xc3", 4)));
+    Event expand = In(1, Local(Event::EV_CREATE, "/file.txt"));
+    expand.setExpand();
+    mgr.PushLocalEvent(expand);
     EXPECT_EQ(mgr.GetAllPendingEventCount(99), 0);
     EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
     RecordingTask worker;
@@ -56,59 +65,36 @@ TEST_F(Turns, UnknownSessionsAndBrokenPathsAreDropped) {
     EXPECT_EQ(mgr.DoneEvent(&worker, e), 0);  // a task holding nothing is done at once
 }
 
-TEST_F(Turns, ServerCountGatesTheSyncIdUntilDone) {
-    mgr.PushServerEvent(In(1, Server(Event::EV_MODIFY, "/s1", 10)));
-    mgr.PushServerEvent(In(1, Server(Event::EV_REMOVE, "/s2", 11)));
-    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/l1")));
-    EXPECT_EQ(mgr.GetPendingServerEvent(1), 2);
-    EXPECT_EQ(mgr.GetPendingServerEvent(2), 0);
-    RecordingTask worker;
-    Event e;
-    int server_seen = 0;
-    while (mgr.PullEvent(&worker, e) == 0) {
-        server_seen += e.isServerEvent();
-        // Held events still count: the sync id must not move before they are carried out.
-        EXPECT_EQ(mgr.GetPendingServerEvent(1), 2 - server_seen + (e.isServerEvent() ? 1 : 0));
-        ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
-    }
-    EXPECT_EQ(server_seen, 2);
-    EXPECT_EQ(mgr.GetPendingServerEvent(1), 0);
-}
-
 using HeldPaths = ManagerFixture;
 
-TEST_F(HeldPaths, LocalRemovalAbortsTheUploadAndIsHandedBack) {
+// A local removal aborts the upload of its path; server changes never interrupt.
+// Either way the newest change goes back to the task that holds the path.
+TEST_F(HeldPaths, ChangesAreHandedBackAndOnlyALocalRemovalAborts) {
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/big.iso")));
-    RecordingTask uploader;
-    Event e;
-    ASSERT_EQ(mgr.PullEvent(&uploader, e), 0);
+    mgr.PushLocalEvent(In(2, Local(Event::EV_MODIFY, "/doc")));
+    RecordingTask uploader, worker, other;
+    Event up, doc;
+    ASSERT_EQ(mgr.PullEvent(&uploader, up), 0);
+    ASSERT_EQ(mgr.PullEvent(&worker, doc), 0);
     mgr.PushLocalEvent(In(1, Local(Event::EV_REMOVE, "/big.iso")));
+    mgr.PushServerEvent(In(2, Server(Event::EV_MODIFY, "/doc", 30)));
+    mgr.PushServerEvent(In(2, Server(Event::EV_REMOVE, "/doc", 31)));
     EXPECT_TRUE(uploader.aborted);
-    ASSERT_EQ(mgr.DoneEvent(&uploader, e), -1);
-    EXPECT_EQ(e.m_type, Event::EV_REMOVE);
-    EXPECT_TRUE(e.isLocalEvent());
-    RecordingTask other;
-    Event none;
-    EXPECT_EQ(mgr.PullEvent(&other, none), -1);  // the path stays with the uploader
-    ASSERT_EQ(mgr.DoneEvent(&uploader, e), 0);
-    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
-}
-
-TEST_F(HeldPaths, ServerChangeNeverInterruptsButIsHandedBackMerged) {
-    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/doc")));
-    RecordingTask worker;
-    Event e;
-    ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
-    mgr.PushServerEvent(In(1, Server(Event::EV_MODIFY, "/doc", 30)));
-    mgr.PushServerEvent(In(1, Server(Event::EV_REMOVE, "/doc", 31)));
     EXPECT_FALSE(worker.aborted);
-    ASSERT_EQ(mgr.DoneEvent(&worker, e), -1);
-    // The newest server change stands for the path.
-    EXPECT_TRUE(e.isServerEvent());
-    EXPECT_EQ(e.m_sync_id, 31u);
-    EXPECT_EQ(e.m_type, Event::EV_REMOVE);
-    ASSERT_EQ(mgr.DoneEvent(&worker, e), 0);
-    EXPECT_EQ(mgr.GetPendingServerEvent(1), 0);
+
+    ASSERT_EQ(mgr.DoneEvent(&uploader, up), -1);
+    EXPECT_EQ(up.m_type, Event::EV_REMOVE);
+    EXPECT_TRUE(up.isLocalEvent());
+    ASSERT_EQ(mgr.DoneEvent(&worker, doc), -1);
+    EXPECT_TRUE(doc.isServerEvent());
+    EXPECT_EQ(doc.m_sync_id, 31u);
+    EXPECT_EQ(doc.m_type, Event::EV_REMOVE);
+    Event none;
+    EXPECT_EQ(mgr.PullEvent(&other, none), -1);  // the paths stay with their tasks
+    EXPECT_EQ(mgr.PullEvent(&other, none), -1);
+    ASSERT_EQ(mgr.DoneEvent(&uploader, up), 0);
+    ASSERT_EQ(mgr.DoneEvent(&worker, doc), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1) + mgr.GetAllPendingEventCount(2), 0);
 }
 
 TEST_F(HeldPaths, ChangeToTheOtherKindAtThePathRetiresTheHeldNode) {
@@ -147,11 +133,12 @@ using Walks = ManagerFixture;
 TEST_F(Walks, RootRescanReplacesWaitingWalksOthersQueue) {
     mgr.IssueExpand(1, "/a");
     mgr.IssueExpand(1, "/b");
-    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 2);
     mgr.IssueRescan(1, "/sub", true);
     EXPECT_EQ(mgr.GetAllPendingEventCount(1), 3);
     mgr.IssueRescan(1, "/", false);
     EXPECT_EQ(mgr.GetAllPendingEventCount(1), 1);
+    mgr.IssueRescan(2, "/", false);  // a session without events gets its pool
+    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 1);
     RecordingTask worker;
     Event e;
     ASSERT_EQ(mgr.PullEvent(&worker, e), 0);
@@ -160,45 +147,24 @@ TEST_F(Walks, RootRescanReplacesWaitingWalksOthersQueue) {
     EXPECT_EQ(e.m_path, ustring("/"));
 }
 
-TEST_F(Walks, RescanOfASessionWithoutEventsCreatesItsPool) {
-    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 0);
-    mgr.IssueRescan(2, "/", false);
-    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 1);
-}
-
-TEST_F(Walks, ExpandOfAFileIsDropped) {
-    Event e = In(1, Local(Event::EV_CREATE, "/file.txt"));
-    e.setExpand();
-    mgr.PushLocalEvent(e);
-    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
-}
-
-TEST_F(Walks, WalksFillTheGapsBehindTheTree) {
-    mgr.IssueExpand(1, "/new");
+// Walks run when the tree has nothing runnable; a new walk of the path interrupts
+// the one under way, and a change to the walked path goes to the walker.
+TEST_F(Walks, WalksFillTheGapsAndGiveWayToChanges) {
+    mgr.IssueExpand(1, "/d");
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/f")));
-    RecordingTask a, b;
-    Event first, second;
+    RecordingTask a, walker, other;
+    Event first, e;
     ASSERT_EQ(mgr.PullEvent(&a, first), 0);
     EXPECT_EQ(first.m_path, ustring("/f"));
-    ASSERT_EQ(mgr.PullEvent(&b, second), 0);  // the tree's only event is held
-    EXPECT_TRUE(second.isExpand());
-}
+    ASSERT_EQ(mgr.PullEvent(&walker, e), 0);  // the tree's only event is held
+    EXPECT_TRUE(e.isExpand());
+    ASSERT_EQ(mgr.DoneEvent(&a, first), 0);
 
-TEST_F(Walks, NewWalkOfTheSamePathInterruptsTheOneUnderWay) {
-    mgr.IssueExpand(1, "/d");
-    RecordingTask walker;
-    Event e;
-    ASSERT_EQ(mgr.PullEvent(&walker, e), 0);
     mgr.IssueExpand(1, "/d");
     EXPECT_TRUE(walker.aborted);
     EXPECT_EQ(mgr.DoneEvent(&walker, e), 0);  // a walk is no change to hand back
     EXPECT_EQ(mgr.GetAllPendingEventCount(1), 1);
-}
 
-TEST_F(Walks, ChangeToAWalkedPathGoesToTheWalker) {
-    mgr.IssueExpand(1, "/d");
-    RecordingTask walker, other;
-    Event e;
     ASSERT_EQ(mgr.PullEvent(&walker, e), 0);
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/d", DIR_NODE)));
     ASSERT_EQ(mgr.DoneEvent(&walker, e), -1);
@@ -212,10 +178,22 @@ TEST_F(Walks, ChangeToAWalkedPathGoesToTheWalker) {
 
 using StatusAndNotices = ManagerFixture;
 
-TEST_F(StatusAndNotices, PendingPathsAreMarkedSyncingUntilSynced) {
+// Pending changes (not walks) are marked syncing and told to the listener.
+TEST_F(StatusAndNotices, PendingPathsAreMarkedSyncingAndHeardOf) {
+    UIListener listener;
+    SetUIPort(listener.port());
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/docs/a.txt")));
-    mgr.PushServerEvent(In(2, Server(Event::EV_CREATE, "/pics", 3, DIR_NODE)));
+    mgr.PushServerEvent(In(2, Server(Event::EV_REMOVE, "/pics", 8, DIR_NODE)));
     mgr.IssueExpand(1, "/walked");
+    PObject first = listener.Next();
+    EXPECT_EQ(first["notify"].asString(), ustring("syncing_file"));
+    EXPECT_EQ(first["session_id"].asUInt64(), 1u);
+    EXPECT_EQ(first["path"].asString(), ustring("/docs/a.txt"));
+    PObject second = listener.Next();
+    EXPECT_EQ(second["session_id"].asUInt64(), 2u);
+    EXPECT_EQ(second["is_dir"].asUInt64(), 1u);
+    EXPECT_EQ(second["event_type"].asUInt64(), static_cast<uint64_t>(Event::EV_REMOVE));
+
     FileStatusInfo info;
     ASSERT_EQ(FileStatusDB::getFileSyncStat((Root(1) + "/docs/a.txt").c_str(), &info), 1);
     EXPECT_EQ(info.syncStatus, SFS_SYNCING);
@@ -223,25 +201,8 @@ TEST_F(StatusAndNotices, PendingPathsAreMarkedSyncingUntilSynced) {
     ASSERT_EQ(FileStatusDB::getFileSyncStat((Root(2) + "/pics").c_str(), &info), 1);
     EXPECT_EQ(info.fileType, SFT_DIR);
     EXPECT_EQ(FileStatusDB::getFileSyncStat((Root(1) + "/walked").c_str(), &info), 0);
-
     EXPECT_EQ(EventManager::SyncedEvent2FStatDB((Root(1) + "/docs/a.txt").c_str()), 0);
     EXPECT_EQ(FileStatusDB::getFileSyncStat((Root(1) + "/docs/a.txt").c_str(), &info), 0);
-}
-
-TEST_F(StatusAndNotices, ListenerHearsOfEachPendingPath) {
-    UIListener listener;
-    SetUIPort(listener.port());
-    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/new.txt")));
-    mgr.PushServerEvent(In(2, Server(Event::EV_REMOVE, "/old", 8, DIR_NODE)));
-    mgr.IssueRescan(1, "/", false);  // walks are not news
-    PObject first = listener.Next();
-    EXPECT_EQ(first["notify"].asString(), ustring("syncing_file"));
-    EXPECT_EQ(first["session_id"].asUInt64(), 1u);
-    EXPECT_EQ(first["path"].asString(), ustring("/new.txt"));
-    PObject second = listener.Next();
-    EXPECT_EQ(second["session_id"].asUInt64(), 2u);
-    EXPECT_EQ(second["is_dir"].asUInt64(), 1u);
-    EXPECT_EQ(second["event_type"].asUInt64(), static_cast<uint64_t>(Event::EV_REMOVE));
 }
 
 TEST_F(StatusAndNotices, ClearForgetsEverything) {

@@ -20,7 +20,7 @@ class UINotice : public ::testing::Test {
     UIListener listener;
 };
 
-TEST_F(UINotice, SyncingAndRecentFilesCarryThePathAndKind) {
+TEST_F(UINotice, EachReportIsOneMapWithItsKeys) {
     Event dir = Make(Event::EV_CREATE, "/photos/2024", LOCAL, DIR_NODE);
     dir.m_sess_id = 42;
     ASSERT_EQ(UI_IPC::ReportFileSyncingEventToUI(dir), 0);
@@ -31,17 +31,22 @@ TEST_F(UINotice, SyncingAndRecentFilesCarryThePathAndKind) {
     EXPECT_EQ(got["is_dir"].asUInt64(), 1u);
     EXPECT_EQ(got["event_type"].asUInt64(), static_cast<uint64_t>(Event::EV_CREATE));
 
-    Event file = Make(Event::EV_REMOVE, "/notes.txt", SERVER, FILE_NODE, 9);
+    const Event file = Make(Event::EV_REMOVE, "/notes.txt", SERVER, FILE_NODE, 9);
     ASSERT_EQ(UI_IPC::ReportFileEventToUI(file), 0);
     got = listener.Next();
     EXPECT_EQ(got["notify"].asString(), ustring("recent_file"));
     EXPECT_EQ(got["is_dir"].asUInt64(), 0u);
     EXPECT_EQ(got["event_type"].asUInt64(), static_cast<uint64_t>(Event::EV_REMOVE));
-}
 
-TEST_F(UINotice, ErrorsCarryNegativeCodesAndTheLowBitsOfTheConnection) {
+    ASSERT_EQ(UI_IPC::ReportFileLockedEventToUI(file, ERR_LOCKED_FILE), 0);
+    got = listener.Next();
+    EXPECT_EQ(got["notify"].asString(), ustring("locked_file"));
+    EXPECT_EQ(got["path"].asString(), ustring("/notes.txt"));
+    EXPECT_EQ(got["error"]["reason"].asString(), ustring("file locked"));
+    EXPECT_EQ(got["error"]["code"].asInt64(), ERR_LOCKED_FILE);
+
     ASSERT_EQ(UI_IPC::ReportSessionErrorToUI(7, ERR_QUOTA), 0);
-    PObject got = listener.Next();
+    got = listener.Next();
     EXPECT_EQ(got["notify"].asString(), ustring("error"));
     EXPECT_EQ(got["session_id"].asUInt64(), 7u);
     EXPECT_EQ(got["error_type"].asInt64(), ERR_QUOTA);
@@ -51,29 +56,7 @@ TEST_F(UINotice, ErrorsCarryNegativeCodesAndTheLowBitsOfTheConnection) {
     got = listener.Next();
     EXPECT_EQ(got["connection_id"].asInt64(), -5);  // sign-extended
     EXPECT_EQ(got["error_type"].asInt64(), ERR_TIMEOUT);
-}
 
-TEST_F(UINotice, LockedFileSendsItsErrorMapFirst) {
-    Event e = Make(Event::EV_MODIFY, "/busy.xlsx", LOCAL);
-    ASSERT_EQ(UI_IPC::ReportFileLockedEventToUI(e, ERR_LOCKED_FILE), 0);
-    const std::string raw = listener.NextRaw();
-    // A map tag, then the first key in key order: "error", holding a map.
-    const std::string opening(
-        "\x42\x10\x00\x05"
-        "error"
-        "\x42",
-        10);
-    EXPECT_EQ(raw.substr(0, opening.size()), opening);
-    EXPECT_NE(raw.find("file locked"), std::string::npos);
-
-    ASSERT_EQ(UI_IPC::ReportFileLockedEventToUI(e, ERR_LOCKED_FILE), 0);
-    PObject got = listener.Next();
-    EXPECT_EQ(got["notify"].asString(), ustring("locked_file"));
-    EXPECT_EQ(got["error"]["reason"].asString(), ustring("file locked"));
-    EXPECT_EQ(got["error"]["code"].asInt64(), ERR_LOCKED_FILE);
-}
-
-TEST_F(UINotice, LastBreathAsksToEndTheConnection) {
     ASSERT_EQ(UI_IPC::LastBreath(), 0);
     EXPECT_EQ(listener.Next()["action"].asString(), ustring("connection_terminate"));
 }

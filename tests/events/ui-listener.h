@@ -57,18 +57,6 @@ class UIListener {
         return obj;
     }
 
-    // Accepts the next notification and returns its bytes as sent.
-    std::string NextRaw() {
-        std::string bytes;
-        platform::socket_t peer = platform::accept_socket(m_socket);
-        if (peer == platform::kInvalidSocket) return bytes;
-        char buf[4096];
-        long n;
-        while ((n = platform::recv_some(peer, buf, sizeof buf)) > 0) bytes.append(buf, n);
-        platform::close_socket(peer);
-        return bytes;
-    }
-
   private:
     platform::socket_t m_socket = platform::kInvalidSocket;
     int m_port = -1;
