@@ -27,7 +27,7 @@ class DeltaTool : public ::testing::Test {
     }
 
     // Runs the tool with `command` as given, then each of `files` as a path in the test folder.
-    ToolRun tool(const std::string& command, std::initializer_list<std::string> files = {}) {
+    ToolRun tool(const std::string& command, const std::vector<std::string>& files = {}) {
         std::string line = std::string(TB_DELTA_TOOL) + " " + command;
         for (const std::string& f : files) line += " " + (dir / f);
         ToolRun run{-1, ""};
@@ -76,43 +76,42 @@ TEST_F(DeltaTool, SignatureDeltaPatchAndHashEndToEnd) {
     EXPECT_EQ(entries(), 7u);  // nothing but the inputs and outputs
 }
 
-TEST_F(DeltaTool, MalformedSignatureIsRefusedWithNoOutput) {
-    writeFile(dir / "new", "some new contents");
-    writeFile(dir / "sig", std::string("\x72\x73\x01\x36\x00\x00\x00\x00\x00\x00\x00\x08", 12));
-    ToolRun run = tool("delta", {"sig", "new", "delta"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.output.find("block size"), std::string::npos) << run.output;
-    writeFile(dir / "sig", "short");
-    run = tool("delta", {"sig", "new", "delta"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.output.find("not a signature"), std::string::npos) << run.output;
-    EXPECT_EQ(entries(), 2u);
-}
-
-TEST_F(DeltaTool, BadDeltaIsRefusedAndLeavesExistingOutputAlone) {
+TEST_F(DeltaTool, BadInputIsRefusedWithAMessageAndNoOutput) {
+    const std::string zero_block("\x72\x73\x01\x36\x00\x00\x00\x00\x00\x00\x00\x08", 12);
+    const std::string full = DeltaWriter().literal("abc").copy(0, 5000).end();
+    struct Case {
+        std::string sig, delta, command;
+        std::vector<std::string> files;
+        int status;
+        const char* message;
+    };
+    const Case cases[] = {
+        {zero_block, "", "delta", {"sig", "basis", "out"}, 1, "block size"},
+        {"short", "", "delta", {"sig", "basis", "out"}, 1, "not a signature"},
+        {"", full.substr(0, full.size() - 1), "patch", {"basis", "delta", "out", "rev"}, 1, ""},
+        {"", full.substr(0, 10), "patch", {"basis", "delta", "out", "rev"}, 1, ""},
+        {"", DeltaWriter().copy(9000, 2000).end(), "patch", {"basis", "delta", "out"}, 1, ""},
+        {"", DeltaWriter().raw("\x60").end(), "patch", {"basis", "delta", "out"}, 1, ""},
+        {"", "not a delta at all", "patch", {"basis", "delta", "out"}, 1, ""},
+        {"", "", "signature", {"missing", "out"}, 1, "cannot read"},
+        {"", "", "signature", {"missing", "no-dir/out"}, 1, ""},
+        {"", "", "hash", {""}, 1, ""},
+        {"", "", "", {}, 2, ""},
+        {"", "", "patch", {"basis", "delta"}, 2, ""},
+        {"", "", "frobnicate", {"basis", "delta"}, 2, ""},
+    };
     writeFile(dir / "basis", randomBytes(10000, 72));
-    std::string full = DeltaWriter().literal("abc").copy(0, 5000).end();
-    for (const std::string& bad :
-         {full.substr(0, full.size() - 1), full.substr(0, 10), DeltaWriter().copy(9000, 2000).end(),
-          DeltaWriter().raw("\x60").end(), std::string("not a delta at all")}) {
-        writeFile(dir / "delta", bad);
-        writeFile(dir / "new", "keep me");
-        ToolRun run = tool("patch", {"basis", "delta", "new", "reverse"});
-        EXPECT_EQ(run.status, 1) << run.output;
-        EXPECT_NE(run.output.find("tarnbridge-delta: "), std::string::npos);
-        EXPECT_EQ(readFile(dir / "new"), "keep me");
-        EXPECT_EQ(entries(), 3u);
+    for (const Case& c : cases) {
+        SCOPED_TRACE("case " + std::to_string(&c - cases));
+        writeFile(dir / "sig", c.sig);
+        writeFile(dir / "delta", c.delta);
+        writeFile(dir / "out", "keep me");
+        ToolRun run = tool(c.command, c.files);
+        EXPECT_EQ(run.status, c.status);
+        EXPECT_NE(run.output.find(c.status == 1 ? "tarnbridge-delta: " : "usage"),
+                  std::string::npos);
+        EXPECT_NE(run.output.find(c.message), std::string::npos) << run.output;
+        EXPECT_EQ(readFile(dir / "out"), "keep me");
+        EXPECT_EQ(entries(), 4u);
     }
-}
-
-TEST_F(DeltaTool, UnreadableInputsAndUsage) {
-    ToolRun run = tool("signature", {"missing", "sig"});
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.output.find("cannot read"), std::string::npos) << run.output;
-    EXPECT_EQ(tool("hash " + dir.path()).status, 1);
-    EXPECT_EQ(tool("signature", {"missing", "no-dir/sig"}).status, 1);
-    EXPECT_EQ(tool("").status, 2);
-    EXPECT_EQ(tool("patch only-two args").status, 2);
-    EXPECT_EQ(tool("frobnicate a b").status, 2);
-    EXPECT_EQ(entries(), 0u);
 }
