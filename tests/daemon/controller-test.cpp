@@ -47,11 +47,7 @@ TEST(ControllerEndToEnd, StartsDrivesAndStopsTheDaemon) {
     ASSERT_EQ(::prctl(PR_SET_CHILD_SUBREAPER, 1), 0);
     DaemonHome home;
     DaemonReaper reaper{home.config + ".state"};
-    int control_port;
-    {
-        loopback::Listener probe;
-        control_port = probe.port();
-    }
+    const int control_port = loopback::Listener().port();
     Result started = controller(
         home, {"start", "--config", home.config, "--port", std::to_string(control_port)});
     ASSERT_EQ(started.code, 0) << started.out;

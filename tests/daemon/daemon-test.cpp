@@ -1,13 +1,13 @@
-// The daemon process end to end over real loopback sockets: its port announcement, the
-// control requests, "stop", start-up failures; and its parts in process: the control
-// queue under many senders, the listener's port walk.
+// The daemon process end to end over real loopback sockets: the control requests,
+// "stop", broken requests, the port walk, start-up failures; and its parts in process:
+// the listener's port walk and the control queue under many senders. The port
+// announcement's bytes are checked by independent-client.py.
 #include <gtest/gtest.h>
 
 #include <unistd.h>
+
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <sstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,17 +26,8 @@ namespace {
 using harness::DaemonHome;
 using harness::kDaemon;
 using harness::Process;
-using harness::slurp;
 
-// One control request on a fresh connection.
-int ask(int port, const PObject& request, PObject& reply) {
-    Channel ch;
-    if (ch.Open("127.0.0.1", port) != 0) return -100;
-    ch.SetTimeout(10);
-    PStream ps;
-    int rc = ps.Send(ch, request);
-    return rc != 0 ? rc : ps.Recv(ch, reply);
-}
+const ustring kAck("{\"ack\": \"ok\"}");
 
 PObject action(const char* name) {
     PObject request;
@@ -48,107 +39,89 @@ PObject action(const char* name) {
 class RunningDaemon {
   public:
     explicit RunningDaemon(loopback::Listener& control)
-        : m_process({kDaemon, m_home.config, std::to_string(control.port())}, m_home.dir / "out") {
+        : m_process({kDaemon, home.config, std::to_string(control.port())}, home.dir / "out") {
         int fd = control.accept(10000);
         if (fd < 0) return;
         EXPECT_EQ(m_announce.Open(fd, true), 0);
         m_announce.SetTimeout(10);
         PStream ps;
-        EXPECT_EQ(ps.Recv(m_announce, m_report), 0);
-        port = m_report["daemon_port"].asInt32();
+        PObject report;
+        EXPECT_EQ(ps.Recv(m_announce, report), 0);
+        port = report["daemon_port"].asInt32();
     }
 
-    const PObject& report() const { return m_report; }
-    const DaemonHome& home() const { return m_home; }
-    Process& process() { return m_process; }
-
-    // Sends "stop"; true when the connection closed without a single byte.
-    bool stop() {
+    // One request on a fresh connection, as the controller sends it.
+    PObject Ask(const PObject& request) {
         Channel ch;
-        if (ch.Open("127.0.0.1", port) != 0) return false;
+        PObject reply;
+        EXPECT_EQ(ch.Open("127.0.0.1", port), 0);
+        ch.SetTimeout(10);
         PStream ps;
-        if (ps.Send(ch, action("stop")) != 0) return false;
-        return loopback::closed_without_bytes(ch.GetSocket());
+        EXPECT_EQ(ps.Send(ch, request), 0);
+        EXPECT_EQ(ps.Recv(ch, reply), 0) << request.toString().c_str_utf8();
+        return reply;
     }
 
+    // "stop" is never answered: its connection closes, then the process ends with 0.
+    void Stop() {
+        if (std::exchange(m_stopped, true)) return;
+        Channel ch;
+        ASSERT_EQ(ch.Open("127.0.0.1", port), 0);
+        PStream ps;
+        ASSERT_EQ(ps.Send(ch, action("stop")), 0);
+        EXPECT_TRUE(loopback::closed_without_bytes(ch.GetSocket()));
+        EXPECT_EQ(m_process.wait_exit(), 0);
+    }
+
+    DaemonHome home;
     int port = -1;
 
   private:
-    DaemonHome m_home;
     Process m_process;
     Channel m_announce;
-    PObject m_report;
+    bool m_stopped = false;
 };
 
-TEST(DaemonControl, AnnouncesItsPortAboveTheControllingOne) {
-    loopback::Listener control;
-    RunningDaemon daemon(control);
-    ASSERT_GT(daemon.port, control.port());
-    EXPECT_TRUE(daemon.report()["daemon_port"].isInteger());
-    EXPECT_EQ(daemon.report().asMap().size(), 1u);
-    PObject reply;
-    ASSERT_EQ(ask(daemon.port, action("link"), reply), 0);
-    EXPECT_EQ(reply.toString(), ustring("{\"ack\": \"ok\"}"));
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(daemon.process().wait_exit(), 0);
-}
+class DaemonControl : public ::testing::Test {
+  protected:
+    void SetUp() override { ASSERT_GT(daemon.port, control.port()); }
+    void TearDown() override { daemon.Stop(); }
 
-TEST(DaemonControl, EveryRequestButStopIsAnsweredWithAck) {
     loopback::Listener control;
-    RunningDaemon daemon(control);
-    ASSERT_GT(daemon.port, 0);
-    PObject no_action;
-    no_action["session_id"] = uint64_t{3};
-    PObject not_a_map("just text");
-    const PObject requests[] = {action("link"),     action("get_status"), action("reload_setting"),
-                                action("nonsense"), action("pause"),      no_action,
-                                not_a_map,          action("unlink")};
-    for (const PObject& request : requests) {
-        PObject reply;
-        ASSERT_EQ(ask(daemon.port, request, reply), 0) << request.toString().c_str_utf8();
-        EXPECT_EQ(reply.toString(), ustring("{\"ack\": \"ok\"}"))
-            << request.toString().c_str_utf8();
-    }
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(daemon.process().wait_exit(), 0);
-    std::string log = daemon.home().log_text();
-    EXPECT_NE(log.find("recieve msg >>> {\"action\": \"nonsense\"}"), std::string::npos);
-    EXPECT_NE(log.find("======= Settings ======="), std::string::npos);  // "link" logged them
-    EXPECT_NE(log.find("main thread down"), std::string::npos);
-}
+    RunningDaemon daemon{control};
+};
 
-TEST(DaemonControl, LinkEmptiesTheStatusDatabaseAndFailsWithoutASystemFilter) {
-    loopback::Listener control;
-    RunningDaemon daemon(control);
-    ASSERT_GT(daemon.port, 0);
-    std::string fstat = daemon.home().dir / "fstat.sqlite";
-    ASSERT_EQ(FileStatusDB::initialize(fstat), 0);
-    FileStatusInfo stale;
-    stale.path = "/left/by/a/crash";
-    ASSERT_EQ(FileStatusDB::setFileSyncStat(stale), 0);
+TEST_F(DaemonControl, EveryRequestButStopIsAckedAndLinkSetsUpTheEnvironment) {
+    // A row left by a crash: "link" starts from an empty status database.
+    ASSERT_EQ(FileStatusDB::initialize(daemon.home.dir / "fstat.sqlite"), 0);
     FileStatusInfo row;
+    row.path = "/left/by/a/crash";
+    ASSERT_EQ(FileStatusDB::setFileSyncStat(row), 0);
     ASSERT_EQ(FileStatusDB::getFileSyncStat("/left/by/a/crash", &row), 1);
 
-    PObject reply;
-    ASSERT_EQ(ask(daemon.port, action("link"), reply), 0);
-    EXPECT_EQ(reply.toString(), ustring("{\"ack\": \"ok\"}"));
+    PObject no_action;
+    no_action["session_id"] = uint64_t{3};
+    for (const PObject& request :
+         {action("link"), action("get_status"), action("reload_setting"), action("nonsense"),
+          action("pause"), no_action, PObject("just text"), action("unlink")}) {
+        EXPECT_EQ(daemon.Ask(request).toString(), kAck) << request.toString().c_str_utf8();
+    }
     EXPECT_EQ(FileStatusDB::getFileSyncStat("/left/by/a/crash", &row), 0);
-
-    ASSERT_EQ(ask(daemon.port, action("unlink"), reply), 0);
-    ::unlink((daemon.home().dir / "system.filter").c_str());
-    ASSERT_EQ(ask(daemon.port, action("link"), reply), 0);
-    EXPECT_EQ(reply["error"].asString(), ustring("Failed to initialize environment"));
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(daemon.process().wait_exit(), 0);
     FileStatusDB::destroy();
-    EXPECT_NE(daemon.home().log_text().find("Failed to load system filter from"),
-              std::string::npos);
+
+    ::unlink((daemon.home.dir / "system.filter").c_str());
+    EXPECT_EQ(daemon.Ask(action("link"))["error"].asString(),
+              ustring("Failed to initialize environment"));
+    daemon.Stop();
+    const std::string log = daemon.home.log_text();
+    for (const char* text : {"recieve msg >>> {\"action\": \"nonsense\"}",
+                             "======= Settings =======",  // "link" logged them
+                             "Failed to load system filter from", "main thread down"}) {
+        EXPECT_NE(log.find(text), std::string::npos) << text;
+    }
 }
 
-TEST(DaemonControl, BrokenRequestsCloseTheirConnectionAndServingGoesOn) {
-    loopback::Listener control;
-    RunningDaemon daemon(control);
-    ASSERT_GT(daemon.port, 0);
+TEST_F(DaemonControl, BrokenRequestsCloseTheirConnectionAndServingGoesOn) {
     for (const std::string& junk : {std::string("\x07\x07", 2),
                                     std::string("\x42\x10\x00\x06"
                                                 "ac",
@@ -161,35 +134,30 @@ TEST(DaemonControl, BrokenRequestsCloseTheirConnectionAndServingGoesOn) {
         EXPECT_TRUE(loopback::closed_without_bytes(fd, 10000));
         ::close(fd);
     }
-    PObject reply;
-    ASSERT_EQ(ask(daemon.port, action("get_status"), reply), 0);
-    EXPECT_EQ(reply.toString(), ustring("{\"ack\": \"ok\"}"));
-    EXPECT_TRUE(daemon.stop());
-    EXPECT_EQ(daemon.process().wait_exit(), 0);
-    EXPECT_NE(daemon.home().log_text().find("Failed to recieve message from channel."),
+    EXPECT_EQ(daemon.Ask(action("get_status")).toString(), kAck);
+    daemon.Stop();
+    EXPECT_NE(daemon.home.log_text().find("Failed to recieve message from channel."),
               std::string::npos);
 }
 
-TEST(DaemonControl, BusyPortIsSkipped) {
+TEST(DaemonStartup, BusyPortAboveTheControllingOneIsSkipped) {
     for (int attempt = 0; attempt < 50; ++attempt) {
         // A controlling port whose next port a listener of ours holds.
         loopback::Listener control;
-        if (control.port() >= 65535) continue;
         int busy = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         sockaddr_in addr = loopback::address(control.port() + 1);
-        if (::bind(busy, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
+        if (control.port() >= 65535 ||
+            ::bind(busy, reinterpret_cast<sockaddr*>(&addr), sizeof addr) != 0 ||
             ::listen(busy, 1) != 0) {
             ::close(busy);
             continue;
         }
         RunningDaemon daemon(control);
         EXPECT_GT(daemon.port, control.port() + 1);
-        PObject reply;
-        EXPECT_EQ(ask(daemon.port, action("get_status"), reply), 0);
-        EXPECT_TRUE(daemon.stop());
-        EXPECT_EQ(daemon.process().wait_exit(), 0);
-        EXPECT_NE(daemon.home().log_text().find("Bind port " + std::to_string(control.port() + 1) +
-                                                " failed, try next one"),
+        EXPECT_EQ(daemon.Ask(action("get_status")).toString(), kAck);
+        daemon.Stop();
+        EXPECT_NE(daemon.home.log_text().find("Bind port " + std::to_string(control.port() + 1) +
+                                              " failed, try next one"),
                   std::string::npos);
         ::close(busy);
         return;
@@ -197,41 +165,48 @@ TEST(DaemonControl, BusyPortIsSkipped) {
     FAIL() << "no free pair of adjacent ports";
 }
 
-TEST(DaemonStartup, TooManyArgumentsFailBeforeAnySetUp) {
-    DaemonHome home;
-    Process p({kDaemon, home.config, "2000", "extra"}, home.dir / "out");
-    ASSERT_TRUE(p.started());
-    EXPECT_EQ(p.wait_exit(), 255);
-    EXPECT_FALSE(std::ifstream(home.log).good());
-}
-
-TEST(DaemonStartup, UnreachableControllerEndsNormally) {
-    int port;
+TEST(DaemonStartup, FailuresBeforeServingEndTheProcess) {
+    int gone;
     {
-        loopback::Listener gone;
-        port = gone.port();
+        loopback::Listener listener;
+        gone = listener.port();
     }
-    DaemonHome home;
-    Process p({kDaemon, home.config, std::to_string(port)}, home.dir / "out");
-    EXPECT_EQ(p.wait_exit(), 0);
-    EXPECT_NE(home.log_text().find("Failed to connect to port : " + std::to_string(port)),
-              std::string::npos);
-}
-
-TEST(DaemonStartup, LogThatCannotOpenEndsWithAnError) {
-    DaemonHome home(std::string("/nonexistent-dir/daemon.log"));
-    Process p({kDaemon, home.config, "1"}, home.dir / "out");
-    EXPECT_EQ(p.wait_exit(), 255);
-    EXPECT_NE(slurp(home.dir / "out").find("Tarnbridge: client is not enabled"), std::string::npos);
-}
-
-TEST(DaemonStartup, PortWalkStopsAt65535) {
-    DaemonHome home;
-    Process p({kDaemon, home.config, "65535"}, home.dir / "out");
-    EXPECT_EQ(p.wait_exit(), 0);
-    std::string log = home.log_text();
-    EXPECT_NE(log.find("Port number exceeds 65536"), std::string::npos);
-    EXPECT_NE(log.find("failed to listen on port local_port."), std::string::npos);
+    struct Case {
+        const char* name;
+        std::vector<std::string> args;
+        int code;
+        std::vector<std::string> texts;  // in the log or the output
+        bool log_made = true;
+        std::string log_path = "";
+    };
+    const Case cases[] = {
+        {"too many arguments, nothing set up", {"2000", "extra"}, 255, {}, false},
+        {"controller unreachable",
+         {std::to_string(gone)},
+         0,
+         {"Failed to connect to port : " + std::to_string(gone)}},
+        {"log cannot open",
+         {"1"},
+         255,
+         {"Tarnbridge: client is not enabled"},
+         false,
+         "/nonexistent-dir/daemon.log"},
+        {"port walk ends at the top",
+         {"65535"},
+         0,
+         {"Port number exceeds 65536", "failed to listen on port local_port."}},
+    };
+    for (const Case& c : cases) {
+        SCOPED_TRACE(c.name);
+        DaemonHome home(c.log_path);
+        std::vector<std::string> argv = {kDaemon, home.config};
+        argv.insert(argv.end(), c.args.begin(), c.args.end());
+        Process p(argv, home.dir / "out");
+        EXPECT_EQ(p.wait_exit(), c.code);
+        EXPECT_EQ(std::ifstream(home.log).good(), c.log_made);
+        const std::string text = home.log_text() + harness::slurp(home.dir / "out");
+        for (const std::string& t : c.texts) EXPECT_NE(text.find(t), std::string::npos) << t;
+    }
 }
 
 TEST(IPCListenerPorts, WalksPastBusyPortsAndStopsAtTheTop) {
@@ -252,30 +227,21 @@ TEST(IPCListenerPorts, WalksPastBusyPortsAndStopsAtTheTop) {
     EXPECT_EQ(IPCListener::CloseSocket(platform::kInvalidSocket), -1);
 }
 
-TEST(TarnbridgeConcurrency, ManySendersEachGetTheirOwnReply) {
+TEST(TarnbridgeConcurrency, ManySendersAreAllAnsweredAndStopEndsTheLoop) {
     Tarnbridge app;
     ASSERT_EQ(app.run(), 0);
     std::atomic<int> acked{0};
     std::vector<std::thread> senders;
     for (int t = 0; t < 4; ++t)
-        senders.emplace_back([&, t] {
+        senders.emplace_back([&] {
             for (int i = 0; i < 50; ++i) {
-                PObject request = action(i % 2 == 0 ? "get_status" : "nonsense");
-                request["sender"] = static_cast<uint64_t>(t);
                 PObject reply;
-                app.send_message(request, reply);
-                if (reply.toString() == ustring("{\"ack\": \"ok\"}")) ++acked;
+                app.send_message(action(i % 2 == 0 ? "get_status" : "nonsense"), reply);
+                if (reply.toString() == kAck) ++acked;
             }
         });
     for (std::thread& s : senders) s.join();
     EXPECT_EQ(acked.load(), 200);
-    app.kill();
-    EXPECT_FALSE(app.isRunning());
-}
-
-TEST(TarnbridgeConcurrency, StopEndsTheControlLoop) {
-    Tarnbridge app;
-    ASSERT_EQ(app.run(), 0);
     EXPECT_TRUE(app.isRunning());
     PObject reply;
     app.send_message(action("stop"), reply);

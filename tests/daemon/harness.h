@@ -24,6 +24,7 @@ namespace harness {
 
 inline const std::string kDaemon =
     std::string(TB_BINARY_DIR) + "/tools/tarnbridge-daemon/tarnbridge-daemon";
+inline const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
 
 inline std::string slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
@@ -32,17 +33,17 @@ inline std::string slurp(const std::string& path) {
     return ss.str();
 }
 
-// A child process with its standard streams in files; killed if a test leaves it.
+// A child process with both output streams in one file; killed if a test leaves it.
 class Process {
   public:
-    Process(const std::vector<std::string>& argv, const std::string& out_path) {
+    Process(std::vector<std::string> argv, const std::string& out_path) {
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(),
                                          O_WRONLY | O_CREAT | O_TRUNC, 0644);
         posix_spawn_file_actions_adddup2(&actions, 1, 2);
         std::vector<char*> args;
-        for (const std::string& a : argv) args.push_back(const_cast<char*>(a.c_str()));
+        for (std::string& a : argv) args.push_back(a.data());
         args.push_back(nullptr);
         if (posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), environ) != 0) m_pid = -1;
         posix_spawn_file_actions_destroy(&actions);
@@ -55,11 +56,11 @@ class Process {
     Process(const Process&) = delete;
     Process& operator=(const Process&) = delete;
 
-    bool started() const { return m_pid > 0; }
-    // The exit status, or -1000 when the process did not end in time.
+    // The exit status (minus the signal for a killed process), or -1000 when the
+    // process was never started or did not end in time.
     int wait_exit(double seconds = 10) {
         auto t0 = std::chrono::steady_clock::now();
-        while (loopback::seconds_since(t0) < seconds) {
+        while (m_pid > 0 && loopback::seconds_since(t0) < seconds) {
             int status = 0;
             if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
                 m_pid = -1;
@@ -81,19 +82,16 @@ struct DaemonHome {
     std::string log = dir / "daemon.log";
 
     explicit DaemonHome(const std::string& log_path = "") {
-        std::string log_file = log_path.empty() ? log : log_path;
-        dir.write("tarnbridge.conf", "log_file_path = " + log_file + "\n" +
-                                         "log_level_file_path = " + (dir / "levels") + "\n" +
-                                         "db_path = " + (dir / "db.sqlite") + "\n" +
-                                         "fstat_db_path = " + (dir / "fstat.sqlite") + "\n" +
-                                         "filter_db_path = " + (dir / "filter.sqlite") + "\n" +
-                                         "system_filter_path = " + (dir / "system.filter") + "\n");
+        dir.write("tarnbridge.conf",
+                  "log_file_path = " + (log_path.empty() ? log : log_path) +
+                      "\nlog_level_file_path = " + (dir / "levels") + "\ndb_path = " +
+                      (dir / "db.sqlite") + "\nfstat_db_path = " + (dir / "fstat.sqlite") +
+                      "\nfilter_db_path = " + (dir / "filter.sqlite") +
+                      "\nsystem_filter_path = " + (dir / "system.filter") + "\n");
         dir.write("levels", "client_debug = 7\nipc = 7\n");
         dir.write("system.filter", "[Version]\nmajor = 1\nminor = 0\n");
     }
     std::string log_text() const { return slurp(log); }
 };
-
-inline const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
 
 }  // namespace harness
