@@ -35,77 +35,65 @@ TEST(BlackList, BadFileLeavesAnEmptyFilterNotTheOldOne) {
     EXPECT_EQ(list.TestFilePath("/a.tmp"), 0);
 }
 
-TEST(BlackList, WriteThenLoadKeepsEditedRules) {
+// Edits through the table, written out and loaded into another list, which then clears.
+TEST(BlackListEditing, InsertAddsOnlyWhatIsNewIgnoringAsciiCase) {
     TempDir dir;
     BlackList2 list;
     Filter* f = list.GetFilter();
-    BlackList2::InsertFilter(&f->Version, 1, 0);
-    BlackList2::InsertFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("mkv"));
-    BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE, static_cast<uint64_t>(4096));
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Version, 1, 0), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, "Thumbs.db"), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, "THUMBS.DB"), 0);
+    // Bytes above 0x7F are compared exactly, so É and é are two rules.
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, "\xc3\xa9t\xc3\xa9"), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, "\xc3\x89t\xc3\x89"), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ":"), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, "|"), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_LENGTH, uint64_t{9}), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_SIZE, uint64_t{99}), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE, uint64_t{4096}), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE_SELECTIVE_SYNC, uint64_t{7}), 0);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, "mkv"), 0);
+    // A new folder rule answers -1 all the same.
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, "/Photos"),
+              -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, "/photos"),
+              0);
+    EXPECT_EQ(f->Common.black_name.used, 1u);
+    EXPECT_EQ(f->Directory.black_name.used, 2u);
+    EXPECT_EQ(f->Common.black_path_prefix_selective_sync.used, 1u);
     list.ReturnFilter();
     ASSERT_EQ(list.Write(dir / "out"), 0);
 
     BlackList2 other;
     ASSERT_EQ(other.Load(dir / "out"), 0);
-    EXPECT_EQ(other.TestFilePath("/film.MKV"), FILTER_EXT_SELECTIVE_SYNC);
+    EXPECT_EQ(other.TestFilePath("/thumbs.db"), FILTER_NAME);
+    EXPECT_EQ(other.TestFilePath("/a|b"), FILTER_CHAR);
+    EXPECT_EQ(other.TestFilePath("/a:b"), 0);
+    EXPECT_EQ(other.TestFilePath("/" + ustring(std::string(10, 'n'))), FILTER_LENGTH);
+    EXPECT_EQ(other.TestFullPathSize(100), FILTER_PATH_SIZE);
     EXPECT_EQ(other.TestFileSize(4097), FILTER_FILE_SIZE);
+    EXPECT_EQ(other.TestFileSize(8), FILTER_FILE_SIZE_SELECTIVE_SYNC);
+    EXPECT_EQ(other.TestFilePath("/film.MKV"), FILTER_EXT_SELECTIVE_SYNC);
+    EXPECT_EQ(other.TestFilePath("/PHOTOS/a.jpg"), FILTER_PATH_PREFIX_SELECTIVE_SYNC);
     other.Clear();
-    EXPECT_EQ(other.TestFilePath("/film.MKV"), 0);
+    EXPECT_EQ(other.TestFilePath("/thumbs.db"), 0);
     EXPECT_EQ(other.TestFileSize(~0ull), 0);
-}
-
-TEST(BlackListEditing, InsertAddsOnlyWhatIsNewIgnoringAsciiCase) {
-    BlackList2 list;
-    Filter* f = list.GetFilter();
-    const ustring e_lower("\xc3\xa9t\xc3\xa9");
-    const ustring e_upper("\xc3\x89t\xc3\x89");
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, ustring("Thumbs.db")), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_NAME, ustring("THUMBS.DB")), 0);
-    // Bytes above 0x7F are compared exactly, so É and é are two rules.
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, e_lower), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_NAME, e_upper), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ustring(":")), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_CHAR, ustring("|")), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_LENGTH, static_cast<uint64_t>(9)), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_PATH_SIZE, static_cast<uint64_t>(99)), 0);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_FILE_SIZE_SELECTIVE_SYNC,
-                                       static_cast<uint64_t>(7)),
-              0);
-    // A new folder rule answers -1 all the same.
-    EXPECT_EQ(
-        BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, ustring("/Photos")),
-        -1);
-    EXPECT_EQ(
-        BlackList2::InsertFilter(&f->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC, ustring("/photos")),
-        0);
-    EXPECT_EQ(f->Common.black_name.used, 1u);
-    EXPECT_EQ(f->Directory.black_name.used, 2u);
-    EXPECT_STREQ(f->Common.black_char.str, "|");
-    EXPECT_EQ(f->Common.black_path_prefix_selective_sync.used, 1u);
-    list.ReturnFilter();
-    EXPECT_EQ(list.TestFilePath("/thumbs.db"), FILTER_NAME);
-    EXPECT_EQ(list.TestFilePath("/a|b"), FILTER_CHAR);
-    EXPECT_EQ(list.TestFilePath("/a:b"), 0);
-    EXPECT_EQ(list.TestFilePath("/" + ustring(std::string(10, 'n'))), FILTER_LENGTH);
-    EXPECT_EQ(list.TestFullPathSize(100), FILTER_PATH_SIZE);
-    EXPECT_EQ(list.TestFileSize(8), FILTER_FILE_SIZE_SELECTIVE_SYNC);
-    EXPECT_EQ(list.TestFilePath("/PHOTOS/a.jpg"), FILTER_PATH_PREFIX_SELECTIVE_SYNC);
 }
 
 TEST(BlackListEditing, RemoveComparesWithExactCase) {
     BlackList2 list;
     Filter* f = list.GetFilter();
-    BlackList2::InsertFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/a/B"));
-    BlackList2::InsertFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/c"));
-    BlackList2::InsertFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("iso"));
-    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/a/b")), 0);
+    BlackList2::InsertFilter(&f->Common, FILTER_DIR_PREFIX, "/a/B");
+    BlackList2::InsertFilter(&f->Common, FILTER_DIR_PREFIX, "/c");
+    BlackList2::InsertFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, "iso");
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_DIR_PREFIX, "/a/b"), 0);
     EXPECT_EQ(f->Common.black_dir_prefix.used, 2u);
-    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_DIR_PREFIX, ustring("/a/B")), 0);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_DIR_PREFIX, "/a/B"), 0);
     ASSERT_EQ(f->Common.black_dir_prefix.used, 1u);
     EXPECT_STREQ(f->Common.black_dir_prefix.set[0], "/c");
-    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("ISO")), 0);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, "ISO"), 0);
     EXPECT_EQ(f->File.black_ext_selective_sync.used, 1u);
-    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, ustring("iso")), 0);
+    EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT_SELECTIVE_SYNC, "iso"), 0);
     EXPECT_EQ(f->File.black_ext_selective_sync.used, 0u);
     list.ReturnFilter();
 }
@@ -118,8 +106,8 @@ TEST(BlackListEditing, TypesASectionDoesNotHoldAreRefused) {
     EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_DIR_PREFIX, v), -1);
     EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_CHAR, v), -1);
     EXPECT_EQ(BlackList2::InsertFilter(&f->Directory, FILTER_PREFIX, v), -1);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_FILE_SIZE, static_cast<uint64_t>(1)), -1);
-    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_LENGTH, static_cast<uint64_t>(1)), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->Common, FILTER_FILE_SIZE, uint64_t{1}), -1);
+    EXPECT_EQ(BlackList2::InsertFilter(&f->File, FILTER_LENGTH, uint64_t{1}), -1);
     EXPECT_EQ(BlackList2::RemoveFilter(&f->Common, FILTER_NAME, v), -1);
     EXPECT_EQ(BlackList2::RemoveFilter(&f->File, FILTER_EXT, v), -1);
     EXPECT_EQ(f->Common.max_length, 0u);
@@ -176,12 +164,15 @@ TEST(WhiteList, LockedListLoadsClearsAndEmptiesOnABadFile) {
 
 // Workers test paths while the control thread swaps between a good file, a bad one and
 // an edit in place. Every answer must come from one whole state: the rules of the good
-// file, the empty filter, or the good rules plus the edit.
+// file, the empty filter, or the good rules plus the edit. A white list is reloaded and
+// cleared alongside.
 TEST(BlackListConcurrency, TestsWhileAnotherThreadReloads) {
     TempDir dir;
     dir.write("good", "[File]\nblack_ext = \"tmp\"\n[Directory]\nblack_name = \".git\"\n");
     dir.write("bad", "[File]\nblack_ext = \"tmp\"\n[Directory]\nblack_name = .git\n");
+    dir.write("white", "[File]\nwhite_ext = \"jpg\"\n");
     BlackList2 list;
+    WhiteListCpp white;
     ASSERT_EQ(list.Load(dir / "good"), 0);
     std::atomic<bool> stop{false};
     std::atomic<int> bad_answers{0};
@@ -193,8 +184,10 @@ TEST(BlackListConcurrency, TestsWhileAnotherThreadReloads) {
                 int ext = list.TestFilePath("/src/a.tmp");
                 int git = list.TestDirectoryPath("/src/.git");
                 int bak = list.TestFilePath("/src/a.bak");
+                int jpg = white.Test("a.jpg");
                 if ((ext != 0 && ext != FILTER_EXT) || (git != 0 && git != FILTER_NAME) ||
-                    (bak != 0 && bak != FILTER_EXT))
+                    (bak != 0 && bak != FILTER_EXT) || (jpg != 0 && jpg != -1) ||
+                    white.Test("a.gif") != -1)
                     ++bad_answers;
                 tests += 3;
             }
@@ -204,8 +197,10 @@ TEST(BlackListConcurrency, TestsWhileAnotherThreadReloads) {
     for (int round = 0; round < 300 || tests.load() < 3000; ++round) {
         if (round % 3 == 0) {
             EXPECT_EQ(list.Load(dir / "bad"), -1);
+            EXPECT_EQ(white.Load(dir / "white"), 0);
         } else if (round % 3 == 1) {
             EXPECT_EQ(list.Load(dir / "good"), 0);
+            white.Clear();
         } else {
             Filter* f = list.GetFilter();
             BlackList2::InsertFilter(&f->File, FILTER_EXT, ustring("bak"));
@@ -215,26 +210,6 @@ TEST(BlackListConcurrency, TestsWhileAnotherThreadReloads) {
     stop = true;
     for (auto& w : workers) w.join();
     EXPECT_EQ(bad_answers.load(), 0);
-}
-
-TEST(WhiteListConcurrency, TestsWhileAnotherThreadReloads) {
-    TempDir dir;
-    dir.write("white", "[File]\nwhite_ext = \"jpg\"\n");
-    WhiteListCpp list;
-    std::atomic<bool> stop{false};
-    std::thread reader([&] {
-        while (!stop.load()) {
-            int r = list.Test("a.jpg");
-            EXPECT_TRUE(r == 0 || r == -1);
-            EXPECT_EQ(list.Test("a.gif"), -1);
-        }
-    });
-    for (int i = 0; i < 300; ++i) {
-        EXPECT_EQ(list.Load(dir / "white"), 0);
-        list.Clear();
-    }
-    stop = true;
-    reader.join();
 }
 
 }  // namespace
