@@ -25,11 +25,7 @@ constexpr uint32_t kStatBits =
 
 enum class St { WAITING, HELD, RETRY };
 
-struct Key {
-    std::string path;
-    bool dir;
-    bool operator<(const Key& o) const { return path != o.path ? path < o.path : dir < o.dir; }
-};
+using Key = std::pair<std::string, bool>;  // path, is a directory
 
 struct Entry {
     Event ev;
@@ -93,12 +89,12 @@ class Model {
             if (it->second.st == St::HELD) it->second.st = St::RETRY;
         }
         const Event& now = it->second.ev;
-        if (!key.dir || now.m_type != Event::EV_REMOVE) return;
+        if (!key.second || now.m_type != Event::EV_REMOVE) return;
         // A directory removal supersedes waiting events of its side below it; a server
         // removal only those older than itself.
         for (auto below = m_entries.begin(); below != m_entries.end();) {
             const Entry& b = below->second;
-            const bool drop = IsBelow(below->first.path, key.path) && b.st == St::WAITING &&
+            const bool drop = IsBelow(below->first.first, key.first) && b.st == St::WAITING &&
                               b.ev.isServerEvent() == now.isServerEvent() &&
                               (now.isLocalEvent() || b.ev.m_sync_id < now.m_sync_id);
             below = drop ? m_entries.erase(below) : std::next(below);
@@ -109,12 +105,12 @@ class Model {
 
     bool HasPendingAncestor(const std::string& path) const {
         for (const auto& [key, entry] : m_entries)
-            if (key.dir && IsBelow(path, key.path)) return true;
+            if (key.second && IsBelow(path, key.first)) return true;
         return false;
     }
     bool HasHeldBelow(const std::string& path) const {
         for (const auto& [key, entry] : m_entries)
-            if (entry.st == St::HELD && IsBelow(key.path, path)) return true;
+            if (entry.st == St::HELD && IsBelow(key.first, path)) return true;
         return false;
     }
     int Count(bool server) const {
@@ -179,9 +175,9 @@ class Simulation {
         std::map<std::string, std::pair<int, int>> held_below;
         std::map<std::string, bool> leads_somewhere;
         for (const auto& [key, entry] : m_model.entries()) {
-            for (size_t cut = key.path.rfind('/'); cut != 0 && cut != std::string::npos;
-                 cut = key.path.rfind('/', cut - 1)) {
-                const std::string dir = key.path.substr(0, cut);
+            for (size_t cut = key.first.rfind('/'); cut != 0 && cut != std::string::npos;
+                 cut = key.first.rfind('/', cut - 1)) {
+                const std::string dir = key.first.substr(0, cut);
                 leads_somewhere[dir] = true;
                 if (entry.st != St::HELD) continue;
                 auto& counts = held_below[dir];

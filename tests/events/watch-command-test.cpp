@@ -1,6 +1,7 @@
-// `tarnbridge watch` as a real process: notifications sent by the daemon's reporting
-// code come out as one line each, readable or JSON; a garbled one is reported and the
-// watch goes on; an interrupt ends it cleanly.
+// The daemon's notifications (UI_IPC) as `tarnbridge watch`, a real process, receives
+// them: one line each, readable or JSON; a garbled one is reported and the watch goes
+// on; an interrupt ends it cleanly. And with nobody listening, a notification costs
+// the caller nothing but a -1.
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -36,16 +37,12 @@ std::string Slurp(const std::string& path) {
     return ss.str();
 }
 
-// The controller watching a port, its output in files; killed if a test leaves it.
+// The controller watching, its output in files; killed if a test leaves it.
 class Watcher {
   public:
-    Watcher(const TempDir& dir, int port, bool json)
-        : Watcher(dir, json ? std::vector<std::string>{"--port", std::to_string(port), "--json"}
-                            : std::vector<std::string>{"--port", std::to_string(port)}) {}
-    Watcher(const TempDir& dir, const std::vector<std::string>& options)
+    Watcher(const TempDir& dir, std::vector<std::string> options)
         : m_out(dir / "watch.out"), m_err(dir / "watch.err") {
-        std::vector<std::string> argv = {kController, "watch"};
-        argv.insert(argv.end(), options.begin(), options.end());
+        options.insert(options.begin(), {kController, "watch"});
         posix_spawn_file_actions_t actions;
         posix_spawn_file_actions_init(&actions);
         posix_spawn_file_actions_addopen(&actions, 1, m_out.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
@@ -53,7 +50,7 @@ class Watcher {
         posix_spawn_file_actions_addopen(&actions, 2, m_err.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
                                          0644);
         std::vector<char*> args;
-        for (std::string& a : argv) args.push_back(a.data());
+        for (std::string& a : options) args.push_back(a.data());
         args.push_back(nullptr);
         if (posix_spawn(&m_pid, kController.c_str(), &actions, nullptr, args.data(), environ) != 0)
             m_pid = -1;
@@ -65,6 +62,7 @@ class Watcher {
         ::waitpid(m_pid, nullptr, 0);
     }
 
+    // Waits up to 5 seconds for `count` occurrences of `text` in the output file.
     bool WaitFor(const std::string& file, const std::string& text, size_t count = 1) {
         for (int i = 0; i < 250; ++i) {
             const std::string content = Slurp(file);
@@ -84,13 +82,10 @@ class Watcher {
         for (std::string line; std::getline(in, line);) lines.push_back(line);
         return lines;
     }
-    // The exit status after an interrupt, or -1 when it did not end within 5 seconds.
-    int Interrupt() {
-        ::kill(m_pid, SIGINT);
-        return Exit();
-    }
-    // The exit status, or -1 when it did not end within 5 seconds.
-    int Exit() {
+    // The exit status (after an interrupt when asked), or -1 when it did not end
+    // within 5 seconds.
+    int Exit(bool interrupt = false) {
+        if (interrupt) ::kill(m_pid, SIGINT);
         for (int i = 0; i < 250; ++i) {
             int status = 0;
             if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
@@ -101,25 +96,28 @@ class Watcher {
         }
         return -1;
     }
-    const std::string& out() const { return m_out; }
-    const std::string& err() const { return m_err; }
+    const std::string m_out, m_err;
 
   private:
-    std::string m_out, m_err;
     pid_t m_pid = -1;
 };
 
-int FreePort() {
-    UIListener probe;
-    return probe.port();
-}
-
-TEST(WatchCommand, PrintsOneReadableLinePerNotification) {
-    ASSERT_TRUE(::access(kController.c_str(), X_OK) == 0) << "build the tarnbridge tool first";
+class WatchCommand : public ::testing::Test {
+  protected:
+    void SetUp() override {
+        ASSERT_TRUE(::access(kController.c_str(), X_OK) == 0) << "build the tarnbridge tool first";
+        UIListener probe;
+        port = probe.port();
+    }
     TempDir dir;
-    const int port = FreePort();
-    Watcher watcher(dir, port, false);
-    ASSERT_TRUE(watcher.Listening()) << Slurp(watcher.err());
+    int port = -1;
+};
+
+TEST_F(WatchCommand, PrintsOneReadableLinePerNotificationOnThePortOfTheConfiguration) {
+    dir.write("daemon.conf", "worker_count = 3\nui_port = " + std::to_string(port) + "\n");
+    Watcher watcher(dir, {"--config", dir / "daemon.conf"});
+    ASSERT_TRUE(watcher.Listening()) << Slurp(watcher.m_err);
+    EXPECT_NE(Slurp(watcher.m_err).find("127.0.0.1:" + std::to_string(port)), std::string::npos);
     SetUIPort(port);
 
     Event e = Make(Event::EV_MODIFY, "/docs/report.odt", LOCAL);
@@ -127,29 +125,27 @@ TEST(WatchCommand, PrintsOneReadableLinePerNotification) {
     ASSERT_EQ(UI_IPC::ReportFileSyncingEventToUI(e), 0);
     ASSERT_EQ(UI_IPC::ReportSessionErrorToUI(3, ERR_QUOTA), 0);
     ASSERT_EQ(UI_IPC::ReportFileLockedEventToUI(e, ERR_LOCKED_FILE), 0);
-    ASSERT_TRUE(watcher.WaitFor(watcher.out(), "\n", 3));
+    ASSERT_EQ(UI_IPC::LastBreath(), 0);
+    ASSERT_TRUE(watcher.WaitFor(watcher.m_out, "\n", 4));
 
     const std::vector<std::string> lines = watcher.Lines();
-    ASSERT_EQ(lines.size(), 3u);
-    EXPECT_NE(lines[0].find("syncing  session 3  /docs/report.odt (file, modified)"),
-              std::string::npos)
-        << lines[0];
-    EXPECT_NE(lines[1].find(std::string("error    session 3: ") + GetErrorString(ERR_QUOTA)),
-              std::string::npos)
-        << lines[1];
-    EXPECT_NE(lines[2].find("locked   session 3  /docs/report.odt (file): file locked"),
-              std::string::npos)
-        << lines[2];
-    EXPECT_EQ(lines[0][4], '-');  // starts with the date
-    EXPECT_EQ(watcher.Interrupt(), 0);
+    ASSERT_EQ(lines.size(), 4u);
+    const std::string want[] = {"syncing  session 3  /docs/report.odt (file, modified)",
+                                "error    session 3: " + std::string(GetErrorString(ERR_QUOTA)),
+                                "locked   session 3  /docs/report.odt (file): file locked",
+                                "goodbye"};
+    for (size_t i = 0; i < lines.size(); ++i) {
+        EXPECT_NE(lines[i].find(want[i]), std::string::npos) << lines[i];
+        EXPECT_EQ(lines[i][4], '-') << lines[i];  // starts with the date
+    }
+    EXPECT_EQ(watcher.Exit(true), 0);
 }
 
-TEST(WatchCommand, JsonLinesSurviveAGarbledNotification) {
-    ASSERT_TRUE(::access(kController.c_str(), X_OK) == 0) << "build the tarnbridge tool first";
-    TempDir dir;
-    const int port = FreePort();
-    Watcher watcher(dir, port, true);
-    ASSERT_TRUE(watcher.Listening()) << Slurp(watcher.err());
+// Each JSON line is the whole notification map as the daemon sent it, keys in order,
+// with the time the watch received it added last.
+TEST_F(WatchCommand, JsonLinesShowEachNotificationWholeAndSurviveAGarbledOne) {
+    Watcher watcher(dir, {"--port", std::to_string(port), "--json"});
+    ASSERT_TRUE(watcher.Listening()) << Slurp(watcher.m_err);
     SetUIPort(port);
 
     {
@@ -162,51 +158,60 @@ TEST(WatchCommand, JsonLinesSurviveAGarbledNotification) {
         ASSERT_EQ(platform::send_some(s, garbage, sizeof garbage - 1), long(sizeof garbage - 1));
         platform::shutdown_close(s);
     }
-    ASSERT_TRUE(watcher.WaitFor(watcher.err(), "unreadable notification"));
+    ASSERT_TRUE(watcher.WaitFor(watcher.m_err, "unreadable notification"));
 
-    Event dir_event = Make(Event::EV_REMOVE, "/old \"albums\"", SERVER, DIR_NODE, 12);
-    dir_event.m_sess_id = 7;
-    ASSERT_EQ(UI_IPC::ReportFileEventToUI(dir_event), 0);
+    Event dir_event = Make(Event::EV_CREATE, "/old \"albums\"", LOCAL, DIR_NODE);
+    dir_event.m_sess_id = 42;
+    const Event file = Make(Event::EV_REMOVE, "/notes.txt", SERVER, FILE_NODE, 9);
+    ASSERT_EQ(UI_IPC::ReportFileSyncingEventToUI(dir_event), 0);
+    ASSERT_EQ(UI_IPC::ReportFileEventToUI(file), 0);
+    ASSERT_EQ(UI_IPC::ReportFileLockedEventToUI(file, ERR_LOCKED_FILE), 0);
+    ASSERT_EQ(UI_IPC::ReportSessionErrorToUI(7, ERR_QUOTA), 0);
     ASSERT_EQ(UI_IPC::ReportConnectionErrorToUI(-2, ERR_TIMEOUT), 0);
-    ASSERT_TRUE(watcher.WaitFor(watcher.out(), "\n", 2));
+    ASSERT_EQ(UI_IPC::LastBreath(), 0);
+    ASSERT_TRUE(watcher.WaitFor(watcher.m_out, "\n", 6));
 
     const std::vector<std::string> lines = watcher.Lines();
-    ASSERT_EQ(lines.size(), 2u);
-    EXPECT_EQ(lines[0].rfind("{\"event_type\":2,\"is_dir\":1,\"notify\":\"recent_file\",\"path\":"
-                             "\"/old \\\"albums\\\"\",\"session_id\":7,\"time\":\"",
-                             0),
-              0u)
-        << lines[0];
-    EXPECT_EQ(lines[1].rfind("{\"connection_id\":-2,\"error_type\":-9,\"notify\":\"error\"", 0), 0u)
-        << lines[1];
-    EXPECT_EQ(watcher.Interrupt(), 0);
+    const std::vector<std::string> want = {
+        R"({"event_type":1,"is_dir":1,"notify":"syncing_file","path":"/old \"albums\"","session_id":42,)",
+        R"({"event_type":2,"is_dir":0,"notify":"recent_file","path":"/notes.txt","session_id":1,)",
+        R"({"error":{"code":)" + std::to_string(ERR_LOCKED_FILE) +
+            R"(,"reason":"file locked"},"is_dir":0,"notify":"locked_file","path":"/notes.txt","session_id":1,)",
+        R"({"error_type":)" + std::to_string(ERR_QUOTA) + R"(,"notify":"error","session_id":7,)",
+        R"({"connection_id":-2,"error_type":-9,"notify":"error",)",
+        R"({"action":"connection_terminate",)"};
+    ASSERT_EQ(lines.size(), want.size());
+    for (size_t i = 0; i < want.size(); ++i)
+        EXPECT_EQ(lines[i].rfind(want[i] + R"("time":")", 0), 0u) << lines[i];
+    EXPECT_EQ(watcher.Exit(true), 0);
 }
 
-TEST(WatchCommand, FindsItsPortInTheDaemonConfiguration) {
-    ASSERT_TRUE(::access(kController.c_str(), X_OK) == 0) << "build the tarnbridge tool first";
-    TempDir dir;
-    const int port = FreePort();
-    dir.write("daemon.conf", "worker_count = 3\nui_port = " + std::to_string(port) + "\n");
-    Watcher watcher(dir, {"--config", dir / "daemon.conf"});
-    ASSERT_TRUE(watcher.Listening()) << Slurp(watcher.err());
-    EXPECT_NE(Slurp(watcher.err()).find("127.0.0.1:" + std::to_string(port)), std::string::npos);
-    SetUIPort(port);
-    ASSERT_EQ(UI_IPC::LastBreath(), 0);
-    ASSERT_TRUE(watcher.WaitFor(watcher.out(), "goodbye"));
-    EXPECT_EQ(watcher.Interrupt(), 0);
-}
-
-TEST(WatchCommand, RefusesABadPortAndABusyOne) {
-    ASSERT_TRUE(::access(kController.c_str(), X_OK) == 0) << "build the tarnbridge tool first";
-    TempDir dir;
+TEST_F(WatchCommand, RefusesABadPortAndABusyOne) {
     {
-        Watcher bad_port(dir, 0, false);
+        Watcher bad_port(dir, {"--port", "0"});
         EXPECT_EQ(bad_port.Exit(), 2);
     }
     UIListener busy;
-    Watcher second(dir, busy.port(), false);
+    Watcher second(dir, {"--port", std::to_string(busy.port())});
     EXPECT_EQ(second.Exit(), 1);
-    EXPECT_NE(Slurp(second.err()).find("can't listen"), std::string::npos);
+    EXPECT_NE(Slurp(second.m_err).find("can't listen"), std::string::npos);
+}
+
+TEST(UINoticeUnheard, NobodyListeningGivesMinusOneAtOnce) {
+    int port;
+    {
+        UIListener gone;
+        port = gone.port();
+    }
+    SetUIPort(port);
+    const Event e = Make(Event::EV_MODIFY, "/x", LOCAL);
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(UI_IPC::ReportFileSyncingEventToUI(e), -1);
+        EXPECT_EQ(UI_IPC::ReportSessionErrorToUI(1, ERR_IO), -1);
+    }
+    // A refused loopback connect returns at once; a stall would be a second or more.
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(2));
 }
 
 }  // namespace
