@@ -72,6 +72,17 @@ std::vector<std::string> Listing(const FileList& list) {
 
 using Lines = std::vector<std::string>;
 
+// Every stored field of a row but its signature, as one line.
+std::string Fields(const ClientFileEventInfo& i) {
+    std::ostringstream os;
+    os << i.path.str() << '|' << i.fileType << i.isExist << '|' << i.syncID << '|' << i.fileSize
+       << '|' << i.fileModTime << '|' << i.execBit << '|' << i.fileCheckSum.str() << '|'
+       << i.baseName.str() << '|' << i.filePrivilege.str() << '|' << i.updateClient.str() << '|'
+       << i.macHash.str() << '|' << i.windowsHash.str() << '|' << i.linuxHash.str() << '|'
+       << i.zephHash.str();
+    return os.str();
+}
+
 class EventDb : public ::testing::Test {
   protected:
     void SetUp() override {
@@ -117,19 +128,21 @@ class EventDb : public ::testing::Test {
 };
 
 TEST(SignatureNames, FollowTheBytesOfTheRowId) {
-    char name[64];
-    FileEventDB::path_convert(0x123456, name);
-    EXPECT_STREQ(name, "12/34/.56");
-    FileEventDB::path_convert(0x56, name);
-    EXPECT_STREQ(name, ".56");
-    FileEventDB::path_convert(0x10000, name);
-    EXPECT_STREQ(name, "01/00/.00");
-    FileEventDB::path_convert(0xff00000000000001ull, name);
-    EXPECT_STREQ(name, "ff/00/00/00/00/00/00/.01");
+    const std::pair<uint64_t, const char*> cases[] = {
+        {0x123456, "12/34/.56"},
+        {0x56, ".56"},
+        {0x10000, "01/00/.00"},
+        {0xff00000000000001ull, "ff/00/00/00/00/00/00/.01"}};
+    for (auto [id, want] : cases) {
+        char name[64];
+        FileEventDB::path_convert(id, name);
+        EXPECT_STREQ(name, want);
+    }
 }
 
 TEST_F(EventDb, RowReadsBackWithOrWithoutItsSlash) {
-    ClientFileEventInfo info = FileRow("/it's/Ünïcödé 文件.txt", 42, "0123abcd");
+    const std::string p = "/it's/Ünïcödé 文件.txt";
+    ClientFileEventInfo info = FileRow(p, 42, "0123abcd");
     info.execBit = 1;
     info.macHash = "mac";
     info.windowsHash = "win";
@@ -138,127 +151,78 @@ TEST_F(EventDb, RowReadsBackWithOrWithoutItsSlash) {
     info.filePrivilege = "rw";
     info.baseName = "Ünïcödé 文件.txt";
     ASSERT_EQ(db.setEventInfo(info), 0);
-
-    ClientFileEventInfo got = Read("/it's/Ünïcödé 文件.txt");
-    ClientFileEventInfo again = Read("it's/Ünïcödé 文件.txt");
-    EXPECT_EQ(got.path, ustring("/it's/Ünïcödé 文件.txt"));
-    EXPECT_EQ(again.path, got.path);
-    EXPECT_EQ(got.syncID, 42u);
-    EXPECT_EQ(got.fileCheckSum, ustring("0123abcd"));
-    EXPECT_EQ(got.execBit, 1u);
-    EXPECT_EQ(got.macHash, ustring("mac"));
-    EXPECT_EQ(got.windowsHash, ustring("win"));
-    EXPECT_EQ(got.linuxHash, ustring("lin"));
-    EXPECT_EQ(got.zephHash, ustring("zeph"));
-    EXPECT_EQ(got.filePrivilege, ustring("rw"));
-    EXPECT_EQ(got.baseName, ustring("Ünïcödé 文件.txt"));
-    EXPECT_EQ(got.fileModTime, 1600000000u);
-    EXPECT_TRUE(got.IsFile());
+    EXPECT_EQ(Fields(Read(p)), Fields(info));
+    EXPECT_EQ(Fields(Read(p.substr(1))), Fields(info));
 
     FileEventDB::EventInfo found;
-    ASSERT_EQ(db.contains("/it's/Ünïcödé 文件.txt", found), 1);
+    ASSERT_EQ(db.contains(p.c_str(), found), 1);
+    EXPECT_EQ(found.sync_id, 42u);
     char name[64];
     FileEventDB::path_convert(found.row_id, name);
-    EXPECT_EQ(got.signaturePath.str(), sign() + "/" + name);
-    EXPECT_EQ(found.sync_id, 42u);
+    EXPECT_EQ(Read(p).signaturePath.str(), sign() + "/" + name);
     EXPECT_EQ(db.contains("/it's", found), 1);
     EXPECT_EQ(db.contains("/nothing", found), 0);
-
     ClientFileEventInfo none;
     EXPECT_EQ(db.getEventInfo("/nothing", none), 0);
     EXPECT_EQ(db.getEventInfo("/", none), -1);
     EXPECT_EQ(db.getEventInfo("", none), -1);
 }
 
-TEST_F(EventDb, MissingAncestorsBecomeDirectoryRows) {
+TEST_F(EventDb, AncestorsAreMadeAndLiftedButARowNeverGoesBackInTime) {
     ASSERT_EQ(db.setEventInfo(FileRow("/a/b/c", 7, "h")), 0);
     for (const char* p : {"/a", "/a/b"}) {
         ClientFileEventInfo dir_row = Read(p);
-        EXPECT_TRUE(dir_row.IsDir()) << p;
-        EXPECT_EQ(dir_row.isExist, 1);
-        EXPECT_EQ(dir_row.execBit, 1u);
+        EXPECT_TRUE(dir_row.IsDir() && dir_row.isExist == 1 && dir_row.execBit == 1) << p;
         EXPECT_EQ(dir_row.syncID, 7u);
         EXPECT_EQ(dir_row.maxSyncID, 7u);
         EXPECT_TRUE(dir_row.signaturePath.empty());
     }
-    ASSERT_EQ(db.setEventInfo(FileRow("/a/x", 9, "h")), 0);
-    EXPECT_EQ(Read("/a").maxSyncID, 9u);
-    EXPECT_EQ(Read("/a/b").maxSyncID, 7u);
+    const std::string sig = Signature("sig-9");
+    ASSERT_EQ(db.setEventInfo(FileRow("/a/x", 9, "new", sig)), 0);
     ASSERT_EQ(db.setEventInfo(FileRow("/a/b/y", 3, "h")), 0);
     EXPECT_EQ(Read("/a").maxSyncID, 9u);  // never lowered
-}
+    EXPECT_EQ(Read("/a/b").maxSyncID, 7u);
 
-TEST_F(EventDb, ARowNeverGoesBackInTimeButStillLiftsItsAncestors) {
-    const std::string first = Signature("sig-new");
-    ASSERT_EQ(db.setEventInfo(FileRow("/q/f", 10, "new", first)), 0);
-    sqlite3* handle = nullptr;
-    sqlite3_open(path().c_str(), &handle);
-    sqlite3_exec(handle, "UPDATE eventinfo SET maxSyncID = 1 WHERE path = 'q';", nullptr, nullptr,
-                 nullptr);
-    sqlite3_close(handle);
-
+    // An older version of /a/x changes nothing of the row, yet still lifts /a.
+    Query("UPDATE eventinfo SET maxSyncID = 1 WHERE path = 'a'");
     const std::string stale = Signature("sig-old");
-    EXPECT_EQ(db.setEventInfo(FileRow("/q/f", 5, "old", stale)), 0);
-    ClientFileEventInfo row = Read("/q/f");
-    EXPECT_EQ(row.syncID, 10u);
+    EXPECT_EQ(db.setEventInfo(FileRow("/a/x", 5, "old", stale)), 0);
+    ClientFileEventInfo row = Read("/a/x");
+    EXPECT_EQ(row.syncID, 9u);
     EXPECT_EQ(row.fileCheckSum, ustring("new"));
-    EXPECT_EQ(Slurp(row.signaturePath.str()), "sig-new");
+    EXPECT_EQ(Slurp(row.signaturePath.str()), "sig-9");
     EXPECT_EQ(Slurp(stale), "sig-old");  // not taken: it belongs to no row
-    EXPECT_EQ(Read("/q").maxSyncID, 5u);
+    EXPECT_EQ(Read("/a").maxSyncID, 5u);
 }
 
-TEST_F(EventDb, NamesDifferingInCaseAreDifferentRows) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/Docs/x", 1, "upper")), 0);
-    ASSERT_EQ(db.setEventInfo(FileRow("/docs/x", 2, "lower")), 0);
-    EXPECT_EQ(Read("/Docs/x").fileCheckSum, ustring("upper"));
-    EXPECT_EQ(Read("/docs/x").fileCheckSum, ustring("lower"));
-    ClientFileEventInfo none;
-    EXPECT_EQ(db.getEventInfo("/DOCS/x", none), 0);
-
-    StringBuffer sb;
-    FileList list(sb);
-    ASSERT_EQ(db.getFileListWithoutRecursive(&list, "/docs"), 0);
-    EXPECT_EQ(Listing(list), (Lines{"F /x"}));
-
-    EXPECT_EQ(db.rmEventInfo("/docs"), 0);
-    EXPECT_EQ(db.getEventInfo("/docs/x", none), 0);
-    EXPECT_EQ(Read("/Docs/x").fileCheckSum, ustring("upper"));
-}
-
+// Names that only share a prefix, differ in case or read as GLOB patterns are not below.
 TEST_F(EventDb, RemovalTakesTheSubtreeAndItsSignaturesOnly) {
-    const std::vector<std::string> rows = {"/a/b", "/a/b/c", "/ab", "/a b/c", "/a/b/c/d"};
+    const Lines gone = {"/a/b", "/a/b/c", "/a/b/c/d", "/x[1]/f", "/s*/f", "/d/q?/f"};
+    const Lines kept = {"/ab", "/a b/c", "/A/b", "/x1/f", "/so/f", "/d/qq/f"};
     std::map<std::string, std::string> signatures;
-    for (auto& p : rows) {
-        ASSERT_EQ(db.setEventInfo(FileRow(p, 1, "s", Signature("sig" + p))), 0);
-        signatures[p] = Read(p).signaturePath.str();
-        ASSERT_TRUE(Exists(signatures[p])) << p;
+    for (const Lines* rows : {&gone, &kept}) {
+        for (auto& p : *rows) {
+            ASSERT_EQ(db.setEventInfo(FileRow(p, 1, "s", Signature("sig" + p))), 0);
+            signatures[p] = Read(p).signaturePath.str();
+        }
     }
     EXPECT_EQ(db.rmEventInfo("/a"), 0);
-    ClientFileEventInfo none;
-    for (const char* gone : {"/a", "/a/b", "/a/b/c", "/a/b/c/d"}) {
-        EXPECT_EQ(db.getEventInfo(gone, none), 0) << gone;
-    }
-    for (const char* p : {"/a/b", "/a/b/c", "/a/b/c/d"}) EXPECT_FALSE(Exists(signatures[p])) << p;
-    for (const char* kept : {"/ab", "/a b/c"}) {
-        EXPECT_EQ(db.getEventInfo(kept, none), 1) << kept;
-        EXPECT_EQ(Slurp(signatures[kept]), std::string("sig") + kept);
-    }
-    EXPECT_EQ(db.rmEventInfo(""), -1);
-    EXPECT_EQ(db.rmEventInfo("/"), -1);
-}
-
-TEST_F(EventDb, RemovalOfNamesThatLookLikePatterns) {
-    for (const char* p : {"/x[1]/f", "/x1/f", "/s*/f", "/so/f", "/d/q?/f", "/d/qq/f"}) {
-        ASSERT_EQ(db.setEventInfo(FileRow(p, 1, "s")), 0);
-    }
     EXPECT_EQ(db.rmEventInfo("/x[1]"), 0);
     EXPECT_EQ(db.rmEventInfoV3("/s*"), 0);
     EXPECT_EQ(db.rmEventInfoV3("/d/q?"), 0);
     ClientFileEventInfo none;
-    for (const char* gone : {"/x[1]/f", "/s*/f", "/d/q?/f", "/d/q?"})
-        EXPECT_EQ(db.getEventInfo(gone, none), 0);
-    for (const char* kept : {"/x1/f", "/so/f", "/d/qq/f", "/d"})
-        EXPECT_EQ(db.getEventInfo(kept, none), 1);
+    for (auto& p : gone) {
+        EXPECT_EQ(db.getEventInfo(p.c_str(), none), 0) << p;
+        EXPECT_FALSE(Exists(signatures[p])) << p;
+    }
+    for (auto& p : kept) {
+        EXPECT_EQ(db.getEventInfo(p.c_str(), none), 1) << p;
+        EXPECT_EQ(Slurp(signatures[p]), "sig" + p);
+    }
+    EXPECT_EQ(db.getEventInfo("/d/q?", none), 0);
+    EXPECT_EQ(db.getEventInfo("/d", none), 1);
+    EXPECT_EQ(db.rmEventInfo(""), -1);
+    EXPECT_EQ(db.rmEventInfo("/"), -1);
 }
 
 TEST_F(EventDb, RemovingAllFoldersKeepsTopLevelFiles) {
@@ -274,23 +238,29 @@ TEST_F(EventDb, RemovingAllFoldersKeepsTopLevelFiles) {
     EXPECT_EQ(Listing(list), (Lines{"F /top"}));
 }
 
-TEST_F(EventDb, SyncIdIsKeptAcrossReopening) {
+TEST_F(EventDb, SyncIdOutlivesReopeningAndNothingWorksWhileClosed) {
     uint64_t id = 99;
     ASSERT_EQ(db.getSyncId(id), 0);
     EXPECT_EQ(id, 0u);
     ASSERT_EQ(db.setSyncId(9223372036854775807ull), 0);
     EXPECT_EQ(db.destroy(), 0);
+    EXPECT_EQ(db.destroy(), 0);
+    ClientFileEventInfo row;
     EXPECT_EQ(db.getSyncId(id), -1);
+    EXPECT_EQ(db.setEventInfo(FileRow("/f", 1, "h")), -1);
+    EXPECT_EQ(db.getEventInfo("/f", row), -1);
+    EXPECT_EQ(db.rmEventInfo("/f"), -1);
+    EXPECT_EQ(db.resetRecycleBin(), -1);
     ASSERT_EQ(db.initialize(path().c_str()), 0);
     EXPECT_EQ(db.initialize(path().c_str()), 0);  // a second open is a no-op
     ASSERT_EQ(db.getSyncId(id), 0);
     EXPECT_EQ(id, 9223372036854775807ull);
+    EXPECT_EQ(db.getPathByInode(1, row.path), -1);  // file ids are not tracked
 }
 
 TEST_F(EventDb, ListingsAreRelativeAndSkipRemovedRows) {
-    for (const char* p : {"/r/a", "/r/sub/b", "/r/sub/deep/c", "/r_x/n", "/other"}) {
+    for (const char* p : {"/r/a", "/r/sub/b", "/r/sub/deep/c", "/r_x/n", "/other", "/R/x"})
         ASSERT_EQ(db.setEventInfo(FileRow(p, 5, "s")), 0);
-    }
     ASSERT_EQ(db.setEventInfo(FileRow("/r/late", 50, "s")), 0);
     ClientFileEventInfo removed = FileRow("/r/removed", 1, "s");
     removed.isExist = 0;
@@ -301,7 +271,7 @@ TEST_F(EventDb, ListingsAreRelativeAndSkipRemovedRows) {
     ASSERT_EQ(db.getFileList(&all, ""), 0);
     EXPECT_EQ(Listing(all),
               (Lines{"F /r_x/n", "D /r_x", "F /r/sub/deep/c", "D /r/sub/deep", "F /r/sub/b",
-                     "D /r/sub", "F /r/late", "F /r/a", "D /r", "F /other"}));
+                     "D /r/sub", "F /r/late", "F /r/a", "D /r", "F /other", "F /R/x", "D /R"}));
     ASSERT_EQ(db.getFileList(&below, "/r"), 0);
     EXPECT_EQ(Listing(below),
               (Lines{"F /sub/deep/c", "D /sub/deep", "F /sub/b", "D /sub", "F /late", "F /a"}));
@@ -310,44 +280,35 @@ TEST_F(EventDb, ListingsAreRelativeAndSkipRemovedRows) {
     ASSERT_EQ(db.getFileListWithoutRecursive(&early, "r", 5), 0);
     EXPECT_EQ(Listing(early), (Lines{"D /sub", "F /a"}));
     ASSERT_EQ(db.getFileListWithoutRecursive(&root, "/"), 0);
-    EXPECT_EQ(Listing(root), (Lines{"D /r_x", "D /r", "F /other"}));
+    EXPECT_EQ(Listing(root), (Lines{"D /r_x", "D /r", "F /other", "D /R"}));
 }
 
-TEST_F(EventDb, ContentIsFoundByHashOnlyAsWritten) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/a/file", 1, "abc123")), 0);
-    ASSERT_EQ(db.addFileToRecycleBin("/binned", 3, "def456", ""), 0);
-    ustring found;
-    EXPECT_EQ(db.getFilePathByHash("abc123", "", found), 1);
-    EXPECT_EQ(found, ustring("a/file"));
-    EXPECT_EQ(db.getFilePathByHash("def456", "", found), 0);
-    EXPECT_EQ(db.getFilePathByHashFromRecycle("def456", "", found), 1);
-    EXPECT_EQ(found, ustring("/binned"));
-    EXPECT_EQ(db.getFilePathByHash("x' OR '1'='1", "", found), 0);
-    EXPECT_EQ(db.getFilePathByHash("", "", found), 0);  // directories have an empty hash
-}
-
-TEST_F(EventDb, RecycleRecordsFollowTheProcessClock) {
+TEST_F(EventDb, RecycleRecordsAndContentByHash) {
     platform::ManualClock clock(1000);
     platform::ScopedClock use(clock);
     uint32_t oldest = 77;
     ASSERT_EQ(db.getOldestRecyleTime(oldest), 0);
     EXPECT_EQ(oldest, 0u);
-
-    const std::string sig = Signature("sig");
-    ASSERT_EQ(db.setEventInfo(FileRow("/d/f1", 1, "h1", sig)), 0);
+    ASSERT_EQ(db.setEventInfo(FileRow("/d/f1", 1, "h1", Signature("sig"))), 0);
     const std::string store = Read("/d/f1").signaturePath.str();
     ASSERT_EQ(db.setEventInfo(FileRow("/d/sub/f2", 1, "h2")), 0);
     ASSERT_EQ(db.setEventInfo(FileRow("/loose", 1, "h3")), 0);
+    ustring found;
+    EXPECT_EQ(db.getFilePathByHash("h2", "", found), 1);
+    EXPECT_EQ(found, ustring("d/sub/f2"));
+    EXPECT_EQ(db.getFilePathByHash("x' OR '1'='1", "", found), 0);
+    EXPECT_EQ(db.getFilePathByHash("", "", found), 0);  // directories have an empty hash
 
     ASSERT_EQ(db.dumpFileToRecycleBin("/loose-1", "/loose"), 0);
-    clock.Advance(500 * 1000);
-    ASSERT_EQ(db.dumpDirToRecycleBin("/d-1", "/d"), 0);
+    EXPECT_EQ(db.dumpFileToRecycleBin("/loose-1", "/d/f1"), -1);  // the name is in use
     ClientFileEventInfo none;
-    EXPECT_EQ(db.getEventInfo("/loose", none), 0);
-    EXPECT_EQ(db.getEventInfo("/d", none), 0);
-    EXPECT_EQ(db.getEventInfo("/d/sub/f2", none), 0);
+    EXPECT_EQ(db.getEventInfo("/d/f1", none), 1);
+    clock.Advance(500 * 1000);
+    ASSERT_EQ(db.dumpDirToRecycleBin("/d-1", "/d"), 0);  // no transaction was left open
+    for (const char* gone : {"/loose", "/d", "/d/sub/f2"})
+        EXPECT_EQ(db.getEventInfo(gone, none), 0) << gone;
     EXPECT_FALSE(Exists(store));
-    ustring found;
+    EXPECT_EQ(db.getFilePathByHash("h2", "", found), 0);
     EXPECT_EQ(db.getFilePathByHashFromRecycle("h2", "", found), 1);
     EXPECT_EQ(found, ustring("/d-1/sub/f2"));
     EXPECT_EQ(Query("SELECT time FROM recycle_bin_table WHERE path = '/loose-1'"), "1000");
@@ -358,7 +319,6 @@ TEST_F(EventDb, RecycleRecordsFollowTheProcessClock) {
     std::set<ustring> due;
     ASSERT_EQ(db.getRotateList(1000, due), 0);
     EXPECT_EQ(due, (std::set<ustring>{"/loose-1"}));
-    due.clear();
     ASSERT_EQ(db.getRotateList(1500, due), 0);
     EXPECT_EQ(due, (std::set<ustring>{"/loose-1", "/d-1"}));
     ASSERT_EQ(db.rmRotateRecords(1000), 0);
@@ -366,92 +326,72 @@ TEST_F(EventDb, RecycleRecordsFollowTheProcessClock) {
     EXPECT_EQ(oldest, 1500u);
     ASSERT_EQ(db.rmRecycleByPath("/d-1/f1"), 0);
     EXPECT_EQ(db.getFilePathByHashFromRecycle("h1", "", found), 0);
+    ASSERT_EQ(db.addFileToRecycleBin("/added", 3, "h4", ""), 0);
+    EXPECT_EQ(db.getFilePathByHashFromRecycle("h4", "", found), 1);
     ASSERT_EQ(db.resetRecycleBin(), 0);
     ASSERT_EQ(db.getOldestRecyleTime(oldest), 0);
     EXPECT_EQ(oldest, 0u);
 }
 
-TEST_F(EventDb, AFailedRecycleMoveKeepsTheRow) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/f", 1, "h")), 0);
-    ASSERT_EQ(db.addFileToRecycleBin("/taken", 1, "x", ""), 0);
-    EXPECT_EQ(db.dumpFileToRecycleBin("/taken", "/f"), -1);  // the name is in use
-    ClientFileEventInfo row;
-    EXPECT_EQ(db.getEventInfo("/f", row), 1);
-    EXPECT_EQ(db.setEventInfo(FileRow("/g", 1, "h")), 0);  // no transaction left open
-}
+// A row "/doc" with "old-sig" in the store, and "new-sig" in the sign folder waiting to be
+// committed with the row's next version.
+class EventDbCommit : public EventDb {
+  protected:
+    void SetUp() override {
+        EventDb::SetUp();
+        ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "old", Signature("old-sig"))), 0);
+        store = Read("/doc").signaturePath.str();
+        fresh = Signature("new-sig");
+    }
+    int CommitNew() { return db.setEventInfo(FileRow("/doc", 2, "new", fresh)); }
+    // What a refused commit leaves: the row, the store and the caller's file as they were.
+    void ExpectNothingChanged() {
+        EXPECT_EQ(Read("/doc").fileCheckSum, ustring("old"));
+        EXPECT_EQ(Slurp(store), "old-sig");
+        EXPECT_EQ(Slurp(fresh), "new-sig");
+        EXPECT_FALSE(Exists(store + ".new"));
+    }
 
-TEST_F(EventDb, NothingWorksAfterDestroy) {
-    EXPECT_EQ(db.destroy(), 0);
-    EXPECT_EQ(db.destroy(), 0);
-    ClientFileEventInfo row;
-    EXPECT_EQ(db.setEventInfo(FileRow("/f", 1, "h")), -1);
-    EXPECT_EQ(db.getEventInfo("/f", row), -1);
-    EXPECT_EQ(db.rmEventInfo("/f"), -1);
-    EXPECT_EQ(db.resetRecycleBin(), -1);
-    EXPECT_EQ(db.getPathByInode(1, row.path), -1);
-}
+    std::string store, fresh;
+};
 
-TEST_F(EventDb, CommitMovesTheSignatureIntoTheStore) {
-    const std::string first = Signature("first");
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "h1", first)), 0);
-    const std::string store = Read("/doc").signaturePath.str();
-    EXPECT_EQ(Slurp(store), "first");
-    EXPECT_FALSE(Exists(first));
-
-    const std::string second = Signature("second");
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 2, "h2", second)), 0);
+TEST_F(EventDbCommit, MovesTheSignatureIntoTheStore) {
+    ASSERT_EQ(CommitNew(), 0);
     EXPECT_EQ(Read("/doc").signaturePath.str(), store);
-    EXPECT_EQ(Slurp(store), "second");
+    EXPECT_EQ(Slurp(store), "new-sig");
+    EXPECT_FALSE(Exists(fresh));
     EXPECT_FALSE(Exists(store + ".new"));
     EXPECT_EQ(Query("SELECT count(*) FROM config_table"), "2");  // no marker left
-
     // A commit without a new signature names the stored one, which stays.
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 3, "h2", store)), 0);
-    EXPECT_EQ(Slurp(store), "second");
+    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 3, "h3", store)), 0);
+    EXPECT_EQ(Slurp(store), "new-sig");
 }
 
-TEST_F(EventDb, FailedStagingLeavesRowStoreAndFileAsTheyWere) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "old", Signature("old-sig"))), 0);
-    const std::string store = Read("/doc").signaturePath.str();
-    const std::string fresh = Signature("new-sig");
-    {
-        tbtest::FaultFileSystem faults;
-        tbtest::ScopedFileSystem use(faults);
-        faults.FailNth(tbtest::FsOp::kRenameReplace, 1, EIO);
-        EXPECT_EQ(db.setEventInfo(FileRow("/doc", 2, "new", fresh)), -1);
-        EXPECT_EQ(db.setEventInfo(FileRow("/fresh/row", 2, "new", fresh)), 0);  // healed after one
-    }
-    ClientFileEventInfo row = Read("/doc");
-    EXPECT_EQ(row.syncID, 1u);
-    EXPECT_EQ(row.fileCheckSum, ustring("old"));
-    EXPECT_EQ(Slurp(store), "old-sig");
-    EXPECT_EQ(Read("/fresh/row").syncID, 2u);
+TEST_F(EventDbCommit, FailedStagingChangesNothingAndARetryWorks) {
+    tbtest::FaultFileSystem faults;
+    tbtest::ScopedFileSystem use(faults);
+    faults.FailNth(tbtest::FsOp::kRenameReplace, 1, EIO);
+    EXPECT_EQ(CommitNew(), -1);
+    ExpectNothingChanged();
+    EXPECT_EQ(CommitNew(), 0);
+    EXPECT_EQ(Slurp(store), "new-sig");
 }
 
-TEST_F(EventDb, BusyDatabaseRefusesTheCommitAndTouchesNothing) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "old", Signature("old-sig"))), 0);
-    const std::string store = Read("/doc").signaturePath.str();
-    const std::string fresh = Signature("new-sig");
+TEST_F(EventDbCommit, BusyDatabaseRefusesTheCommit) {
     sqlite3* other = nullptr;
     ASSERT_EQ(sqlite3_open(path().c_str(), &other), SQLITE_OK);
     ASSERT_EQ(sqlite3_exec(other, "BEGIN IMMEDIATE;", nullptr, nullptr, nullptr), SQLITE_OK);
-    EXPECT_EQ(db.setEventInfo(FileRow("/doc", 2, "new", fresh)), -1);
+    EXPECT_EQ(CommitNew(), -1);
     sqlite3_exec(other, "ROLLBACK;", nullptr, nullptr, nullptr);
     sqlite3_close(other);
-    EXPECT_EQ(Slurp(fresh), "new-sig");
-    EXPECT_EQ(Slurp(store), "old-sig");
-    EXPECT_EQ(Read("/doc").fileCheckSum, ustring("old"));
+    ExpectNothingChanged();
 }
 
 // The commit itself fails (its log can't grow: the file size limit stands in for a
 // full disk) after the signature was staged: the file goes back to the caller.
-TEST_F(EventDb, FailedCommitGivesTheSignatureBack) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "old", Signature("old-sig"))), 0);
-    const std::string store = Read("/doc").signaturePath.str();
-    const std::string fresh = Signature("new-sig");
+TEST_F(EventDbCommit, FailedCommitGivesTheSignatureBack) {
     ASSERT_EQ(db.destroy(), 0);  // closing checkpoints and drops the log
     ASSERT_EQ(db.initialize(path().c_str()), 0);
-
     struct sigaction ignore {
     }, previous{};
     ignore.sa_handler = SIG_IGN;
@@ -463,28 +403,22 @@ TEST_F(EventDb, FailedCommitGivesTheSignatureBack) {
     tbtest::FaultFileSystem counting;
     tbtest::ScopedFileSystem use(counting);
     ASSERT_EQ(::setrlimit(RLIMIT_FSIZE, &none), 0);
-    const int result = db.setEventInfo(FileRow("/doc", 2, "new", fresh));
+    const int result = CommitNew();
     ::setrlimit(RLIMIT_FSIZE, &saved);
-    EXPECT_EQ(counting.Calls(tbtest::FsOp::kRenameReplace), 2);  // staged, then given back
     ::sigaction(SIGXFSZ, &previous, nullptr);
-
+    EXPECT_EQ(counting.Calls(tbtest::FsOp::kRenameReplace), 2);  // staged, then given back
     EXPECT_EQ(result, -1);
-    EXPECT_EQ(Slurp(fresh), "new-sig");
-    EXPECT_FALSE(Exists(store + ".new"));
-    EXPECT_EQ(Slurp(store), "old-sig");
-    EXPECT_EQ(Read("/doc").fileCheckSum, ustring("old"));
-    EXPECT_EQ(db.setEventInfo(FileRow("/doc", 3, "newer", fresh)), 0);
+    ExpectNothingChanged();
+    EXPECT_EQ(CommitNew(), 0);
     EXPECT_EQ(Slurp(store), "new-sig");
 }
 
-TEST_F(EventDb, AnInterruptedMoveIsFinishedOnTheNextOpen) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "old", Signature("old-sig"))), 0);
-    const std::string store = Read("/doc").signaturePath.str();
+TEST_F(EventDbCommit, AnInterruptedMoveIsFinishedOnTheNextOpen) {
     {
         tbtest::FaultFileSystem faults;
         tbtest::ScopedFileSystem use(faults);
         faults.FailNth(tbtest::FsOp::kRenameReplace, 2, EIO);  // the move after the commit
-        EXPECT_EQ(db.setEventInfo(FileRow("/doc", 2, "new", Signature("new-sig"))), 0);
+        EXPECT_EQ(CommitNew(), 0);
     }
     EXPECT_EQ(Read("/doc").fileCheckSum, ustring("new"));
     EXPECT_FALSE(Exists(store));  // never the old signature under the new row
@@ -495,14 +429,12 @@ TEST_F(EventDb, AnInterruptedMoveIsFinishedOnTheNextOpen) {
     EXPECT_EQ(Query("SELECT count(*) FROM config_table"), "2");
 }
 
-TEST_F(EventDb, AReusedRowIdNeverInheritsAStaleSignature) {
-    ASSERT_EQ(db.setEventInfo(FileRow("/last", 1, "h", Signature("sig"))), 0);
-    const std::string store = Read("/last").signaturePath.str();
+TEST_F(EventDbCommit, AReusedRowIdNeverInheritsAStaleSignature) {
     {
         tbtest::FaultFileSystem faults;
         tbtest::ScopedFileSystem use(faults);
         faults.FailNth(tbtest::FsOp::kRemoveFile, 1, EIO);
-        ASSERT_EQ(db.rmEventInfo("/last"), 0);  // the trigger could not delete the file
+        ASSERT_EQ(db.rmEventInfo("/doc"), 0);  // the trigger could not delete the file
     }
     ASSERT_TRUE(Exists(store));
     ASSERT_EQ(db.setEventInfo(FileRow("/next", 1, "other")), 0);
@@ -512,28 +444,22 @@ TEST_F(EventDb, AReusedRowIdNeverInheritsAStaleSignature) {
 
 TEST(EventDbDamage, AFileThatIsNoDatabaseIsReportedAndLeftAlone) {
     TempDir dir;
-    const std::string path = dir / "event-db.sqlite";
+    const std::string path = dir / "event-db.sqlite", log = dir / "daemon.log";
     const std::string junk(10000, 'Z');
     WriteFile(path, junk);
-    const std::string log = dir / "daemon.log";
     ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, log.c_str(), "", 50), 0);
     FileEventDB db;
     EXPECT_EQ(db.initialize(path.c_str()), -1);
     ClientFileEventInfo row;
     EXPECT_EQ(db.getEventInfo("/x", row), -1);
+    EXPECT_EQ(db.initialize((dir / "missing/event-db.sqlite").c_str()), -1);
+    EXPECT_EQ(db.initialize(dir.path().c_str()), -1);  // a folder
     Logger::Destroy();
     const std::string text = Slurp(log);
     EXPECT_NE(text.find("Failed to initialize database at '" + path + "'"), std::string::npos)
         << text;
     EXPECT_NE(text.find("not a database"), std::string::npos) << text;
     EXPECT_EQ(Slurp(path), junk);
-}
-
-TEST(EventDbDamage, AnUnopenablePathIsReported) {
-    TempDir dir;
-    FileEventDB db;
-    EXPECT_EQ(db.initialize((dir / "missing/event-db.sqlite").c_str()), -1);
-    EXPECT_EQ(db.initialize(dir.path().c_str()), -1);  // a folder
 }
 
 // A child commits rows with signatures in a loop and reports each commit that returned;
