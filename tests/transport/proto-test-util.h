@@ -7,11 +7,14 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <fstream>
 #include <initializer_list>
+#include <sstream>
 #include <string>
 
 #include "foundation/channel.h"
 #include "support/loopback.h"
+#include "transport/proto-format.h"
 
 namespace prototest {
 
@@ -22,20 +25,23 @@ struct Wired {
     int peer;
     Wired() : peer(pair.a) { EXPECT_EQ(ch.Open(pair.take_b(), true), 0); }
 
-    // Flushes the channel and takes exactly `n` bytes from the wire.
-    std::string sent(size_t n) {
-        EXPECT_GE(ch.FlushWrite(0), 0);
+    // Takes exactly `n` bytes from the wire, flushing the channel first unless told not to.
+    std::string sent(size_t n, bool flush = true) {
+        if (flush) {
+            EXPECT_GE(ch.FlushWrite(0), 0);
+        }
         return loopback::read_some(peer, n, 2000);
-    }
-    // Flushes the channel and takes whatever has been sent.
-    std::string sent_all() {
-        EXPECT_GE(ch.FlushWrite(0), 0);
-        return loopback::read_some(peer, SIZE_MAX, 200);
     }
     // True when nothing more than what was taken has been sent.
     bool nothing_more() {
         ch.FlushWrite(0);
         return loopback::read_some(peer, 1, 50).empty();
+    }
+    // Exactly `n` bytes read through the channel (what a failed call left unread).
+    std::string unread(size_t n) {
+        std::string s(n, '\0');
+        EXPECT_EQ(ch.Read(s.data(), n), 0);
+        return s;
     }
     void feed(const std::string& bytes) { loopback::write_all(peer, bytes); }
     // Ends the raw side's sending, so that the channel sees the peer close.
@@ -60,10 +66,32 @@ inline std::string var_section(int id, const std::string& data) {
     return bytes({id}) + be(data.size(), 2) + data;
 }
 
+inline std::string header(int cmd, int version = 60) {
+    return bytes({0x25, 0x52, 0x18, 0x14, version, cmd, 0, 0});
+}
+
 inline std::string pattern(size_t n, unsigned seed = 7) {
     std::string s(n, '\0');
     for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + seed + i / 251) & 0xFF);
     return s;
+}
+
+// A file on the wire: its type and whole length, then the blocks of what follows `offset`.
+inline std::string file_wire(int is_delta, const std::string& data, size_t offset,
+                             size_t block_size) {
+    std::string s = bytes({SPROTO_ID_DELTATYPE, is_delta, SPROTO_ID_DELTALEN}) + be(data.size(), 8);
+    uint32_t id = 0;
+    for (size_t at = offset; at < data.size(); at += block_size, ++id)
+        s += bytes({SPROTO_ID_DELTAID}) + be(id, 4) +
+             var_section(SPROTO_ID_DELTADATA, data.substr(at, block_size));
+    return s;
+}
+
+inline std::string slurp(const std::string& path) {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
 }
 
 }  // namespace prototest
