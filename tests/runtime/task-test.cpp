@@ -68,6 +68,11 @@ TEST(TaskConcurrency, RunStartsOneThreadAndJoinAllowsARestart) {
     Task fresh;
     EXPECT_EQ(fresh.GetState(), Task::STOP);
     EXPECT_EQ(fresh.Join(), -1);
+    EXPECT_EQ(fresh.Wait(0), 0);  // at once, even in STOP
+    fresh.SetState(Task::PAUSE);
+    const auto start = SteadyClock::now();
+    EXPECT_EQ(fresh.Wait(2), -1);  // at once: not running
+    EXPECT_LT(ElapsedMs(start), 100);
     ASSERT_EQ(fresh.Run(), 0);  // the base DoTask returns at once
     ASSERT_EQ(fresh.Join(), 0);
     EXPECT_EQ(fresh.GetState(), Task::STOP);
@@ -102,15 +107,6 @@ TEST(TaskConcurrency, StopOrPauseWakesAWaitAtOnce) {
         task.Stop();
         EXPECT_EQ(task.Join(), 0);
     }
-}
-
-TEST(TaskConcurrency, WaitOfZeroOrWhilePausedReturnsAtOnce) {
-    Task task;
-    EXPECT_EQ(task.Wait(0), 0);  // even in STOP
-    task.SetState(Task::PAUSE);
-    auto start = SteadyClock::now();
-    EXPECT_EQ(task.Wait(2), -1);
-    EXPECT_LT(ElapsedMs(start), 100);
 }
 
 TEST(TaskConcurrency, WaitRunsItsTimeOnTheProcessClock) {

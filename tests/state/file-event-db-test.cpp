@@ -225,19 +225,6 @@ TEST_F(EventDb, RemovalTakesTheSubtreeAndItsSignaturesOnly) {
     EXPECT_EQ(db.rmEventInfo("/"), -1);
 }
 
-TEST_F(EventDb, RemovingAllFoldersKeepsTopLevelFiles) {
-    for (const char* p : {"/top", "/dir/file", "/dir/sub/file"})
-        ASSERT_EQ(db.setEventInfo(FileRow(p, 1, "s")), 0);
-    ClientFileEventInfo dir_row = FileRow("/emptydir", 1, "");
-    dir_row.fileType = 1;
-    ASSERT_EQ(db.setEventInfo(dir_row), 0);
-    EXPECT_EQ(db.rmAllFolders(), 0);
-    StringBuffer sb;
-    FileList list(sb);
-    ASSERT_EQ(db.getFileList(&list, ""), 0);
-    EXPECT_EQ(Listing(list), (Lines{"F /top"}));
-}
-
 TEST_F(EventDb, SyncIdOutlivesReopeningAndNothingWorksWhileClosed) {
     uint64_t id = 99;
     ASSERT_EQ(db.getSyncId(id), 0);
@@ -265,13 +252,16 @@ TEST_F(EventDb, ListingsAreRelativeAndSkipRemovedRows) {
     ClientFileEventInfo removed = FileRow("/r/removed", 1, "s");
     removed.isExist = 0;
     ASSERT_EQ(db.setEventInfo(removed), 0);
+    ClientFileEventInfo empty_dir = FileRow("/empty", 1, "");
+    empty_dir.fileType = 1;
+    ASSERT_EQ(db.setEventInfo(empty_dir), 0);
 
     StringBuffer sb;
-    FileList all(sb), below(sb), level(sb), early(sb), root(sb);
+    FileList all(sb), below(sb), level(sb), early(sb), root(sb), files(sb);
     ASSERT_EQ(db.getFileList(&all, ""), 0);
-    EXPECT_EQ(Listing(all),
-              (Lines{"F /r_x/n", "D /r_x", "F /r/sub/deep/c", "D /r/sub/deep", "F /r/sub/b",
-                     "D /r/sub", "F /r/late", "F /r/a", "D /r", "F /other", "F /R/x", "D /R"}));
+    EXPECT_EQ(Listing(all), (Lines{"F /r_x/n", "D /r_x", "F /r/sub/deep/c", "D /r/sub/deep",
+                                   "F /r/sub/b", "D /r/sub", "F /r/late", "F /r/a", "D /r",
+                                   "F /other", "D /empty", "F /R/x", "D /R"}));
     ASSERT_EQ(db.getFileList(&below, "/r"), 0);
     EXPECT_EQ(Listing(below),
               (Lines{"F /sub/deep/c", "D /sub/deep", "F /sub/b", "D /sub", "F /late", "F /a"}));
@@ -280,7 +270,11 @@ TEST_F(EventDb, ListingsAreRelativeAndSkipRemovedRows) {
     ASSERT_EQ(db.getFileListWithoutRecursive(&early, "r", 5), 0);
     EXPECT_EQ(Listing(early), (Lines{"D /sub", "F /a"}));
     ASSERT_EQ(db.getFileListWithoutRecursive(&root, "/"), 0);
-    EXPECT_EQ(Listing(root), (Lines{"D /r_x", "D /r", "F /other", "D /R"}));
+    EXPECT_EQ(Listing(root), (Lines{"D /r_x", "D /r", "F /other", "D /empty", "D /R"}));
+    // Dropping every folder keeps the top-level files alone.
+    EXPECT_EQ(db.rmAllFolders(), 0);
+    ASSERT_EQ(db.getFileList(&files, ""), 0);
+    EXPECT_EQ(Listing(files), (Lines{"F /other"}));
 }
 
 TEST_F(EventDb, RecycleRecordsAndContentByHash) {
