@@ -137,37 +137,6 @@ TEST_P(MergeTable, OnePathKeepsTheRightEvent) {
 
 INSTANTIATE_TEST_SUITE_P(PendingAgainstArriving, MergeTable, ::testing::ValuesIn(kMergeTable));
 
-// Names: a file and a directory of one name are two nodes, case matters, a name
-// too long for a node is cut but the event keeps its path, and an unusable path
-// changes nothing.
-TEST(MergeNames, KindCaseLengthAndUnusablePaths) {
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/a")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/Readme")), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/README")), 0);
-    const std::string long_path = "/" + std::string(2000, 'd') + "/" + std::string(1500, 'f');
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, long_path)), 0);
-    EXPECT_EQ(tree.GetLocalEventCount(), 5);
-    for (const std::string& bad :
-         {std::string("/dir/"), std::string("/"), std::string(), "/" + std::string(4095, 'x')}) {
-        Event old;
-        EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, bad), old), -1) << bad.size();
-    }
-    EXPECT_EQ(tree.Push(Local(Event::EV_EMPTY, "/b")), -1);
-    EXPECT_EQ(tree.GetLocalEventCount(), 5);
-
-    std::vector<std::string> order;
-    Event e;
-    while (tree.Pop(e) == 0) {
-        order.push_back((e.isDir() ? "dir " : "") + e.m_path.str());
-        ASSERT_EQ(tree.DoneEvent(e), 0);
-    }
-    // Files of a directory come before its sub-directories.
-    EXPECT_EQ(order, (std::vector<std::string>{"/a", "/Readme", "/README", "dir /a", long_path}));
-    EXPECT_TRUE(tree.IsEmpty());
-}
-
 // ---- a directory removal with events below it ----
 
 std::vector<std::string> PathsIn(const EventList2& tree) {

@@ -1,18 +1,16 @@
-// The order in which the tree hands out events, and the life of a node: held, changed
-// while held, done, given back.
+// The order in which the tree hands out events, the life of a node (held, done, given
+// back, taken by path), and the names it keys them by. Merges are in
+// event-list2-merge-test.cpp, random runs against a model in event-list2-property-test.cpp.
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <functional>
 #include <map>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "event-builders.h"
 #include "events/event-list2.h"
-#include "foundation/log.h"
-#include "support/temp-dir.h"
 
 using namespace evtest;
 
@@ -22,6 +20,18 @@ std::string PopPath(EventList2& tree) {
     Event e;
     if (tree.Pop(e) != 0) return "(none)";
     return e.m_path.str();
+}
+
+// Everything a single worker gets, finishing each event before taking the next:
+// "/f", "dir /d".
+std::vector<std::string> Drain(EventList2& tree) {
+    std::vector<std::string> order;
+    Event e;
+    while (tree.Pop(e) == 0) {
+        order.push_back((e.isDir() ? "dir " : "") + e.m_path.str());
+        EXPECT_EQ(tree.DoneEvent(e), 0);
+    }
+    return order;
 }
 
 // The ways a worker's answer can be wrong: the node is still waiting, of the other
@@ -79,7 +89,7 @@ TEST(NodeLife, PopAndRedoByPathChooseTheKind) {
     EXPECT_TRUE(nodes[1].path == ustring("/p/a") && !nodes[1].is_dir);
     EXPECT_EQ(nodes[1].status, EventList2::WAITING);
     EXPECT_EQ(nodes[2].status, EventList2::PROCESSING);  // the directory stays held
-    ASSERT_EQ(tree.Pop("/p/a", true, e), 0);  // the directory is held: the file instead
+    ASSERT_EQ(tree.Pop("/p/a", true, e), 0);             // the directory is held: the file instead
     EXPECT_TRUE(e.isFile());
 }
 
@@ -141,60 +151,62 @@ TEST(PopOrder, HeldNodesBlockOnlyTheirOwnLine) {
     EXPECT_EQ(PopPath(stepped), "/b/x");
 }
 
-// A single worker that finishes each event before taking the next sees a pre-order
-// walk: the files of a directory in arrival order, then each sub-directory's own event
-// followed by its contents.
-struct GenNode {
-    std::vector<std::string> files;
-    std::vector<std::string> dirs;  // in arrival order
-};
-
-void ExpectedOrder(const std::map<std::string, GenNode>& nodes, const std::string& dir,
-                   std::vector<std::string>& out) {
-    auto it = nodes.find(dir);
-    if (it == nodes.end()) return;
-    for (const std::string& f : it->second.files) out.push_back(f);
-    for (const std::string& d : it->second.dirs) {
-        out.push_back(d);
-        ExpectedOrder(nodes, d, out);
-    }
-}
-
+// One worker finishing each event before taking the next sees a pre-order walk: the
+// files of a directory in arrival order, then each sub-directory followed by its
+// contents.
 TEST(PopOrder, GeneratedTreesComeOutParentsFirstFilesBeforeDirectories) {
     for (unsigned seed = 1; seed <= 20; ++seed) {
         SCOPED_TRACE(seed);
         std::mt19937 rng(seed);
-        std::map<std::string, GenNode> nodes;
-        std::vector<std::string> dirs = {""};
-        std::vector<Event> pushes;
-        for (int i = 0; i < 200; ++i) {
-            const std::string parent = dirs[rng() % dirs.size()];
-            const std::string path = parent + "/n" + std::to_string(i);
-            if (rng() % 3 == 0) {
-                dirs.push_back(path);
-                nodes[parent].dirs.push_back(path);
-                pushes.push_back(Local(Event::EV_CREATE, path, DIR_NODE));
-            } else {
-                nodes[parent].files.push_back(path);
-                pushes.push_back(Local(Event::EV_CREATE, path));
-            }
-        }
+        std::map<std::string, std::vector<std::string>> files, dirs;  // by parent
+        std::vector<std::string> all_dirs = {""};
         EventList2 tree;
-        for (const Event& e : pushes) ASSERT_EQ(tree.Push(e), 0);
-        std::vector<std::string> expected;
-        ExpectedOrder(nodes, "", expected);
-        std::vector<std::string> got;
-        Event e;
-        while (tree.Pop(e) == 0) {
-            got.push_back(e.m_path.str());
-            ASSERT_EQ(tree.DoneEvent(e), 0);
+        for (int i = 0; i < 200; ++i) {
+            const std::string parent = all_dirs[rng() % all_dirs.size()];
+            const std::string path = parent + "/n" + std::to_string(i);
+            const bool is_dir = rng() % 3 == 0;
+            (is_dir ? dirs : files)[parent].push_back(path);
+            if (is_dir) all_dirs.push_back(path);
+            ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, path, is_dir ? DIR_NODE : FILE_NODE)), 0);
         }
-        EXPECT_EQ(got, expected);
+        std::vector<std::string> expected;
+        std::function<void(const std::string&)> walk = [&](const std::string& dir) {
+            for (const std::string& f : files[dir]) expected.push_back(f);
+            for (const std::string& d : dirs[dir]) {
+                expected.push_back("dir " + d);
+                walk(d);
+            }
+        };
+        walk("");
+        EXPECT_EQ(Drain(tree), expected);
         EXPECT_TRUE(tree.IsEmpty());
     }
 }
 
-TEST(EventRecord, LogTextsAndClearing) {
+// Names: a file and a directory of one name are two nodes, case matters, a name too
+// long for a node is cut but the event keeps its path, and an unusable path changes
+// nothing.
+TEST(PopOrder, NamesKeepTheirKindCaseAndLength) {
+    EventList2 tree;
+    ASSERT_EQ(tree.Push(Local(Event::EV_REMOVE, "/a")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_CREATE, "/a", DIR_NODE)), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/Readme")), 0);
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/README")), 0);
+    const std::string long_path = "/" + std::string(2000, 'd') + "/" + std::string(1500, 'f');
+    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, long_path)), 0);
+    for (const std::string& bad :
+         {std::string("/dir/"), std::string("/"), std::string(), "/" + std::string(4095, 'x')}) {
+        Event old;
+        EXPECT_EQ(tree.Push(Local(Event::EV_CREATE, bad), old), -1) << bad.size();
+    }
+    EXPECT_EQ(tree.Push(Local(Event::EV_EMPTY, "/b")), -1);
+    EXPECT_EQ(tree.GetLocalEventCount(), 5);
+    EXPECT_EQ(Drain(tree),
+              (std::vector<std::string>{"/a", "/Readme", "/README", "dir /a", long_path}));
+    EXPECT_TRUE(tree.IsEmpty());
+}
+
+TEST(EventRecord, LogTexts) {
     Event e = Server(Event::EV_CREATE, "/x/y", 77, DIR_NODE);
     e.setExpand();
     e.m_data_size = 12;
@@ -206,44 +218,6 @@ TEST(EventRecord, LogTextsAndClearing) {
     EXPECT_EQ(rename.toString(), ustring("Event<local,file>: [EV_RENAME] from '/old.txt', to "
                                          "'/new.txt' size = 0, hash = "));
     EXPECT_STREQ(Event::TypeText(99), "EV_UNKNOWN");
-    e.clear();
-    EXPECT_FALSE(e.isValid());
-    EXPECT_EQ(e.m_mode, 0u);
-    EXPECT_TRUE(e.m_path.empty());
-
-    EventList2::Attribute attr;
-    EventList2::ConvertEventToAttr(rename, attr);
-    attr.nodeID = 5;
-    EventList2::ClearAttribute(attr);
-    EXPECT_EQ(attr.type, Event::EV_EMPTY);
-    EXPECT_TRUE(attr.path.empty());
-    EXPECT_EQ(attr.sessID, 1u);  // the rest stays
-    EXPECT_EQ(attr.nodeID, 5u);
-}
-
-TEST(TreeDump, TraverseTreeWritesEveryNodeToTheLog) {
-    TempDir dir;
-    dir.write("levels", "event_list_debug = 6\n");
-    ASSERT_EQ(
-        Logger::Initialize(Logger::FILE_LOGGER, (dir / "log").c_str(), (dir / "levels").c_str(), 2),
-        0);
-    EventList2 tree;
-    ASSERT_EQ(tree.Push(Server(Event::EV_CREATE, "/d", 4, DIR_NODE)), 0);
-    ASSERT_EQ(tree.Push(Local(Event::EV_MODIFY, "/d/f")), 0);
-    tree.TraverseTree();
-    Logger::Destroy();
-    std::ifstream in(dir / "log");
-    std::stringstream text;
-    text << in.rdbuf();
-    const std::string log = text.str();
-    EXPECT_NE(log.find("TraverseTree , server_event_count = [1], local_event_count=[1]"),
-              std::string::npos);
-    EXPECT_NE(log.find("[Dir] server=[1],Conflict=[0],SubDirRescan=[0],name=[d],status =[0],"
-                       "type[1],refSerCount=[0],refLocCount=[0],path=[/d]"),
-              std::string::npos);
-    EXPECT_NE(log.find("[File] server=[0],Conflict=[0],SubDirRescan=[0],name=[f],status=[0],"
-                       "type=[3],path=[/d/f]"),
-              std::string::npos);
 }
 
 }  // namespace
