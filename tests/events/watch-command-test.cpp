@@ -17,10 +17,8 @@
 #include <thread>
 #include <vector>
 
-#include "event-builders.h"
-#include "events/ui-ipc.h"
 #include "foundation/error-code.h"
-#include "ui-listener.h"
+#include "manager-fixture.h"
 
 extern char** environ;
 
