@@ -1,17 +1,15 @@
-// The POSIX file system of the platform seam against a real temporary folder.
-#include <fcntl.h>
+// The POSIX file system of the platform seam against a real temporary folder: what the
+// file layer above does not already pin down through it (links, errors, volumes).
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <set>
 #include <string>
 
 #include "platform/fs.h"
 #include "platform/posix/volume.h"
-#include "support/fault-fs.h"
 #include "support/temp-dir.h"
 
 namespace {
@@ -28,39 +26,6 @@ class PosixFsTest : public ::testing::Test {
     NodeInfo n;
     int err = 0;
 };
-
-TEST_F(PosixFsTest, KindsAndSizesAsTheObjectItselfIs) {
-    dir.write("file", "12345");
-    ASSERT_EQ(::mkdir(At("sub").c_str(), 0755), 0);
-    ASSERT_EQ(::mkfifo(At("fifo").c_str(), 0644), 0);
-    ASSERT_EQ(fs.lstat(At("file").c_str(), n, nullptr), 0);
-    EXPECT_EQ(n.kind, NodeKind::kFile);
-    EXPECT_EQ(n.size, 5u);
-    ASSERT_EQ(fs.lstat(At("sub").c_str(), n, nullptr), 0);
-    EXPECT_EQ(n.kind, NodeKind::kDirectory);
-    EXPECT_EQ(n.size, 0u);
-    ASSERT_EQ(fs.lstat(At("fifo").c_str(), n, nullptr), 0);
-    EXPECT_EQ(n.kind, NodeKind::kOther);
-    EXPECT_EQ(fs.lstat(At("absent").c_str(), n, &err), -1);
-    EXPECT_EQ(err, ENOENT);
-
-    ASSERT_EQ(::symlink("sub", At("l").c_str()), 0);
-    std::unique_ptr<platform::DirReader> reader;
-    ASSERT_EQ(fs.open_dir(dir.path().c_str(), false, reader, nullptr), 0);
-    std::set<std::string> names;
-    platform::DirItem item;
-    while (reader->next(item, true, nullptr) == 1) {
-        names.insert(item.name);
-        if (item.name == "file") {
-            EXPECT_EQ(item.kind, NodeKind::kFile);
-            EXPECT_EQ(item.size, 5u);
-            EXPECT_GT(item.mtime, 1000000000);
-        }
-        if (item.name == "sub") EXPECT_EQ(item.kind, NodeKind::kDirectory);
-        if (item.name == "l") EXPECT_EQ(item.kind, NodeKind::kSymlink);
-    }
-    EXPECT_EQ(names, (std::set<std::string>{".", "..", "file", "sub", "fifo", "l"}));
-}
 
 TEST_F(PosixFsTest, LinksAreFollowedOnlyWhereAsked) {
     dir.write("target", "x");
@@ -113,25 +78,6 @@ TEST_F(PosixFsTest, FilesReadWriteSeekTruncateAndCloseOnce) {
     EXPECT_EQ(n.size, 5u);
     EXPECT_EQ(fs.open(At("f").c_str(), rw | platform::kOpenExclusive, f, &err), -1);
     EXPECT_EQ(err, EEXIST);
-}
-
-TEST_F(PosixFsTest, LockProbeSeesLocksOfOtherOpenings) {
-    dir.write("f", "data");
-    int holder = ::open(At("f").c_str(), O_RDWR);
-    ASSERT_GE(holder, 0);
-    std::unique_ptr<platform::File> probe;
-    ASSERT_EQ(fs.open(At("f").c_str(), platform::kOpenRead, probe, nullptr), 0);
-    EXPECT_EQ(probe->lock_conflict(true, nullptr), 0);
-    struct flock fl {};
-    fl.l_type = F_RDLCK;
-    ASSERT_EQ(::fcntl(holder, F_OFD_SETLK, &fl), 0);
-    EXPECT_EQ(probe->lock_conflict(false, nullptr), 0) << "readers share";
-    EXPECT_EQ(probe->lock_conflict(true, nullptr), 1);
-    fl.l_type = F_WRLCK;
-    ASSERT_EQ(::fcntl(holder, F_OFD_SETLK, &fl), 0);
-    EXPECT_EQ(probe->lock_conflict(false, nullptr), 1);
-    ::close(holder);
-    EXPECT_EQ(probe->lock_conflict(true, nullptr), 0);
 }
 
 TEST_F(PosixFsTest, RenamesReplaceOrRefuseAnExistingName) {
@@ -190,16 +136,6 @@ TEST(VolumeTypes, KnownTypesAreClassified) {
         EXPECT_EQ(v.is_fat, row.fat);
         EXPECT_EQ(v.folds_case, row.folds);
     }
-}
-
-TEST(InstalledFileSystem, ScopedInstallTakesEffectAndRestores) {
-    EXPECT_EQ(&platform::file_system(), &platform::default_file_system());
-    {
-        tbtest::FaultFileSystem fault;
-        tbtest::ScopedFileSystem guard(fault);
-        EXPECT_EQ(&platform::file_system(), &fault);
-    }
-    EXPECT_EQ(&platform::file_system(), &platform::default_file_system());
 }
 
 }  // namespace

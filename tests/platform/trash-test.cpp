@@ -6,7 +6,7 @@
 
 #include <cerrno>
 #include <fstream>
-#include <functional>
+#include <optional>
 #include <regex>
 #include <sstream>
 #include <string>
@@ -109,44 +109,33 @@ TEST_F(TrashTest, OtherVolumeUsesItsTopLevelTrashAndPrefersAStickyAdminOne) {
 // Whatever stops it, the object stays where it was: the trash never falls back to
 // deleting, and leaves no info file for an object it did not take.
 TEST_F(TrashTest, RefusalsLeaveTheObjectInPlace) {
+    using tbtest::FsOp;
     struct Case {
         const char* name;
-        std::function<void(tbtest::FaultFileSystem&)> arrange;
+        const char* victim;
         int err;
-        const char* victim = "f";
+        bool other_volume = false;
+        std::optional<FsOp> failing = std::nullopt;  // fails with `err` from then on
     };
     const Case cases[] = {
-        {"absent", [](tbtest::FaultFileSystem&) {}, ENOENT, "absent"},
-        {"empty path", [](tbtest::FaultFileSystem&) {}, EINVAL, ""},
-        {"no trash can be made",
-         [&](tbtest::FaultFileSystem& fs) {
-             fs.FakeDevice(data, 4242);
-             fs.FailNth(tbtest::FsOp::kMkdir, 1, EACCES, true);
-         },
-         EACCES},
-        {"move fails",
-         [](tbtest::FaultFileSystem& fs) { fs.FailNth(tbtest::FsOp::kRenameNoReplace, 1, EIO); },
-         EIO},
-        {"disk full writing the info file",
-         [](tbtest::FaultFileSystem& fs) { fs.FailNth(tbtest::FsOp::kFileWrite, 1, ENOSPC); },
-         ENOSPC},
-        // Last: the link stays in place.
-        {"volume trash is a link",
-         [&](tbtest::FaultFileSystem& fs) {
-             fs.FakeDevice(data, 4242);
-             ::mkdir((dir / "elsewhere").c_str(), 0700);
-             ::symlink((dir / "elsewhere").c_str(), (data + "/.Trash-" + uid).c_str());
-         },
-         EPERM},
+        {"absent", "absent", ENOENT},
+        {"empty path", "", EINVAL},
+        {"no trash can be made", "f", EACCES, true, FsOp::kMkdir},
+        {"move fails", "f", EIO, false, FsOp::kRenameNoReplace},
+        {"disk full writing the info file", "f", ENOSPC, false, FsOp::kFileWrite},
+        {"volume trash is a link", "f", EPERM, true},
     };
     std::ofstream(data + "/f") << "v";
+    ASSERT_EQ(::mkdir((dir / "elsewhere").c_str(), 0700), 0);
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         tbtest::FaultFileSystem fs;
-        c.arrange(fs);
+        if (c.other_volume) fs.FakeDevice(data, 4242);
+        if (c.failing) fs.FailNth(*c.failing, 1, c.err, true);
+        if (c.err == EPERM)
+            ::symlink((dir / "elsewhere").c_str(), (data + "/.Trash-" + uid).c_str());
         int err = 0;
-        const std::string victim = *c.victim ? data + "/" + c.victim : "";
-        EXPECT_EQ(Trash(fs, victim, &err), -1);
+        EXPECT_EQ(Trash(fs, *c.victim ? data + "/" + c.victim : "", &err), -1);
         EXPECT_EQ(err, c.err);
         EXPECT_EQ(slurp(data + "/f"), "v");
         EXPECT_FALSE(exists(home_trash + "/info/f.trashinfo"));
