@@ -11,12 +11,10 @@
 
 namespace {
 
-const std::string kBinary = TB_BINARY_DIR "/tools/tarnbridge-server/tarnbridge-server";
-
 // Runs the tool with a shell command line; the output (stdout and stderr) and exit status.
 int RunTool(const std::string& args, std::string& out) {
     out.clear();
-    FILE* p = ::popen((kBinary + " " + args + " 2>&1").c_str(), "r");
+    FILE* p = ::popen((kServerBinary + " " + args + " 2>&1").c_str(), "r");
     if (!p) return -1;
     char buf[4096];
     size_t n;

@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <filesystem>
 #include <fstream>
 #include <functional>
 #include <memory>
@@ -14,6 +15,7 @@
 #include <string>
 
 #include "admin.h"
+#include "delta-ops.h"
 #include "foundation/channel.h"
 #include "foundation/object.h"
 #include "foundation/stream.h"
@@ -22,6 +24,8 @@
 #include "server.h"
 #include "support/temp-dir.h"
 #include "transport/proto-common.h"
+
+inline const std::string kServerBinary = TB_BINARY_DIR "/tools/tarnbridge-server/tarnbridge-server";
 
 // Bytes of a given length from a seed, so that two calls with one seed agree.
 inline std::string RandomBytes(size_t n, unsigned seed) {
@@ -38,6 +42,42 @@ inline std::string ReadFile(const std::string& path) {
     return s.str();
 }
 
+inline std::string Md4(const std::string& path) {
+    std::string md4;
+    EXPECT_EQ(delta_ops::HashFile(path, md4), 0) << path;
+    return md4;
+}
+
+// A request map with the action, the account's session and its view.
+inline PObject Request(const admin::InitResult& user, const char* action) {
+    PObject req;
+    req["_action"] = action;
+    req["session"] = user.session.c_str();
+    req["view_id"] = user.view_id;
+    AppendAgent(req);
+    return req;
+}
+
+// An upload of the file at `local` to `path` over the version `base`; `result` is the file
+// the server must end up with (the patched one for a delta; `local` itself by default).
+inline PObject UploadRequest(const admin::InitResult& user, const std::string& path, uint64_t base,
+                             const std::string& local, std::string result = std::string(),
+                             bool is_delta = false, const char* action = "upload") {
+    if (result.empty()) result = local;
+    PObject req = Request(user, action);
+    req["path"] = path.c_str();
+    req["sync_id"] = base;
+    req["max_id"] = base;
+    req["file"]["hash"] = Md4(result).c_str();
+    req["file"]["size"] = static_cast<uint64_t>(std::filesystem::file_size(result));
+    req["file"]["is_delta"] = is_delta;
+    PObject::binary_type data;
+    data.path = local.c_str();
+    data.length = std::filesystem::file_size(local);
+    req["file"]["data"] = data;
+    return req;
+}
+
 class ServerHarness {
   public:
     explicit ServerHarness(const std::function<void(ServerOptions&)>& tweak = nullptr) {
@@ -45,37 +85,37 @@ class ServerHarness {
         options.port = 0;
         options.faults_path = dir / "faults";
         if (tweak) tweak(options);
-        ServerStore setup;
-        EXPECT_EQ(setup.Open(options.data_dir), 0);
-        EXPECT_EQ(admin::Init(setup, "alice", "home", user), 0);
+        EXPECT_EQ(store.Open(options.data_dir), 0);
+        EXPECT_EQ(admin::Init(store, "alice", "home", user), 0);
         server = std::make_unique<Server>(options);
         EXPECT_EQ(server->Start(), 0);
-        EXPECT_EQ(store.Open(options.data_dir), 0);
     }
     ~ServerHarness() { server->Stop(); }
 
     int port() const { return server->port(); }
-    // A request map with the action, the account's session and its view.
-    PObject Request(const char* action) const {
-        PObject req;
-        req["_action"] = action;
-        req["session"] = user.session.c_str();
-        req["view_id"] = user.view_id;
-        AppendAgent(req);
-        return req;
-    }
+    PObject Request(const char* action) const { return ::Request(user, action); }
     void WriteFaults(const std::string& text) { dir.write("faults", text); }
     // A local file with these bytes; returns its path.
     std::string LocalFile(const std::string& name, const std::string& bytes) {
         dir.write(name, bytes);
         return dir / name;
     }
+    // The bytes the server holds for a path now.
+    std::string Stored(const std::string& path) {
+        ServerObject obj;
+        EXPECT_EQ(store.GetObject(user.view_id, path, obj), 1) << path;
+        return ReadFile(store.contents().PathOf(obj.content_id));
+    }
+    bool Exists(const std::string& path) {
+        ServerObject obj;
+        return store.GetObject(user.view_id, path, obj) == 1;
+    }
 
     TempDir dir;
     ServerOptions options;
     admin::InitResult user;
     std::unique_ptr<Server> server;
-    ServerStore store;  // for looking at the server's state directly
+    ServerStore store;  // for setting up and looking at the server's state directly
 };
 
 // One client connection.
@@ -91,23 +131,25 @@ class WireClient {
     int Call(uint8_t cmd, const PObject& request, PObject& reply) {
         reply = PObject();  // a received map merges into what the target holds
         int rc = ProtoWriteObjectRequest(ch, stream, cmd, request);
-        if (rc < 0) return rc;
-        return ReadReply(reply);
-    }
-    int ReadReply(PObject& reply) {
-        for (;;) {
-            int rc = ProtoReadObjectReply(ch, stream, reply);
-            if (rc < 0) return rc;
-            if (reply["type"].asString() != "keep_alive") return 0;
+        while (rc == 0 && (rc = ProtoReadObjectReply(ch, stream, reply)) == 0 &&
+               reply["type"].asString() == "keep_alive") {
             ++keep_alives;
             reply = PObject();
         }
+        return rc;
+    }
+    // The reply, failing the test when none comes.
+    PObject Ask(uint8_t cmd, const PObject& request) {
+        PObject reply;
+        EXPECT_EQ(Call(cmd, request, reply), 0);
+        return reply;
     }
     // The reply's error code, 0 for none. Every reply, error or not, must grant "alive".
     static uint32_t Code(const PObject& reply) {
         EXPECT_NE(reply["alive"].asUInt32(), 0u) << reply.toString().c_str_utf8();
         return reply["error"]["code"].asUInt32();
     }
+    uint32_t CodeOf(uint8_t cmd, const PObject& request) { return Code(Ask(cmd, request)); }
     int WriteRaw(const std::string& bytes) {
         int rc = ch.Write(bytes.data(), bytes.size());
         if (rc >= 0) rc = ch.FlushWrite(0);
@@ -117,8 +159,7 @@ class WireClient {
     bool ClosedByPeer() {
         char byte;
         ch.SetTimeout(5);
-        int rc = ch.Read(&byte, 1);
-        return rc == -2;
+        return ch.Read(&byte, 1) == -2;
     }
 
     Channel ch;
