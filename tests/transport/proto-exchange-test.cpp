@@ -12,10 +12,7 @@
 
 namespace {
 
-using prototest::be;
-using prototest::bytes;
-using prototest::header;
-using prototest::var_section;
+using namespace prototest;
 
 // A connection to a scripted server.
 struct Dialled {

@@ -12,13 +12,7 @@
 
 namespace {
 
-using prototest::be;
-using prototest::bytes;
-using prototest::file_wire;
-using prototest::pattern;
-using prototest::slurp;
-using prototest::var_section;
-using prototest::Wired;
+using namespace prototest;
 
 // Feeds `wire` to a fresh connection and receives it into `path`: the first form when
 // `offset` is negative, else the second form from `offset`.

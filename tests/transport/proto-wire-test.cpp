@@ -10,11 +10,7 @@
 
 namespace {
 
-using prototest::be;
-using prototest::bytes;
-using prototest::header;
-using prototest::var_section;
-using prototest::Wired;
+using namespace prototest;
 
 TEST(ProtoGoldenWire, SectionsAndRecordsWriteTheirBytesAndReadThemBack) {
     Wired w;
