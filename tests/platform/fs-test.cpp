@@ -60,7 +60,7 @@ TEST_F(PosixFsTest, LinksAreFollowedOnlyWhereAsked) {
     EXPECT_EQ(n.mtime, before.mtime);
 }
 
-TEST_F(PosixFsTest, FilesReadWriteSeekTruncateAndCloseOnce) {
+TEST_F(PosixFsTest, FilesReadWriteTruncateCloseOnceAndRenameWithOrWithoutReplacing) {
     std::unique_ptr<platform::File> f;
     const int rw = platform::kOpenRead | platform::kOpenWrite | platform::kOpenCreate;
     ASSERT_EQ(fs.open(At("f").c_str(), rw, f, nullptr), 0);
@@ -78,9 +78,7 @@ TEST_F(PosixFsTest, FilesReadWriteSeekTruncateAndCloseOnce) {
     EXPECT_EQ(n.size, 5u);
     EXPECT_EQ(fs.open(At("f").c_str(), rw | platform::kOpenExclusive, f, &err), -1);
     EXPECT_EQ(err, EEXIST);
-}
 
-TEST_F(PosixFsTest, RenamesReplaceOrRefuseAnExistingName) {
     dir.write("a", "A");
     dir.write("b", "BB");
     EXPECT_EQ(fs.rename_noreplace(At("a").c_str(), At("b").c_str(), &err), -1);
@@ -106,36 +104,25 @@ TEST_F(PosixFsTest, TemporaryFolderIsAFixedCaseSensitiveVolume) {
 }
 
 TEST(VolumeTypes, KnownTypesAreClassified) {
-    using C = platform::VolumeClass;
-    struct Row {
-        uint64_t magic;
-        const char* name;
-        C klass;
-        bool fat;
-        bool folds;
+    auto show = [](const platform::VolumeInfo& v) {
+        static const char* const classes[] = {"fixed", "remote", "optical", "memory"};
+        return v.fs_name + " " + classes[static_cast<int>(v.klass)] + (v.is_fat ? " fat" : "") +
+               (v.folds_case ? " folds" : "");
     };
-    const Row rows[] = {
-        {0xEF53, "ext4", C::kFixed, false, false},
-        {0x58465342, "xfs", C::kFixed, false, false},
-        {0x9123683E, "btrfs", C::kFixed, false, false},
-        {0x01021994, "tmpfs", C::kMemory, false, false},
-        {0x4d44, "vfat", C::kFixed, true, true},
-        {0x2011BAB0, "exfat", C::kFixed, true, true},
-        {0x6969, "nfs", C::kRemote, false, false},
-        {0xFF534D42, "cifs", C::kRemote, false, true},
-        {0xFE534D42, "smb2", C::kRemote, false, true},
-        {0x9660, "iso9660", C::kOptical, false, false},
-        {0x15013346, "udf", C::kOptical, false, false},
-        {0x1234abcd, "0x1234abcd", C::kFixed, false, false},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
-        platform::VolumeInfo v = platform::describe_volume_type(row.magic);
-        EXPECT_EQ(v.fs_name, row.name);
-        EXPECT_EQ(v.klass, row.klass);
-        EXPECT_EQ(v.is_fat, row.fat);
-        EXPECT_EQ(v.folds_case, row.folds);
-    }
+    const std::pair<uint64_t, const char*> rows[] = {{0xEF53, "ext4 fixed"},
+                                                     {0x58465342, "xfs fixed"},
+                                                     {0x9123683E, "btrfs fixed"},
+                                                     {0x01021994, "tmpfs memory"},
+                                                     {0x4d44, "vfat fixed fat folds"},
+                                                     {0x2011BAB0, "exfat fixed fat folds"},
+                                                     {0x6969, "nfs remote"},
+                                                     {0xFF534D42, "cifs remote folds"},
+                                                     {0xFE534D42, "smb2 remote folds"},
+                                                     {0x9660, "iso9660 optical"},
+                                                     {0x15013346, "udf optical"},
+                                                     {0x1234abcd, "0x1234abcd fixed"}};
+    for (const auto& [magic, want] : rows)
+        EXPECT_EQ(show(platform::describe_volume_type(magic)), want);
 }
 
 }  // namespace
