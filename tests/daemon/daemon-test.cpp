@@ -20,7 +20,6 @@
 #include <vector>
 
 #include "daemon/app.h"
-#include "daemon/ipc.h"
 #include "foundation/channel.h"
 #include "foundation/config.h"
 #include "foundation/object.h"
