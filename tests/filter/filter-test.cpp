@@ -105,13 +105,17 @@ TEST_F(LoadedFilter, EveryRuleKindHitsWithItsOwnCode) {
         {1, "/x/Thumbs.db", FILTER_NAME},
         {0, "/DESKTOP.INI", FILTER_NAME},
         {1, "/desktop.ini", 0},
+        {0, "/desktop.ini.old", 0},
         {1, "/x/.git", FILTER_NAME},
         {0, "/x/.Git/config", FILTER_NAME},
         {0, "/x/.git", 0},
+        {1, "/x/.github", 0},
+        {1, "/x/Thumbs.db2", 0},
         {1, "x/.git", FILTER_NAME},
         // Extensions: after the last dot that doesn't start the name.
         {0, "/x/a.TMP", FILTER_EXT},
         {0, "/x/a.tmp.txt", 0},
+        {0, "/x/a.tmpx", 0},
         {0, "/x/.tmp", 0},
         {0, "/x.tmp/a", 0},
         // Selective sync kinds.
@@ -120,8 +124,10 @@ TEST_F(LoadedFilter, EveryRuleKindHitsWithItsOwnCode) {
         {0, "/Photos/2021/a.jpg", 0},
         {0, "/Photos/20200/a.jpg", 0},
         {0, "/x/Big.Bin", FILTER_NAME_SELECTIVE_SYNC},
+        {0, "/x/big.bin2", 0},
         {0, "/x/disk.ISO", FILTER_EXT_SELECTIVE_SYNC},
         {1, "/x/disk.iso", 0},
+        {0, "/x/disk.isox", 0},
         // Order: a name prefix is tested before the directory prefix, a folder rule
         // before the extension.
         {0, "/a/b/~$x", FILTER_PREFIX},
