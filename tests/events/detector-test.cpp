@@ -9,7 +9,7 @@
 
 #include <chrono>
 #include <condition_variable>
-#include <cstdio>
+#include <cstdlib>
 #include <deque>
 #include <fstream>
 #include <mutex>

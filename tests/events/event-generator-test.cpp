@@ -48,10 +48,10 @@ class EventGenerator : public ::testing::Test {
         db.destroy();
     }
 
-    void Known(const std::string& path, uint64_t sync_id, bool is_dir = false) {
+    // A synchronised file's row.
+    void Known(const std::string& path, uint64_t sync_id) {
         ClientFileEventInfo info;
         info.path = path.c_str();
-        info.fileType = is_dir ? 1 : 0;
         info.isExist = 1;
         info.syncID = sync_id;
         info.maxSyncID = sync_id;
