@@ -160,13 +160,15 @@ TEST(TaskConcurrency, StopsFromOtherThreadsAndDestructionNeverHang) {
 
 TEST(TaskConcurrency, AbortFlagIsSeenByAPollingThread) {
     Task task;
+    std::atomic<bool> seen{false};
     std::thread poller([&] {
-        const int* flag = task.AbortFlag();
-        while (std::atomic_ref<int>(*const_cast<int*>(flag)).load() == 0) std::this_thread::yield();
+        std::atomic_ref<int> flag(*task.AbortFlag());
+        seen = Eventually([&] { return flag.load() != 0; }, 2000);
     });
     EXPECT_FALSE(task.IsAborted());
     task.SetAbortFlag(1);
-    poller.join();  // hangs (and times out) if the poller never sees the flag
+    poller.join();
+    EXPECT_TRUE(seen.load());
     EXPECT_TRUE(task.IsAborted());
     task.SetAbortFlag(0);
     EXPECT_FALSE(task.IsAborted());
