@@ -1,9 +1,12 @@
 // Pull semantics on scripted histories made with the admin commands (another client's
 // changes): the whole state from 0, increments, removals and moves of directories, paging
-// without splitting a sync id, conditions.
+// without splitting a sync id, conditions, the high-water mark under concurrent writers.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <filesystem>
+#include <map>
+#include <thread>
 #include <vector>
 
 #include "pull.h"
@@ -188,6 +191,55 @@ TEST_F(PullFixture, ConditionsSelectWhatARelaxedRuleLetsThrough) {
     PObject done = Pull(Pull(0, "/", true, &sizes)["next_sync_id"].asUInt64(), "/", true, &sizes);
     EXPECT_TRUE(done["event_list"].asArray().empty());
     EXPECT_EQ(done["next_sync_id"].asUInt64(), 9u);
+}
+
+// Writers on their own connections commit while a puller follows with the marks it is
+// given: every change must be seen, none skipped, whatever the interleaving.
+TEST(PullConcurrency, HighWaterMarkNeverSkipsAChangeUnderConcurrentWriters) {
+    TempDir dir;
+    ServerStore reader;
+    ASSERT_EQ(reader.Open(dir / "data"), 0);
+    admin::InitResult user;
+    ASSERT_EQ(admin::Init(reader, "alice", "home", user), 0);
+    constexpr int kWriters = 3;
+    std::atomic<int> running{kWriters};
+    std::vector<std::thread> writers;
+    for (int w = 0; w < kWriters; ++w) {
+        writers.emplace_back([&, w] {
+            ServerStore store;
+            EXPECT_EQ(store.Open(dir / "data"), 0);
+            std::string src = "src" + std::to_string(w);
+            for (int i = 0; i < 40; ++i) {
+                dir.write(src, RandomBytes(64, w * 1000 + i));
+                ServerObject obj;
+                std::string path = "/w" + std::to_string(w) + "/f" + std::to_string(i % 10);
+                EXPECT_EQ(admin::Put(store, user.view_id, dir / src, path, i, obj), 0);
+            }
+            --running;
+        });
+    }
+    std::map<std::string, uint64_t> seen;  // path -> newest sync id pulled
+    uint64_t mark = 0;
+    for (bool last_round = false;;) {
+        bool writers_done = running == 0;
+        PObject req;
+        req["sync_id"] = mark;
+        PObject reply;
+        ASSERT_EQ(HandlePull(reader, user.view_id, req, PullLimits(), reply), 0u);
+        for (const PObject& ev : reply["event_list"].asArray()) {
+            EXPECT_GT(ev["sync_id"].asUInt64(), mark);
+            seen[ev["path"].asString().str()] = ev["sync_id"].asUInt64();
+        }
+        mark = reply["next_sync_id"].asUInt64();
+        if (last_round) break;
+        last_round = writers_done;
+    }
+    for (auto& t : writers) t.join();
+    std::vector<ServerObject> all;
+    ASSERT_EQ(reader.ListTree(user.view_id, "/", all), 0);
+    ASSERT_EQ(all.size(), static_cast<size_t>(kWriters * 11));
+    for (const ServerObject& obj : all) EXPECT_EQ(seen[obj.path], obj.sync_id) << obj.path;
+    EXPECT_EQ(mark, static_cast<uint64_t>(reader.LastSyncId(user.view_id)));
 }
 
 }  // namespace
