@@ -1,5 +1,5 @@
-// Whole exchanges with a scripted server on a loopback port: the PObject request form,
-// replies cut short or never sent, and the encryption service requests.
+// Whole exchanges with a scripted server on a loopback port: the encryption service
+// requests in both forms, their refusals, and replies cut short or never sent.
 #include <gtest/gtest.h>
 
 #include "foundation/error-code.h"
@@ -43,19 +43,6 @@ void read_then_close(PeerSession& s) {
     if (s.ReadRequest(cmd, request) == 0)
         s.WriteBytes(bytes({0x42, 0x10, 0, 5}) + "alive" + bytes({0x01, 0x02}));
     s.Close();
-}
-
-TEST(ProtoExchangeConcurrency, RequestsOnTheWireAreAHeaderThenTheMap) {
-    std::string wire;
-    Dialled d([&](PeerSession& s) { s.ReadToEnd(wire); });
-    PStream stream;
-    PObject request;
-    request["_action"] = "x";
-    ASSERT_EQ(ProtoWriteSSLServiceRequest(d.ch), 0);  // the oldest form is only a header
-    ASSERT_EQ(ProtoWriteObjectRequest(d.ch, stream, SCMD_EVT_REMOVE, request), 0);
-    d.Finish();
-    EXPECT_EQ(wire, header(SCMD_REQUEST_SSL) + header(SCMD_EVT_REMOVE) + bytes({0x42, 0x10, 0, 6}) +
-                        "action" + bytes({0x10, 0, 1}) + "x" + bytes({0x40}));
 }
 
 TEST(ProtoServiceRequestConcurrency, SectionFormAgreedOrRefused) {

@@ -9,7 +9,7 @@
 #include <cstdint>
 #include <fstream>
 #include <initializer_list>
-#include <sstream>
+#include <iterator>
 #include <string>
 
 #include "foundation/channel.h"
@@ -89,9 +89,7 @@ inline std::string file_wire(int is_delta, const std::string& data, size_t offse
 
 inline std::string slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 }  // namespace prototest
