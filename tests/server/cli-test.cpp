@@ -1,5 +1,6 @@
 // The command line as a person uses it: init prints a configuration to paste, the
 // server-side commands change the tree, ls shows it, and mistakes get a clear refusal.
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <sys/wait.h>
@@ -10,6 +11,9 @@
 #include "server-harness.h"
 
 namespace {
+
+using ::testing::ContainsRegex;
+using ::testing::HasSubstr;
 
 // Runs the tool with a shell command line; the output (stdout and stderr) and exit status.
 int RunTool(const std::string& args, std::string& out) {
@@ -28,12 +32,8 @@ TEST(ServerCommandLine, InitPrintsAConfigurationAndTheTreeCommandsWork) {
     std::string data = "--data " + dir.path() + "/data";
     std::string out;
     ASSERT_EQ(RunTool("init " + data + " --view docs --port 9000", out), 0) << out;
-    EXPECT_NE(out.find("server_ip = 127.0.0.1\n"), std::string::npos) << out;
-    EXPECT_NE(out.find("server_port = 9000\n"), std::string::npos);
-    EXPECT_NE(out.find("view_id = 1\n"), std::string::npos);
-    size_t s = out.find("session = \"");
-    ASSERT_NE(s, std::string::npos);
-    EXPECT_EQ(out.find('"', s + 11) - (s + 11), 32u);
+    EXPECT_THAT(out, HasSubstr("server_ip = 127.0.0.1\nserver_port = 9000\n"));
+    EXPECT_THAT(out, ContainsRegex("\nsession = \"[0-9a-f]{32}\"\nview_id = 1\n"));
 
     dir.write("local.txt", "hello");
     ASSERT_EQ(RunTool("put " + data + " docs " + dir.path() + "/local.txt /a/b.txt", out), 0)

@@ -9,9 +9,9 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <random>
-#include <sstream>
 #include <string>
 
 #include "admin.h"
@@ -37,9 +37,7 @@ inline std::string RandomBytes(size_t n, unsigned seed) {
 
 inline std::string ReadFile(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 inline std::string Md4(const std::string& path) {
