@@ -20,3 +20,10 @@ inline std::string slurp(const std::string& path) {
     ss << in.rdbuf();
     return ss.str();
 }
+
+// `n` bytes whose pattern repeats only after a long stretch, so a misplaced chunk shows.
+inline std::string pattern(size_t n) {
+    std::string s(n, '\0');
+    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + i / 251) & 0xFF);
+    return s;
+}

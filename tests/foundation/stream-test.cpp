@@ -58,12 +58,8 @@ int decode(const std::string& wire, PObject& out, const std::string& recv_dir = 
 }
 
 PObject binary(const std::string& path, uint64_t offset, uint64_t length) {
-    PObject::binary_type b;
-    b.path = path.c_str();
-    b.offset = offset;
-    b.length = length;
     PObject o;
-    o = b;
+    o = PObject::binary_type{offset, length, path.c_str()};
     return o;
 }
 
@@ -127,20 +123,6 @@ TEST(PStreamEncoding, OneLeadingUnderscoreIsStrippedFromKeys) {
     EXPECT_EQ(back.toString(), ustring("{\"a\": 2}")) << "a repeated key lands on one member";
 }
 
-TEST(PStreamDecoding, LooserFormsAreRead) {
-    const std::pair<std::string, const char*> cases[] = {
-        {B({1, 0}), "0"},
-        {B({1, 3, 1, 2, 3}), "66051"},
-        {B({1, 8, 0, 0, 0, 0, 0, 0, 0, 9}), "9"},
-        {B({0x10, 0x00, 0x03, 'a', 0x00, 'b'}), "\"a\""},  // an embedded zero cuts the text
-    };
-    for (const auto& [wire, text] : cases) {
-        PObject v;
-        ASSERT_EQ(decode(wire, v), 0) << text;
-        EXPECT_EQ(v.toString(), ustring(text));
-    }
-}
-
 TEST(PStreamDecoding, NestedValueRoundTripsAndFailsAtEveryCut) {
     PObject obj;
     obj["list"] = PObject::array_type{PObject(uint64_t{300}), PObject("seven"), PObject()};
@@ -156,9 +138,19 @@ TEST(PStreamDecoding, NestedValueRoundTripsAndFailsAtEveryCut) {
     }
 }
 
-TEST(PStreamDecoding, MalformedInputIsRefused) {
-    const int limit = PStream::kMaxDepth;
+TEST(PStreamDecoding, LooserFormsAreReadAndMalformedInputIsRefused) {
+    const std::pair<std::string, const char*> loose[] = {
+        {B({1, 0}), "0"},
+        {B({1, 3, 1, 2, 3}), "66051"},
+        {B({1, 8, 0, 0, 0, 0, 0, 0, 0, 9}), "9"},
+        {B({0x10, 0x00, 0x03, 'a', 0x00, 'b'}), "\"a\""},  // an embedded zero cuts the text
+    };
     PObject v;
+    for (const auto& [wire, text] : loose) {
+        ASSERT_EQ(decode(wire, v), 0) << text;
+        EXPECT_EQ(v.toString(), ustring(text));
+    }
+    const int limit = PStream::kMaxDepth;
     EXPECT_EQ(decode(std::string(limit, '\x41') + std::string(limit, '\x40'), v), 0);
     const std::pair<const char*, std::string> cases[] = {
         {"unknown tag", B({0x02, 0x00})},
@@ -168,7 +160,6 @@ TEST(PStreamDecoding, MalformedInputIsRefused) {
         {"map as key", B({0x42, 0x42, 0x40, 0x40})},
         {"unknown tag inside", B({0x41, 0x20, 0x40})},
         {"integer of nine bytes", B({1, 9, 0, 0, 0, 0, 0, 0, 0, 0, 9})},
-        {"integer of 255 bytes", B({1, 0xFF}) + std::string(255, '\0')},
         {"one level too deep", std::string(limit + 1, '\x41') + std::string(limit + 1, '\x40')},
         {"hostile nesting", std::string(100000, '\x41')},
     };
@@ -271,8 +262,7 @@ TEST(PStreamBinary, PeerClosingMidBodyKeepsWhatArrivedAndSaysWhere) {
 // receiver's progress, as the status reader of a transfer does.
 TEST(PStreamConcurrency, LargeBinaryCrossesWithProgressVisible) {
     TempDir dir;
-    std::string content(3 * 1024 * 1024 + 12345, '\0');
-    for (size_t i = 0; i < content.size(); ++i) content[i] = static_cast<char>(i * 7 + i / 4093);
+    const std::string content = pattern(3 * 1024 * 1024 + 12345);
     dir.write("src", content);
     loopback::Pair pair;
     Channel out;
@@ -281,23 +271,17 @@ TEST(PStreamConcurrency, LargeBinaryCrossesWithProgressVisible) {
     ASSERT_EQ(in.Open(pair.take_b(), true), 0);
     PObject request;
     request["file"]["data"] = binary(dir / "src", 0, content.size());
-    request["name"] = "src";
-    int send_rc = 1;
-    std::thread sender([&] {
-        PStream ps;
-        send_rc = ps.Send(out, request);
-    });
+    std::thread sender([&] { EXPECT_EQ(PStream().Send(out, request), 0); });
     PStream receiver;
     receiver.SetDefaultRecvLocation(dir.path().c_str());
     std::atomic<bool> done{false};
-    bool consistent = true;
     std::thread watcher([&] {
+        ustring where;
+        uint64_t sent = 0;
+        uint64_t total = 0;
         while (!done.load()) {
-            ustring where;
-            uint64_t sent = 0;
-            uint64_t total = 0;
             receiver.GetStatus(where, sent, total);
-            if (sent > total) consistent = false;
+            ASSERT_LE(sent, total);
         }
     });
     PObject got;
@@ -305,10 +289,6 @@ TEST(PStreamConcurrency, LargeBinaryCrossesWithProgressVisible) {
     done = true;
     watcher.join();
     sender.join();
-    EXPECT_EQ(send_rc, 0);
-    EXPECT_TRUE(consistent);
-    EXPECT_EQ(got["name"].asString(), ustring("src"));
-    EXPECT_EQ(got["file"]["data"].asBinary().length, content.size());
     EXPECT_TRUE(slurp(got["file"]["data"].asBinary().path.str()) == content);
 }
 

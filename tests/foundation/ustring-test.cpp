@@ -23,15 +23,10 @@ TEST(UstringConversion, Utf8AndUtf16RoundTripAndIllFormedBytesSurvive) {
     EXPECT_EQ(ustring(u"\u00e9t\u00e9").size(), 5u);
     EXPECT_EQ(ustring().c_str()[0], 0);
 
-    ustring bad(
-        "a\xFF"
-        "b");
+    ustring bad("a\xFFz");
     EXPECT_FALSE(ustring::is_valid(bad));
     EXPECT_EQ(bad.c_str()[0], 0) << "no wide form";
-    EXPECT_STREQ(bad.c_str_utf8(),
-                 "a\xFF"
-                 "b")
-        << "the bytes themselves survive";
+    EXPECT_STREQ(bad.c_str_utf8(), "a\xFFz") << "the bytes themselves survive";
     EXPECT_FALSE(ustring::is_valid(ustring("\xC3")));
 }
 
@@ -85,7 +80,6 @@ TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
     EXPECT_EQ(s.rfind("/a"), 5u);
     EXPECT_EQ(s.rfind("/a", 4), 0u);
     EXPECT_EQ(s.rfind('/', 100), 7u);
-    EXPECT_EQ(s.rfind('/', ustring::npos), 7u);
     EXPECT_EQ(s.find_first_of("bd"), 3u);
     EXPECT_EQ(s.find_first_not_of("/a"), 3u);
     EXPECT_EQ(s.find_last_of("ab"), 6u);
