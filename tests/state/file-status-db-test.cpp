@@ -7,23 +7,20 @@
 #include <atomic>
 #include <cstdio>
 #include <fstream>
-#include <sstream>
+#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "foundation/log.h"
 #include "state/file-status-db.h"
-#include "state/sql-escape.h"
 #include "support/temp-dir.h"
 
 namespace {
 
 std::string Slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 class FileStatus : public ::testing::Test {
@@ -57,28 +54,21 @@ class FileStatus : public ::testing::Test {
     std::vector<std::string> Paths() const {
         return Column("SELECT path FROM fstatinfo ORDER BY path");
     }
+    // One page of the rows directly below `dir`, sorted.
+    static std::vector<std::string> Children(const char* dir, int offset, int limit) {
+        int count = -1;
+        auto rows = FileStatusDB::getFileSyncStats(dir, offset, limit, count);
+        EXPECT_EQ(rows == nullptr, count == 0);
+        std::vector<std::string> out;
+        for (int i = 0; i < count; ++i) out.push_back(rows[i].path.str());
+        std::sort(out.begin(), out.end());
+        return out;
+    }
 
     TempDir dir;
 };
 
 using PathList = std::vector<std::string>;
-
-TEST(SqlText, TemplateWordsAndGlobTextKeepUserTextLiteral) {
-    auto sql = ZEPHDBEscapeStringEX3("a='@ZEPH:VAR' b=@ZEPH:INT c=@ZEPH:LLINT d=@ZEPH:NEVAR @x",
-                                     "it's", -7, static_cast<int64_t>(1) << 40, "raw'");
-    EXPECT_STREQ(sql.get(), "a='it''s' b=-7 c=1099511627776 d=raw' @x");
-    // A LIKE parameter gets the escape clause on its closing quote.
-    sql = ZEPHDBEscapeStringEX3(
-        "x like '@ZEPH:LVAR/%%' and x not like '@ZEPH:LVAR/%%/%%' and y = '@ZEPH:VAR'",
-        "50%_a\\b'c", "d", "e_");
-    EXPECT_STREQ(sql.get(),
-                 "x like '50\\%\\_a\\\\b''c/%%' escape '\\' and x not like 'd/%%/%%' escape '\\' "
-                 "and y = 'e_'");
-    sql = ZEPHDBEscapeStringEX3("p like '@ZEPH:LVAR%' or q = '@ZEPH:VAR'", "", nullptr);
-    EXPECT_STREQ(sql.get(), "p like '%' or q = ''");
-    EXPECT_EQ(ZEPHDBEscapeStringEX3(nullptr), nullptr);
-    EXPECT_EQ(GlobLiteral("/a/[x]*?.txt"), "/a/[[]x][*][?].txt");
-}
 
 TEST_F(FileStatus, SetReplacesTheRowWithANewId) {
     Set("/home/u/sync/a.txt");
@@ -122,10 +112,7 @@ TEST_F(FileStatus, UserPathsMatchOnlyThemselves) {
         EXPECT_EQ(info.path.str(), name);
         EXPECT_EQ(info.fileType, SFT_DIR);
         EXPECT_TRUE(FileStatusDB::isAnySubFileDirSyncing(name.c_str()));
-        int count = 0;
-        auto children = FileStatusDB::getFileSyncStats(name.c_str(), 0, 10, count);
-        ASSERT_EQ(count, 1);
-        EXPECT_EQ(children[0].path.str(), name + "/child");
+        EXPECT_EQ(Children(name.c_str(), 0, 10), PathList{name + "/child"});
         Set(name + "/child", SFS_SYNCED_PENDING);  // only syncing rows count
         EXPECT_FALSE(FileStatusDB::isAnySubFileDirSyncing(name.c_str()));
     }
@@ -145,22 +132,11 @@ TEST_F(FileStatus, UserPathsMatchOnlyThemselves) {
 TEST_F(FileStatus, ListingGivesDirectChildrenPageByPage) {
     for (const char* p : {"/v/a", "/v/b", "/v/c", "/v/c/inner", "/v/c/inner/x", "/vw/other", "/v"})
         Set(p);
-    int count = -1;
-    auto all = FileStatusDB::getFileSyncStats("/v", 0, 10, count);
-    ASSERT_EQ(count, 3);
-    PathList got;
-    for (int i = 0; i < count; ++i) got.push_back(all[i].path.str());
-    std::sort(got.begin(), got.end());
-    EXPECT_EQ(got, (PathList{"/v/a", "/v/b", "/v/c"}));
-
-    auto page = FileStatusDB::getFileSyncStats("/v", 2, 10, count);
-    EXPECT_EQ(count, 1);
-    EXPECT_NE(page, nullptr);
-    page = FileStatusDB::getFileSyncStats("/v", 0, 2, count);
-    EXPECT_EQ(count, 2);
-    EXPECT_EQ(FileStatusDB::getFileSyncStats("/v", 3, 10, count), nullptr);
-    EXPECT_EQ(count, 0);
-    EXPECT_EQ(FileStatusDB::getFileSyncStats("/nothing", 0, 10, count), nullptr);
+    EXPECT_EQ(Children("/v", 0, 10), (PathList{"/v/a", "/v/b", "/v/c"}));
+    EXPECT_EQ(Children("/v", 2, 10).size(), 1u);
+    EXPECT_EQ(Children("/v", 0, 2).size(), 2u);
+    EXPECT_TRUE(Children("/v", 3, 10).empty());
+    EXPECT_TRUE(Children("/nothing", 0, 10).empty());
 }
 
 TEST_F(FileStatus, BulkOperations) {
@@ -177,17 +153,6 @@ TEST_F(FileStatus, BulkOperations) {
     EXPECT_TRUE(Paths().empty());
 }
 
-TEST_F(FileStatus, NothingWorksAfterDestroyOrWithoutAPath) {
-    FileStatusDB::destroy();
-    FileStatusInfo info;
-    info.path = "/x";
-    EXPECT_EQ(FileStatusDB::setFileSyncStat(info), -1);
-    EXPECT_EQ(FileStatusDB::removeAllEntry(), -1);
-    EXPECT_EQ(FileStatusDB::initialize(""), -1);
-    EXPECT_EQ(FileStatusDB::initialize(db().c_str()), 0);
-    EXPECT_EQ(FileStatusDB::setFileSyncStat(info), 0);
-}
-
 TEST(FileStatusDamage, AFileThatIsNoDatabaseIsKeptAsideAndReplaced) {
     TempDir dir;
     const std::string path = dir / "fstat.sqlite";
@@ -202,6 +167,8 @@ TEST(FileStatusDamage, AFileThatIsNoDatabaseIsKeptAsideAndReplaced) {
     info.path = "/ok";
     EXPECT_EQ(FileStatusDB::setFileSyncStat(info), 0);
     FileStatusDB::destroy();
+    EXPECT_EQ(FileStatusDB::setFileSyncStat(info), -1);  // forgotten until the next initialize
+    EXPECT_EQ(FileStatusDB::initialize(""), -1);
 
     const std::string text = Slurp(log);
     EXPECT_NE(text.find("'" + path + "' is not a usable database"), std::string::npos) << text;
@@ -232,9 +199,8 @@ TEST_F(FileStatus, AnotherProcessReadsWhileWeWrite) {
     ASSERT_NE(std::fgets(buffer, sizeof buffer, reader), nullptr);
     int lines = 1;
     std::atomic<bool> reader_done{false};
-    int writes = 0;
     std::thread writer([&] {
-        for (int i = 0; !reader_done.load() || i < 60; ++i, ++writes) {
+        for (int i = 0; !reader_done.load() || i < 60; ++i) {
             FileStatusInfo info;
             info.path = ("/w/file" + std::to_string(i % 40)).c_str();
             info.syncStatus = SFS_SYNCING;
@@ -253,7 +219,6 @@ TEST_F(FileStatus, AnotherProcessReadsWhileWeWrite) {
     const int status = ::pclose(reader);
     EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << Slurp(errors);
     EXPECT_EQ(lines, kQueries);
-    EXPECT_EQ(Slurp(errors), "");
 }
 
 }  // namespace
