@@ -11,6 +11,7 @@
 #include <unistd.h>
 
 #include <cstdint>
+#include <cstdio>
 #include <fstream>
 #include <optional>
 #include <random>
@@ -48,12 +49,9 @@ inline bool exists(const std::string& path) {
 inline std::string md4Hex(const std::string& bytes) {
     unsigned char digest[16];
     MD4(reinterpret_cast<const unsigned char*>(bytes.data()), bytes.size(), digest);
-    std::string out;
-    for (unsigned char c : digest) {
-        out += "0123456789abcdef"[c >> 4];
-        out += "0123456789abcdef"[c & 15];
-    }
-    return out;
+    char hex[33];
+    for (int i = 0; i < 16; ++i) std::snprintf(hex + 2 * i, 3, "%02x", digest[i]);
+    return hex;
 }
 
 inline int makeSignature(const std::string& basis, const std::string& sig, size_t block = 2048,
@@ -181,7 +179,6 @@ class DeltaWriter {
         return *this;
     }
     std::string end() const { return m_bytes + '\0'; }
-    const std::string& bytes() const { return m_bytes; }
 
   private:
     void put(uint64_t v, size_t width) {

@@ -1,13 +1,12 @@
 // The one-pass reader: what every handler produces from one read (a signature whatever the
 // cut of its input; its exact bytes are checked against rdiff in rdiff-interop-test.cpp), how
 // failures of the input and of the outputs show, and the abort flag.
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <csignal>
+#include <fstream>
 #include <string>
 #include <thread>
 
@@ -85,7 +84,6 @@ TEST(FileReader, EveryHandlerSeesTheSameBytes) {
         if (len % 2048 != 0) whole_blocks_then_tail.push_back(literalOf(len % 2048));
         expectCommands(readFile(dir / "delta"), whole_blocks_then_tail);
     }
-    EXPECT_EQ(kMd4OfNothing, "31d6cfe0d16ae931b73c59d7e0c089c0");
 }
 
 TEST(Signature, DoesNotDependOnHowTheInputIsCut) {
@@ -98,10 +96,6 @@ TEST(Signature, DoesNotDependOnHowTheInputIsCut) {
     EXPECT_TRUE(signatureInPieces(dir, content, {content.size()}) == whole);
     EXPECT_TRUE(signatureInPieces(dir, content, {1, 2047, 2049, 300000, 4096, 5}) == whole);
     EXPECT_TRUE(signatureInPieces(dir, content, {1048576 - 1, 1048576 + 1}) == whole);
-    std::string small = content.substr(0, 50000);
-    std::string expected = signatureInPieces(dir, small, {50000});
-    EXPECT_TRUE(signatureInPieces(dir, small, {1}) == expected);
-    EXPECT_TRUE(signatureInPieces(dir, small, {3, 1000}) == expected);
 }
 
 TEST(Signature, OutOfRangeSettingsKeepTheDefaults) {
@@ -117,7 +111,7 @@ TEST(Signature, OutOfRangeSettingsKeepTheDefaults) {
     EXPECT_EQ(handler.getSignatureSize(1024), (1024 / 512 + 2) * 20u);
 }
 
-TEST(FileReader, FailuresOfTheInputAndOfTheOutputs) {
+TEST(FileReader, FailuresOfTheInputAndOfTheOutputsAndAnAbortSetBeforehand) {
     TempDir dir;
     SimpleFileReader no_input;
     no_input.setCopyFile((dir / "copy").c_str());
@@ -140,11 +134,8 @@ TEST(FileReader, FailuresOfTheInputAndOfTheOutputs) {
     EXPECT_EQ(out.hash, kMd4OfNothing);
     out = readWithEveryHandler(dir, dir / "in", nullptr, "copy", "no-dir/sig");
     EXPECT_EQ(out.result, FileReader::ERROR_HANDLER_CALL);
-}
 
-TEST(FileReader, AbortFlagSetBeforehandStopsBeforeTheFirstChunk) {
-    TempDir dir;
-    writeFile(dir / "in", randomBytes(3 * 1048576, 53));
+    // An abort flag raised beforehand stops the pass before the first chunk.
     int flag = 1;
     EXPECT_EQ(readWithEveryHandler(dir, dir / "in", &flag).result, FileReader::ERROR_ABORT);
     EXPECT_EQ(readFile(dir / "copy"), "");
@@ -165,19 +156,10 @@ TEST(FileReaderConcurrency, AbortFlagRaisedDuringTheReadStopsIt) {
     const std::string first = randomBytes(200000, 54);
     const std::string second = randomBytes(200000, 55);
     std::thread feeder([&] {
-        int fd = ::open(fifo.c_str(), O_WRONLY);
-        if (fd < 0) return;
-        auto put = [fd](const std::string& s) {
-            for (size_t done = 0; done < s.size();) {
-                ssize_t n = ::write(fd, s.data() + done, s.size() - done);
-                if (n <= 0) return;
-                done += static_cast<size_t>(n);
-            }
-        };
-        put(first);
+        std::ofstream pipe(fifo, std::ios::binary);
+        pipe << first << std::flush;
         std::atomic_ref<int>(flag).store(1, std::memory_order_relaxed);
-        put(second);
-        ::close(fd);
+        pipe << second;
     });
     AllOutputs out = readWithEveryHandler(dir, fifo, &flag);
     feeder.join();

@@ -1,7 +1,7 @@
-// The weak rolling sum and the weak-sum filter: fresh sums over a block, a filter that lets
-// few strangers through, and window scans that stop at the same window with the vector and
-// the portable kernel. How update extends a window that already holds bytes shows in the
-// commands of shifted data (delta-test.cpp).
+// The weak rolling sum and the weak-sum filter: fresh sums over a block, and window scans
+// that stop at the same window with the vector and the portable kernel. A filter that drops
+// an added sum shows as missing copies in the delta commands (delta-test.cpp), as does the
+// way update extends a window that already holds bytes.
 #include <gtest/gtest.h>
 
 #include <random>
@@ -65,19 +65,6 @@ TEST(RollingChecksum, SumsOfABlockMatchTheirDefinition) {
             EXPECT_EQ(sum.digest(), (a & 0xFFFF) | (b << 16));
         }
     }
-}
-
-TEST(WeakFilter, AddedSumsAlwaysPassAndFewOthersDo) {
-    WeakFilter filter;
-    filter.reset(1000);
-    std::mt19937 gen(81);
-    std::vector<uint32_t> added;
-    for (int i = 0; i < 1000; ++i) added.push_back(gen());
-    for (uint32_t d : added) filter.add(d);
-    for (uint32_t d : added) EXPECT_TRUE(filter.mayContain(d));
-    int passed = 0;
-    for (int i = 0; i < 100000; ++i) passed += filter.mayContain(gen()) ? 1 : 0;
-    EXPECT_LT(passed, 1000);  // well under 1% of strangers get through
 }
 
 TEST(WeakFilter, VectorAndPortableKernelsAgree) {

@@ -1,6 +1,6 @@
 // The file layer under the delta engine: the buffered file view over a ring small enough to
-// force every wrap, and the failures of the plain file operations. The asynchronous writes
-// are exercised by every copy the file reader makes.
+// force every wrap. The plain file operations and the asynchronous writes are exercised by
+// every copy, signature and patch the readers make, their failures included.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -44,20 +44,4 @@ TEST(XioBufferedFile, ReadsAndWritesLargerThanTheRingKeepByteOrder) {
     fd_bio_unload(bio);
     fd_close(fd);
     EXPECT_TRUE(readFile(dir / "out") == content.substr(0, written));
-}
-
-TEST(XioFile, FailuresReturnMinusOne) {
-    TempDir dir;
-    fd_t fd;
-    EXPECT_EQ(fd_open_read((dir / "missing").c_str(), fd), -1);
-    EXPECT_FALSE(fd_is_open(fd));
-    EXPECT_EQ(fd_open_write((dir / "no/such/dir/file").c_str(), fd), -1);
-    EXPECT_EQ(fd_sync(fd), -1);
-    fd_aio_t aio;
-    EXPECT_EQ(fd_aio_wait(aio), -1);  // nothing was started
-    EXPECT_EQ(fd_aio_write(aio, fd, "x", 1), -1);
-    writeFile(dir / "f", "0123456789");
-    ASSERT_EQ(fd_open_read((dir / "f").c_str(), fd), 0);
-    EXPECT_EQ(fd_seek(fd, ~uint64_t{0}), -1);
-    fd_close(fd);
 }
