@@ -204,7 +204,6 @@ TEST(ProtoTables, VersionsCommandNamesAndOutcomes) {
         {0, PV_UNSUPPORT_OLD_SERVER}};
     for (auto [version, expected] : versions) EXPECT_EQ(ProtoCheck(version), expected) << version;
     EXPECT_STREQ(ProtoCmd2String(SCMD_REQUEST), "SCMD_REQUEST");
-    EXPECT_STREQ(ProtoCmd2String(SCMD_REQUEST_SSL_2), "SCMD_REQUEST_SSL_2");
     EXPECT_STREQ(ProtoCmd2String(24), "SCMD_GET_FOLDER_LIST");
     for (int unknown : {0, -1, 25, int{SCMD_RESUME_TRANSFER}})
         EXPECT_STREQ(ProtoCmd2String(unknown), "Unknown command") << unknown;
