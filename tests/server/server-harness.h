@@ -148,11 +148,6 @@ class WireClient {
         return reply["error"]["code"].asUInt32();
     }
     uint32_t CodeOf(uint8_t cmd, const PObject& request) { return Code(Ask(cmd, request)); }
-    int WriteRaw(const std::string& bytes) {
-        int rc = ch.Write(bytes.data(), bytes.size());
-        if (rc >= 0) rc = ch.FlushWrite(0);
-        return rc < 0 ? rc : 0;
-    }
     // True when the server closed the connection (a read fails rather than times out).
     bool ClosedByPeer() {
         char byte;
