@@ -20,7 +20,7 @@ TEST(ProtoGoldenWire, SectionsAndRecordsWriteTheirBytesAndReadThemBack) {
     ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_SEQID, uint32_t{0xDEADBEEF}), 0);
     ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_SID, uint64_t{0x0102030405060708}), 0);
     ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_PATH, ustring("/a/é")), 0);
-    ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_USER, ustring()), 0);
+    ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_PATCH_TOKEN, ustring()), 0);  // the last id
     ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_FILEHASH, "\x00\xff\x01", 3), 0);
     ASSERT_EQ(ProtoWriteSection(w.ch, SPROTO_ID_VIEW_NAME, "ab\0\xff", 4), 0);
     ASSERT_EQ(ProtoWriteObjectId(w.ch, ObjectID{5, ustring("/f")}), 0);
@@ -37,7 +37,7 @@ TEST(ProtoGoldenWire, SectionsAndRecordsWriteTheirBytesAndReadThemBack) {
         bytes({0x25, 0x52, 0x18, 0x14, 60, SCMD_RESUME_TRANSFER, 0x01, 0x02}) +
         bytes({0x01, 0xAB, 0x2F, 0x12, 0x34, 0x0C, 0xDE, 0xAD, 0xBE, 0xEF, 0x09, 1, 2, 3, 4, 5, 6,
                7, 8}) +
-        bytes({SPROTO_ID_PATH, 0, 5}) + "/a/é" + bytes({SPROTO_ID_USER, 0, 0}) +
+        bytes({SPROTO_ID_PATH, 0, 5}) + "/a/é" + bytes({SPROTO_ID_PATCH_TOKEN, 0, 0}) +
         var_section(SPROTO_ID_FILEHASH, std::string("\x00\xff\x01", 3)) +
         var_section(SPROTO_ID_VIEW_NAME, std::string("ab\0\xff", 4)) + bytes({SPROTO_ID_SID}) +
         be(5, 8) + var_section(SPROTO_ID_PATH, "/f") + bytes({SPROTO_ID_VIEW_ID}) + be(0x0100, 8) +
@@ -57,7 +57,7 @@ TEST(ProtoGoldenWire, SectionsAndRecordsWriteTheirBytesAndReadThemBack) {
     uint8_t cmd = 0, version = 0, u8 = 0;
     uint32_t u32 = 0;
     uint64_t u64 = 0;
-    ustring path, user("stale"), name, secret, empty("stale"), text;
+    ustring path, token("stale"), name, secret, empty("stale"), text;
     char hash[3];
     size_t hash_len = 0;
     ObjectID id;
@@ -72,7 +72,7 @@ TEST(ProtoGoldenWire, SectionsAndRecordsWriteTheirBytesAndReadThemBack) {
     EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_SEQID, u32), 5);
     EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_SID, u64), 9);
     EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_PATH, path), 8);
-    EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_USER, user), 3);
+    EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_PATCH_TOKEN, token), 3);
     EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_FILEHASH, hash, sizeof hash, hash_len), 6);
     EXPECT_EQ(ProtoReadSection(w.ch, SPROTO_ID_VIEW_NAME, name), 7);  // text ends at a zero byte
     ASSERT_EQ(ProtoReadObjectId(w.ch, id), 0);
@@ -92,7 +92,7 @@ TEST(ProtoGoldenWire, SectionsAndRecordsWriteTheirBytesAndReadThemBack) {
               (std::vector<uint64_t>{0x0102, SCMD_RESUME_TRANSFER, 60, 0xAB, 0x1234, 0xDEADBEEF,
                                      0x0102030405060708, 5, 0x0100, 0x11223344, 1ull << 40, 7, 4,
                                      4294967295u, 10, 2570}));
-    EXPECT_EQ((std::vector<std::string>{path.str(), user.str(), std::string(hash, hash_len),
+    EXPECT_EQ((std::vector<std::string>{path.str(), token.str(), std::string(hash, hash_len),
                                         name.str(), id.path.str(), view.name.str(), meta.hash.str(),
                                         secret.str(), empty.str(), text.str()}),
               (std::vector<std::string>{"/a/é", "", std::string("\x00\xff\x01", 3), "ab", "/f", "v",
