@@ -153,18 +153,14 @@ inline void expectCommands(const std::string& delta, const std::vector<Command>&
     }
 }
 
-// Builds deltas by hand: literals with a 4-byte length past 64 bytes, copies with 8-byte
-// parameters.
+// Builds deltas by hand: literals with a 4-byte length, copies with 8-byte parameters. The
+// short forms are what the engine writes, so the round trips read those.
 class DeltaWriter {
   public:
     DeltaWriter() { put(0x72730236, 4); }
     DeltaWriter& literal(const std::string& bytes) {
-        if (bytes.size() >= 1 && bytes.size() <= 64) {
-            m_bytes += static_cast<char>(bytes.size());
-        } else {
-            m_bytes += static_cast<char>(0x43);
-            put(bytes.size(), 4);
-        }
+        m_bytes += static_cast<char>(0x43);
+        put(bytes.size(), 4);
         m_bytes += bytes;
         return *this;
     }

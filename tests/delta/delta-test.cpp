@@ -55,6 +55,8 @@ TEST_F(DeltaFixture, ShapesWithFixedCommands) {
     const std::string b = randomBytes(kBlock, 20);
     const std::string blocks = randomBytes(20 * kBlock, 23);
     const std::string chunks = randomBytes(2 * kChunk, 24);
+    const std::string head = chunks.substr(0, 300 * kBlock);
+    const std::string ragged = blocks + a.substr(0, 100);
     std::string overwritten = chunks;
     overwritten.replace(768 * kBlock, kBlock, randomBytes(kBlock, 25));
     // Long stretches without a match are scanned in two halves at once; the commands must
@@ -69,14 +71,8 @@ TEST_F(DeltaFixture, ShapesWithFixedCommands) {
     };
     const Case cases[] = {
         {"empty new file", blocks, "", {}},
-        {"identical",
-         chunks.substr(0, 300 * kBlock),
-         chunks.substr(0, 300 * kBlock),
-         {copyOf(0, 300 * kBlock, 0x47)}},
-        {"short last block never matches",
-         blocks + a.substr(0, 100),
-         blocks + a.substr(0, 100),
-         {copyOf(0, 20 * kBlock), literalOf(100)}},
+        {"identical", head, head, {copyOf(0, head.size(), 0x47)}},
+        {"short tail never matches", ragged, ragged, {copyOf(0, 20 * kBlock), literalOf(100)}},
         {"64 bytes", a, a.substr(0, 64), {literalOf(64, 0x40)}},
         {"65 bytes", a, a.substr(0, 65), {literalOf(65, 0x41)}},
         {"repeats match the lowest block",

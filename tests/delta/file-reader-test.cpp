@@ -106,9 +106,6 @@ TEST(Signature, OutOfRangeSettingsKeepTheDefaults) {
     EXPECT_EQ(handler.hash_size, 8u);
     handler.setHashSize(17);
     EXPECT_EQ(handler.hash_size, 8u);
-    handler.setHashSize(16);
-    handler.setBlockSize(512);
-    EXPECT_EQ(handler.getSignatureSize(1024), (1024 / 512 + 2) * 20u);
 }
 
 TEST(FileReader, FailuresOfTheInputAndOfTheOutputsAndAnAbortSetBeforehand) {
