@@ -7,6 +7,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <map>
@@ -108,7 +109,7 @@ TEST_F(FileOpTest, AbsenceIsSuccessButAnUnexaminableObjectIsAFailure) {
 
 // ---------------------------------------------------------------- case
 
-TEST_F(FileOpTest, CaseSensitiveVolumeOnlyKnowsTheExactName) {
+TEST_F(FileOpTest, OnlyAFoldingVolumeFindsOtherSpellings) {
     dir.write("Report.txt", "r");
     EXPECT_TRUE(IsFileExist(p("Report.txt"), true));
     EXPECT_FALSE(IsFileExist(p("report.txt"), false));
@@ -122,9 +123,8 @@ TEST_F(FileOpTest, CaseSensitiveVolumeOnlyKnowsTheExactName) {
     EXPECT_EQ(missing, ustring(p("none")));
     ustring root("/");
     EXPECT_EQ(FSGetRealPath(root), -1) << "nothing is left of the root";
-}
 
-TEST_F(FileOpTest, FoldingVolumeTellsTheStoredSpelling) {
+    // A folding volume tells the stored spelling.
     fs.ForceCaseFolding(true);
     make({"Docs/", "Docs/Report.txt"});
     EXPECT_TRUE(IsFileExist(p("Docs/report.TXT"), false)) << "a folding volume finds any case";
@@ -201,15 +201,25 @@ int record(const ustring& path, void* priv) {
 }
 
 TEST_F(FileOpTest, TraverseVisitsDirectoriesOnEntryAndNeverFollowsLinks) {
-    make({"root/", "root/sub/", "root/sub/x", "root/bad\xff", "outside/", "outside/secret"});
+    make({"root/", "root/a/", "root/a/1", "root/a/2", "root/b", "root/bad\xff", "outside/",
+          "outside/secret"});
     ASSERT_EQ(::symlink(p("outside").c_str(), p("root/link").c_str()), 0);
 
     Walk w;
     EXPECT_EQ(TraverseDir(p("root"), record, &w), 0);
     std::multiset<std::string> got(w.seen.begin(), w.seen.end());
-    EXPECT_EQ(got, (std::multiset<std::string>{p("root"), p("root/sub"), p("root/sub/x"),
-                                               p("root/link")}));
+    EXPECT_EQ(got, (std::multiset<std::string>{p("root"), p("root/a"), p("root/a/1"), p("root/a/2"),
+                                               p("root/b"), p("root/link")}));
     EXPECT_EQ(w.seen.front(), p("root"));
+
+    // Refusing whichever file of "a" comes first ends the walk of "a" only.
+    auto in_a = std::find(w.seen.begin(), w.seen.end(), p("root/a")) + 1;
+    ASSERT_LT(in_a + 1, w.seen.end());
+    Walk refusing{{}, *in_a};
+    EXPECT_EQ(TraverseDir(p("root"), record, &refusing), 0);
+    std::set<std::string> seen(refusing.seen.begin(), refusing.seen.end());
+    EXPECT_EQ(seen.count(*(in_a + 1)), 0u) << "the rest of the refused level is skipped";
+    EXPECT_EQ(seen.count(p("root/b")), 1u);
 
     Walk refused{{}, p("none")};
     EXPECT_EQ(TraverseDir(p("none"), record, &refused), -2);
@@ -218,24 +228,9 @@ TEST_F(FileOpTest, TraverseVisitsDirectoriesOnEntryAndNeverFollowsLinks) {
     EXPECT_EQ(absent.seen.size(), 1u);
 }
 
-TEST_F(FileOpTest, TraverseRefusalEndsOnlyThatLevel) {
-    make({"root/", "root/a/", "root/a/1", "root/a/2", "root/b", "root/c/", "root/c/3"});
-
-    // Whichever file of "a" comes first is refused; the walk of the root goes on.
-    Walk probe;
-    TraverseDir(p("root/a"), record, &probe);
-    ASSERT_EQ(probe.seen.size(), 3u);
-    Walk w{{}, probe.seen[1]};
-    EXPECT_EQ(TraverseDir(p("root"), record, &w), 0);
-    std::set<std::string> got(w.seen.begin(), w.seen.end());
-    EXPECT_EQ(got.count(probe.seen[2]), 0u) << "the rest of the refused level is skipped";
-    EXPECT_EQ(got.count(p("root/b")), 1u);
-    EXPECT_EQ(got.count(p("root/c/3")), 1u);
-}
-
 // ---------------------------------------------------------------- FSMKDirP / FSMKDir
 
-TEST_F(FileOpTest, MkdirMakesWhatIsMissing) {
+TEST_F(FileOpTest, MkdirMakesWhatIsMissingOrSaysWhatBlocksIt) {
     EXPECT_EQ(FSMKDirP(p("a/b") + "/"), 0);
     EXPECT_TRUE(exists(p("a/b")));
     EXPECT_EQ(FSMKDirP(p("a/b/c/d")), 0) << "partly existing";
@@ -252,20 +247,19 @@ TEST_F(FileOpTest, MkdirMakesWhatIsMissing) {
     EXPECT_EQ(FSMKDir(p("no/parent")), -1);
     EXPECT_EQ(FSMKDir(p("with/parents"), true), 0);
     EXPECT_TRUE(exists(p("with/parents")));
-}
 
-TEST_F(FileOpTest, MkdirPBlockedByAFileSaysWhereAndFailuresGiveTheLastResult) {
-    make({"a", "x/", "x/b"});
+    // Blocked by a file: errno says where, and the file stays.
+    make({"file", "one/b"});
     errno = 0;
-    EXPECT_EQ(FSMKDirP(p("a/b")), -1);
+    EXPECT_EQ(FSMKDirP(p("file/b")), -1);
     EXPECT_EQ(errno, ENOTDIR);
     errno = 0;
-    EXPECT_EQ(FSMKDirP(p("x/b") + "/"), -1);
+    EXPECT_EQ(FSMKDirP(p("one/b") + "/"), -1);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(slurp(p("a")), "a");
-    EXPECT_EQ(slurp(p("x/b")), "x/b");
-    EXPECT_EQ(FSMKDirP(p("a/b"), nullptr, true), 0) << "forced creation replaces the file";
-    EXPECT_TRUE(exists(p("a/b")));
+    EXPECT_EQ(slurp(p("file")), "file");
+    EXPECT_EQ(slurp(p("one/b")), "one/b");
+    EXPECT_EQ(FSMKDirP(p("file/b"), nullptr, true), 0) << "forced creation replaces the file";
+    EXPECT_TRUE(exists(p("file/b")));
 
     int before = fs.Calls(FsOp::kMkdir);
     fs.FailNth(FsOp::kMkdir, 1, EIO);
@@ -357,8 +351,8 @@ TEST_F(FileOpTest, RenameReplacesDurablyOrLeavesBothFilesIntact) {
 
 // ---------------------------------------------------------------- FSCopy
 
-TEST_F(FileOpTest, CopyReproducesTheBytesAndKeepsTheSource) {
-    std::string content = pattern(1 << 20);
+TEST_F(FileOpTest, CopyReproducesTheBytesOrSaysWhyAndNeverWritesThroughALink) {
+    const std::string content = pattern(1 << 20);
     dir.write("src", content);
     dir.write("dst", "old and longer than nothing");
     EXPECT_EQ(FSCopy(p("src"), p("dst"), false), 0);
@@ -368,21 +362,16 @@ TEST_F(FileOpTest, CopyReproducesTheBytesAndKeepsTheSource) {
     EXPECT_EQ(FSCopy(p("empty"), p("dst"), true), 0);
     EXPECT_EQ(slurp(p("dst")), "");
     EXPECT_FALSE(exists(p("empty")));
-}
 
-TEST_F(FileOpTest, CopyFailuresSayWhyAndNeverWriteThroughALink) {
-    EXPECT_EQ(FSCopy(p("absent"), p("dst"), false), -1);
-    EXPECT_FALSE(exists(p("dst")));
-    dir.write("src", pattern(4096));
+    EXPECT_EQ(FSCopy(p("absent"), p("new"), false), -1);
+    EXPECT_FALSE(exists(p("new")));
     dir.write("victim", "untouched");
     ASSERT_EQ(::symlink("victim", p("link").c_str()), 0);
     EXPECT_EQ(FSCopy(p("src"), p("link"), false), -1);
     EXPECT_EQ(slurp(p("victim")), "untouched");
-
     fs.FailNth(FsOp::kFileWrite, 1, ENOSPC);
     EXPECT_EQ(FSCopy(p("src"), p("dst"), false), -2);
-    EXPECT_TRUE(exists(p("dst"))) << "the partial destination is left to the caller";
-    EXPECT_EQ(slurp(p("src")).size(), 4096u);
+    EXPECT_EQ(slurp(p("src")), content);
     fs.FailNth(FsOp::kFileWrite, 1, EIO);
     EXPECT_EQ(FSCopy(p("src"), p("dst"), false), -1);
     fs.FailNth(FsOp::kFileRead, 1, EIO);
@@ -459,7 +448,7 @@ TEST_F(FileOpTest, SyncFolderMustBeALocalRealDirectory) {
 
 // ---------------------------------------------------------------- locks
 
-TEST_F(FileOpTest, LockHeldByAnotherOpeningLocksTheFile) {
+TEST_F(FileOpTest, LockedMeansAnotherHoldsALockOrAccessIsRefused) {
     make({"f", "d/"});
     for (uint32_t flag : {FS_GENERIC_READ, FS_GENERIC_READ | FS_GENERIC_WRITE | FS_DELETE}) {
         EXPECT_FALSE(isFileLocked(p("f"), flag));
@@ -479,10 +468,8 @@ TEST_F(FileOpTest, LockHeldByAnotherOpeningLocksTheFile) {
     EXPECT_TRUE(isFileLocked(p("f"), FS_GENERIC_READ));
     ::close(holder);
     EXPECT_FALSE(isFileLocked(p("f"), FS_GENERIC_READ));
-}
 
-TEST_F(FileOpTest, RefusedAccessIsALockAndOtherFailuresAreNot) {
-    dir.write("f", "x");
+    // Refused access is a lock; other failures are not.
     struct Case {
         FsOp op;
         int err;

@@ -25,24 +25,6 @@ class TempFileTest : public ::testing::Test {
     ustring prefix{dir.path()};
 };
 
-TEST_F(TempFileTest, TheLastOwnerRemovesTheFile) {
-    ustring path;
-    {
-        TempFile a(prefix);
-        ASSERT_EQ(a.create(), 0);
-        path = a.getPath();
-        EXPECT_TRUE(on_disk(path));
-        {
-            TempFile b(a);
-            TempFile c;
-            c = b;
-            EXPECT_EQ(c.getPath(), path);
-        }
-        EXPECT_TRUE(on_disk(path)) << "copies going away leave the original's file";
-    }
-    EXPECT_FALSE(on_disk(path));
-}
-
 TEST_F(TempFileTest, PermanenceOfTheLastOwnerDecides) {
     ustring kept;
     ustring lost;

@@ -1,7 +1,6 @@
 // Behaviour of the system's string type: conversions, searches, order, normalization.
 #include <gtest/gtest.h>
 
-#include <sstream>
 #include <stdexcept>
 #include <string>
 
@@ -74,7 +73,6 @@ TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
     ustring s("/a/bc/a/d");
     EXPECT_EQ(s.find("/a"), 0u);
     EXPECT_EQ(s.find("/a", 1), 5u);
-    EXPECT_EQ(s.find('d'), 8u);
     EXPECT_EQ(s.find("zz"), ustring::npos);
     EXPECT_EQ(s.find("a", 9), ustring::npos);
     EXPECT_EQ(s.rfind("/a"), 5u);
@@ -98,8 +96,6 @@ TEST(UstringOrder, ComparesUnsignedBytesAndFoldsAsciiOnly) {
     EXPECT_NE(ustring::compare("A", "a", false), 0);
     EXPECT_EQ(ustring("abcX").compare(ustring("abcY"), 3), 0);
     EXPECT_EQ(ustring("a").compare(ustring("b"), 0), 0);
-    EXPECT_TRUE(ustring("x") == "x");
-    EXPECT_TRUE(ustring("x") != "X");
 }
 
 TEST(UstringNormalization, ComposesAndDecomposes) {
@@ -108,16 +104,6 @@ TEST(UstringNormalization, ComposesAndDecomposes) {
     EXPECT_EQ(decomposed.normalize(ustring::NFC), composed);
     EXPECT_EQ(composed.normalize(ustring::NFD), decomposed);
     EXPECT_EQ(ustring::normalize(ustring(""), ustring::NFC), ustring(""));
-}
-
-TEST(UstringStream, WritesBytesAndReadsOneWord) {
-    std::ostringstream out;
-    out << ustring("caf\xC3\xA9");
-    EXPECT_EQ(out.str(), "caf\xC3\xA9");
-    std::istringstream in("first second");
-    ustring word;
-    in >> word;
-    EXPECT_EQ(word, ustring("first"));
 }
 
 }  // namespace
