@@ -24,13 +24,11 @@ namespace {
 constexpr uint32_t kStatBits =
     Event::F_LOCAL_SUBDIR_RESCAN_STAT | Event::F_SERVER_SUBDIR_RESCAN_STAT;
 
-enum class St { WAITING, HELD, RETRY };
-
 using Key = std::pair<std::string, bool>;  // path, is a directory
 
 struct Entry {
     Event ev;
-    St st = St::WAITING;
+    EventList2::Status st = EventList2::WAITING;  // held is PROCESSING
 };
 
 bool IsBelow(const std::string& path, const std::string& dir) {
@@ -84,10 +82,10 @@ class Model {
         const Key key{e.m_path.str(), e.isDir()};
         auto it = m_entries.find(key);
         if (it == m_entries.end()) {
-            it = m_entries.emplace(key, Entry{e, St::WAITING}).first;
+            it = m_entries.emplace(key, Entry{e, EventList2::WAITING}).first;
         } else {
             it->second.ev = ModelMerge(it->second.ev, e);
-            if (it->second.st == St::HELD) it->second.st = St::RETRY;
+            if (it->second.st == EventList2::PROCESSING) it->second.st = EventList2::RETRY;
         }
         const Event& now = it->second.ev;
         if (!key.second || now.m_type != Event::EV_REMOVE) return;
@@ -95,7 +93,8 @@ class Model {
         // removal only those older than itself.
         for (auto below = m_entries.begin(); below != m_entries.end();) {
             const Entry& b = below->second;
-            const bool drop = IsBelow(below->first.first, key.first) && b.st == St::WAITING &&
+            const bool drop = IsBelow(below->first.first, key.first) &&
+                              b.st == EventList2::WAITING &&
                               b.ev.isServerEvent() == now.isServerEvent() &&
                               (now.isLocalEvent() || b.ev.m_sync_id < now.m_sync_id);
             below = drop ? m_entries.erase(below) : std::next(below);
@@ -111,7 +110,7 @@ class Model {
     }
     bool HasHeldBelow(const std::string& path) const {
         for (const auto& [key, entry] : m_entries)
-            if (entry.st == St::HELD && IsBelow(key.first, path)) return true;
+            if (entry.st == EventList2::PROCESSING && IsBelow(key.first, path)) return true;
         return false;
     }
     int Count(bool server) const {
@@ -129,12 +128,6 @@ void ExpectSameEvent(const Event& tree, const Event& model) {
     EXPECT_EQ(tree.m_mode & ~kStatBits, model.m_mode);
     EXPECT_EQ(tree.m_sync_id, model.m_sync_id);
     EXPECT_EQ(tree.m_data_hash, model.m_data_hash);
-}
-
-St ModelState(EventList2::Status s) {
-    return s == EventList2::WAITING      ? St::WAITING
-           : s == EventList2::PROCESSING ? St::HELD
-                                         : St::RETRY;
 }
 
 class Simulation {
@@ -156,7 +149,8 @@ class Simulation {
     // Workers finish everything they hold and take whatever is left, until nothing is.
     void Drain() {
         for (int round = 0; round < 10000 && !m_model.entries().empty(); ++round) {
-            const bool any_held = AnyHeld();
+            const bool any_held = std::any_of(m_held.begin(), m_held.end(),
+                                              [](const auto& h) { return h.has_value(); });
             if (!PopAny() && !any_held) {
                 ADD_FAILURE() << "events pending, none held, none handed out";
                 return;
@@ -178,7 +172,7 @@ class Simulation {
                  cut = key.first.rfind('/', cut - 1)) {
                 const std::string dir = key.first.substr(0, cut);
                 leads_somewhere[dir] = true;
-                if (entry.st != St::HELD) continue;
+                if (entry.st != EventList2::PROCESSING) continue;
                 auto& counts = held_below[dir];
                 ++(entry.ev.isServerEvent() ? counts.first : counts.second);
             }
@@ -201,7 +195,7 @@ class Simulation {
                 ADD_FAILURE() << "tree holds an event the model dropped";
                 continue;
             }
-            EXPECT_EQ(ModelState(n.status), it->second.st);
+            EXPECT_EQ(n.status, it->second.st);
             ExpectSameEvent(n.event, it->second.ev);
         }
         EXPECT_EQ(with_event, m_model.entries().size());
@@ -227,11 +221,6 @@ class Simulation {
         m_model.Push(e);
     }
 
-    bool AnyHeld() const {
-        return std::any_of(m_held.begin(), m_held.end(),
-                           [](const auto& h) { return h.has_value(); });
-    }
-
     bool PopAny() {
         for (auto& slot : m_held) {
             if (slot) continue;
@@ -244,13 +233,13 @@ class Simulation {
                 ADD_FAILURE() << "handed out an event the model does not hold";
                 return false;
             }
-            EXPECT_EQ(it->second.st, St::WAITING) << "a second hand-out of one path";
+            EXPECT_EQ(it->second.st, EventList2::WAITING) << "a second hand-out of one path";
             ExpectSameEvent(e, it->second.ev);
             EXPECT_FALSE(m_model.HasPendingAncestor(path)) << "a child before its parent";
             if (e.isDir()) {
                 EXPECT_FALSE(m_model.HasHeldBelow(path));
             }
-            it->second.st = St::HELD;
+            it->second.st = EventList2::PROCESSING;
             slot = e;
             return true;
         }
@@ -269,11 +258,11 @@ class Simulation {
         ASSERT_NE(it, m_model.entries().end()) << "a held event vanished";
         if (give_back) {
             ASSERT_EQ(m_tree.Redo(held.m_path, held.isDir()), 0);
-            it->second.st = St::WAITING;
+            it->second.st = EventList2::WAITING;
             return;
         }
         const int done = m_tree.DoneEvent(held);
-        if (it->second.st == St::HELD) {
+        if (it->second.st == EventList2::PROCESSING) {
             EXPECT_EQ(done, 0);
             m_model.entries().erase(it);
             return;
@@ -284,7 +273,7 @@ class Simulation {
         ASSERT_EQ(m_tree.Pop(held.m_path, held.isDir(), newer), 0);
         EXPECT_EQ(newer.isDir(), held.isDir());
         ExpectSameEvent(newer, it->second.ev);
-        it->second.st = St::HELD;
+        it->second.st = EventList2::PROCESSING;
         slot = newer;
     }
 

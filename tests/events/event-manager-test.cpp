@@ -37,19 +37,6 @@ TEST_F(Turns, SessionsAlternateAndServerEventsCountUntilDone) {
     EXPECT_EQ(mgr.GetPendingServerEvent(2), 0);
 }
 
-TEST_F(Turns, BlockedSessionGivesMinusOneAndKeepsItsPlace) {
-    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/d", DIR_NODE)));
-    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/d/f")));
-    RecordingTask a, b;
-    Event held, e;
-    ASSERT_EQ(mgr.PullEvent(&a, held), 0);
-    EXPECT_EQ(mgr.PullEvent(&b, e), -1);  // /d/f waits for its parent
-    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 2);
-    ASSERT_EQ(mgr.DoneEvent(&a, held), 0);
-    ASSERT_EQ(mgr.PullEvent(&b, e), 0);
-    EXPECT_EQ(e.m_path, ustring("/d/f"));
-}
-
 TEST_F(Turns, UnknownSessionsBrokenPathsAndFileExpandsAreDropped) {
     mgr.PushLocalEvent(In(99, Local(Event::EV_MODIFY, "/x")));
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/bad\xff\xfe")));
@@ -177,16 +164,16 @@ using StatusAndNotices = ManagerFixture;
 
 // Pending changes (not walks) are marked syncing and told to the listener.
 TEST_F(StatusAndNotices, PendingPathsAreMarkedSyncingAndHeardOf) {
-    UIListener listener;
+    loopback::Listener listener;
     SetUIPort(listener.port());
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/docs/a.txt")));
     mgr.PushServerEvent(In(2, Server(Event::EV_REMOVE, "/pics", 8, DIR_NODE)));
     mgr.IssueExpand(1, "/walked");
-    PObject first = listener.Next();
+    PObject first = NextNotice(listener);
     EXPECT_EQ(first["notify"].asString(), ustring("syncing_file"));
     EXPECT_EQ(first["session_id"].asUInt64(), 1u);
     EXPECT_EQ(first["path"].asString(), ustring("/docs/a.txt"));
-    PObject second = listener.Next();
+    PObject second = NextNotice(listener);
     EXPECT_EQ(second["session_id"].asUInt64(), 2u);
     EXPECT_EQ(second["is_dir"].asUInt64(), 1u);
     EXPECT_EQ(second["event_type"].asUInt64(), static_cast<uint64_t>(Event::EV_REMOVE));

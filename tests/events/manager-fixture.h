@@ -1,5 +1,5 @@
-// manager-fixture.h: a real loopback listener standing in for the controlling
-// process's notification port; and an EventManager on a Registry of its own, with real
+// manager-fixture.h: notifications read from a real loopback listener standing in for
+// the controlling process's port; and an EventManager on a Registry of its own, with real
 // session folders, a real status database, a notification port nobody listens on and a
 // log file of its own.
 #pragma once
@@ -14,10 +14,10 @@
 #include "events/ui-ipc.h"
 #include "foundation/log.h"
 #include "foundation/settings.h"
-#include "platform/net.h"
 #include "runtime/registry.h"
 #include "runtime/task.h"
 #include "state/file-status-db.h"
+#include "support/loopback.h"
 #include "support/temp-dir.h"
 
 namespace evtest {
@@ -30,45 +30,25 @@ inline void SetUIPort(int port) {
     ASSERT_EQ(Settings::getInstance().getUIPort(), port);
 }
 
-class UIListener {
-  public:
-    UIListener() {
-        platform::net_init();
-        m_socket = platform::tcp_socket();
-        if (m_socket == platform::kInvalidSocket || platform::bind_loopback(m_socket, 0) < 0 ||
-            platform::listen_socket(m_socket, 64) < 0)
-            ADD_FAILURE() << "can't listen on loopback";
-        m_port = platform::local_port(m_socket);
-    }
-    ~UIListener() { Close(); }
-    UIListener(const UIListener&) = delete;
-    UIListener& operator=(const UIListener&) = delete;
+// A port nothing listens on: notifications to it are refused at once.
+inline int UnheardPort() {
+    return loopback::Listener().port();
+}
 
-    int port() const { return m_port; }
-    void Close() {
-        if (m_socket != platform::kInvalidSocket) platform::close_socket(m_socket);
-        m_socket = platform::kInvalidSocket;
-    }
-
-    // Accepts the next notification and decodes it; a null object when none can be read.
-    PObject Next() {
-        PObject obj;
-        platform::socket_t peer = platform::accept_socket(m_socket);
-        if (peer == platform::kInvalidSocket) return obj;
-        UI_IPC ipc;
-        if (ipc.Open(peer) < 0) {
-            platform::close_socket(peer);
-            return obj;
-        }
-        if (ipc.Recv(obj) < 0) obj.clear();
-        ipc.Destroy();
-        return obj;
-    }
-
-  private:
-    platform::socket_t m_socket = platform::kInvalidSocket;
-    int m_port = -1;
-};
+// Accepts the next notification on `listener` and decodes it; a null object when none
+// can be read.
+inline PObject NextNotice(loopback::Listener& listener) {
+    PObject obj;
+    UI_IPC ipc;
+    const int peer = listener.accept();
+    if (peer < 0) return obj;
+    if (ipc.Open(peer) < 0)
+        ::close(peer);
+    else if (ipc.Recv(obj) < 0)
+        obj.clear();
+    ipc.Destroy();
+    return obj;
+}
 
 // A task that only records being told to abort.
 class RecordingTask : public Task {
@@ -86,12 +66,7 @@ class ManagerFixture : public ::testing::Test {
         // Every push reports to the unheard port; that goes to a log of the test's own.
         ASSERT_EQ(Logger::Initialize(Logger::FILE_LOGGER, (dir / "daemon.log").c_str(), "", 2), 0);
         ASSERT_EQ(FileStatusDB::initialize((dir / "fstat.sqlite").c_str()), 0);
-        int closed_port;
-        {
-            UIListener gone;
-            closed_port = gone.port();
-        }
-        SetUIPort(closed_port);
+        SetUIPort(UnheardPort());
         AddSession(1);
         AddSession(2);
     }
