@@ -62,15 +62,7 @@ TEST(ConfigGrammar, EachLineFormIsAcceptedOrRejected) {
     }
 }
 
-TEST(ConfigGrammar, LaterKeysReplaceEarlierAndCrLfIsTolerated) {
-    Config::map_type out;
-    std::string text = "a = 1\r\nb = 2\r\na = 3\r\n";
-    ASSERT_EQ(Config::parse(text.data(), text.size(), out), 0);
-    EXPECT_EQ(out["a"], ustring("3"));
-    EXPECT_EQ(out["b"], ustring("2"));
-}
-
-TEST(ConfigFile, MissingOrEmptyFilesAndIntegerValues) {
+TEST(ConfigFile, MissingFilesFailAndLaterKeysReplaceEarlier) {
     TempDir dir;
     Config::map_type out;
     EXPECT_EQ(Config::read("", out), -1);
@@ -78,6 +70,10 @@ TEST(ConfigFile, MissingOrEmptyFilesAndIntegerValues) {
     dir.write("empty", "");
     EXPECT_EQ(Config::read(dir.path() + "/empty", out), 0);
     EXPECT_TRUE(out.empty());
+    dir.write("crlf", "a = 1\r\nb = 2\r\na = 3\r\n");
+    ASSERT_EQ(Config::read(dir.path() + "/crlf", out), 0);
+    EXPECT_EQ(out["a"], ustring("3"));
+    EXPECT_EQ(out["b"], ustring("2"));
     EXPECT_EQ(Config::get_int("-7"), -7);
     EXPECT_EQ(Config::get_int("abc"), 0);
     EXPECT_EQ(Config::get_int("12abc"), 12) << "leading decimals only";

@@ -87,7 +87,6 @@ TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
 }
 
 TEST(UstringOrder, ComparesUnsignedBytesAndFoldsAsciiOnly) {
-    EXPECT_LT(ustring("a"), ustring("b"));
     EXPECT_LT(ustring("Z"), ustring("a"));
     EXPECT_LT(ustring("z"), ustring("\xC3\xA9"));  // a high byte is larger, not negative
     EXPECT_LT(ustring("ab"), ustring("abc"));
