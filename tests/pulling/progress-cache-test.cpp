@@ -16,7 +16,6 @@ ResumeCondition condition(uint64_t sess, uint64_t sync, const char* desc) {
 TEST(ProgressCacheList, EntriesComeHeadFirstAndStayUntilRemoved) {
     ProgressCache cache;
     ProgressCache::Entry e;
-    EXPECT_FALSE(cache.getProgressEntry(e));
     cache.addProgressEntry(7, condition(1, 10, "iso"));
     cache.addProgressEntry(8, condition(2, 20, "mkv"));
     cache.addProgressEntry(9, condition(3, 30, "avi"));

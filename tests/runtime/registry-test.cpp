@@ -35,7 +35,6 @@ TEST(Registry, FindNextWalksInIdOrderAndWrapsAround) {
         ASSERT_EQ(table.FindNext(from, e), 1);
         EXPECT_EQ(e.sess_id, next) << "after " << from;
     }
-    EXPECT_EQ(table.Size(), 3u);
 }
 
 TEST(Registry, SetOverwritesAndRecycleTimeKeepsTheEarliest) {

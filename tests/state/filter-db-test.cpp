@@ -72,8 +72,7 @@ TEST_F(FilterDBFile, RulesAreKeptBySessionTypeAndTextAndComeBackByKind) {
     EXPECT_EQ(descs(one.black_name), "Big.bin@30|big.bin@10");
     EXPECT_EQ(descs(one.black_ext), "big.bin@40");
     EXPECT_EQ(descs(one.black_prefix), "/Music@2");
-    EXPECT_EQ(one.black_size.filter_desc, ustring("123"));
-    EXPECT_EQ(one.black_size.sync_id, 5u);
+    EXPECT_EQ(descs({one.black_size}), "123@5");
     EXPECT_TRUE(Logged(log(), "Unknow filter_type: 18446744073709551611"));
     EXPECT_EQ(descs(two.black_name), "big.bin@50");
     EXPECT_EQ(descs(two.black_prefix), "/Photos@1");
@@ -87,8 +86,7 @@ TEST_F(FilterDBFile, SizeRuleIsSetUpdatedAndRemovedOnlyByItsExactLimit) {
     ASSERT_EQ(db.updateSizeFilter(1, 100, 10737418240ull), 0);
     ASSERT_EQ(db.rmSizeFilter(1, 100), 0);  // no longer its limit
     ASSERT_EQ(db.getSizeFilter(1, size), 0);
-    EXPECT_EQ(size.filter_desc, ustring("10737418240"));
-    EXPECT_EQ(size.sync_id, 5u);
+    EXPECT_EQ(descs({size}), "10737418240@5");
     ASSERT_EQ(db.rmSizeFilter(1, 10737418240ull), 0);
     size = FilterInfo{7, "kept"};
     ASSERT_EQ(db.getSizeFilter(1, size), 0);
@@ -291,8 +289,7 @@ TEST(SelectiveSyncConversion, FilterFileRulesByKindWithRepeatsCollapsed) {
     EXPECT_EQ(descs(info.black_prefix), "/Photos@77");
     EXPECT_EQ(descs(info.black_name), "big.bin@77");
     EXPECT_EQ(descs(info.black_ext), "ISO@77|iso@77");
-    EXPECT_EQ(info.black_size.filter_desc, ustring("1048576"));
-    EXPECT_EQ(info.black_size.sync_id, 77u);
+    EXPECT_EQ(descs({info.black_size}), "1048576@77");
     filter_destroy(&f);
 }
 
