@@ -1,6 +1,7 @@
-// The file layer under the delta engine: the buffered file view over a ring small enough to
-// force every wrap. The plain file operations and the asynchronous writes are exercised by
-// every copy, signature and patch the readers make, their failures included.
+// The file layer under the delta engine: buffered reads over a ring small enough to force
+// every wrap, which no delta reaches with the engine's 1 MiB ring. Buffered writes (the
+// reverse deltas rdiff reads back), plain file operations and asynchronous writes are
+// exercised by every copy, signature and patch the readers make, their failures included.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -11,7 +12,7 @@
 
 using namespace deltatest;
 
-TEST(XioBufferedFile, ReadsAndWritesLargerThanTheRingKeepByteOrder) {
+TEST(XioBufferedFile, ReadsLargerThanTheRingKeepByteOrder) {
     TempDir dir;
     std::string content = randomBytes(5000, 1);
     writeFile(dir / "in", content);
@@ -32,16 +33,4 @@ TEST(XioBufferedFile, ReadsAndWritesLargerThanTheRingKeepByteOrder) {
     fd_bio_unload(bio);
     EXPECT_TRUE(fd_is_open(fd));
     fd_close(fd);
-
-    ASSERT_EQ(fd_open_write((dir / "out").c_str(), fd), 0);
-    fd_bio_load(bio, fd, 16);
-    size_t written = 0;
-    for (size_t n : {4, 40, 10, 10, 7, 13}) {
-        EXPECT_EQ(fd_bio_write(bio, content.data() + written, n), 0);
-        written += n;
-    }
-    EXPECT_EQ(fd_bio_flush(bio), 0);
-    fd_bio_unload(bio);
-    fd_close(fd);
-    EXPECT_TRUE(readFile(dir / "out") == content.substr(0, written));
 }

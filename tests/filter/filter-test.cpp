@@ -182,13 +182,6 @@ TEST_F(LoadedFilter, SizesAndAttributeNames) {
     EXPECT_EQ(filter_test_full_path_size(&filter, ~0ull), 0);
 }
 
-TEST_F(LoadedFilter, OverlongComponentIsTestedInSlices) {
-    filter.Common.max_length = 0;
-    EXPECT_EQ(filter_test_path(&filter, 1, ("/" + std::string(511, 'x') + ".git").c_str()),
-              FILTER_NAME);
-    EXPECT_EQ(filter_test_path(&filter, 1, ("/" + std::string(510, 'x') + ".git").c_str()), 0);
-}
-
 std::string print(const Filter& f) {
     char* buf = nullptr;
     size_t len = 0;
@@ -236,7 +229,6 @@ TEST_F(LoadedFilter, WrittenFilterReadsBackAsTheSameRules) {
     for (size_t i = 0; i < again.File.black_name.used; ++i)
         EXPECT_STREQ(again.File.black_name.set[i], filter.File.black_name.set[i]);
     EXPECT_EQ(again.Common.black_prefix.used, 14u);
-    EXPECT_EQ(again.Common.max_path, ~0ull);
     filter_destroy(&again);
 
     // A folder that can't be written to: the call fails.
