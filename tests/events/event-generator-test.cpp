@@ -54,13 +54,11 @@ class EventGenerator : public ::testing::Test {
         info.path = path.c_str();
         info.isExist = 1;
         info.syncID = sync_id;
-        info.maxSyncID = sync_id;
         info.fileSize = 11;
         info.fileModTime = 1650000000;
         info.fileCheckSum = "0123abcd";
         info.macHash = "feed";
         info.execBit = 1;
-        info.updateClient = "client";
         ASSERT_EQ(db.setEventInfo(info), 0);
     }
 
