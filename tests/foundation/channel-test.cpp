@@ -114,12 +114,11 @@ std::thread raise_later(int& flag, int ms) {
 }
 
 TEST(ChannelConcurrency, AbortFlagEndsABlockedReadAndABlockedFlush) {
-    loopback::Pair pair;
+    Wired w;
+    Channel& ch = w.ch;
     int small = 4096;
-    ::setsockopt(pair.a, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
-    ::setsockopt(pair.b, SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
-    Channel ch;
-    ASSERT_EQ(ch.Open(pair.take_b(), true), 0);
+    ::setsockopt(w.peer, SOL_SOCKET, SO_RCVBUF, &small, sizeof small);
+    ::setsockopt(ch.GetSocket(), SOL_SOCKET, SO_SNDBUF, &small, sizeof small);
     int abort_flag = 0;
     ch.SetFlag(&abort_flag);
     ch.SetTimeout(0);  // never time out: only the flag can end a wait

@@ -14,6 +14,7 @@
 #include <optional>
 #include <set>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "disk.h"
@@ -27,10 +28,6 @@ using tbtest::FaultFileSystem;
 using tbtest::FsOp;
 using tbtest::ScopedFileSystem;
 
-void make_dir(const std::string& path) {
-    ASSERT_EQ(::mkdir(path.c_str(), 0755), 0) << path;
-}
-
 // Every test runs on the fault-injecting file system, which forwards until told otherwise.
 class FileOpTest : public ::testing::Test {
   protected:
@@ -42,7 +39,7 @@ class FileOpTest : public ::testing::Test {
     void make(std::initializer_list<std::string> entries) {
         for (const std::string& e : entries) {
             if (e.back() == '/') {
-                make_dir(p(e));
+                ASSERT_EQ(::mkdir(p(e).c_str(), 0755), 0) << e;
             } else {
                 dir.write(e, e);
             }
@@ -54,7 +51,7 @@ class FileOpTest : public ::testing::Test {
 
 TEST_F(FileOpTest, StatReportsEachKindOfObject) {
     dir.write("file", "12345");
-    make_dir(p("sub"));
+    make({"sub/"});
     ASSERT_EQ(::symlink("file", p("link").c_str()), 0);
     ASSERT_EQ(::mkfifo(p("fifo").c_str(), 0644), 0);
 
@@ -114,7 +111,7 @@ TEST_F(FileOpTest, OnlyAFoldingVolumeFindsOtherSpellings) {
     EXPECT_TRUE(IsFileExist(p("Report.txt"), true));
     EXPECT_FALSE(IsFileExist(p("report.txt"), false));
 
-    make_dir(p("a"));
+    make({"a/"});
     ustring path(p("a") + "//");
     ASSERT_EQ(FSGetRealPath(path), 0);
     EXPECT_EQ(path, ustring(p("a"))) << "trailing separators are dropped";
@@ -179,7 +176,7 @@ TEST_F(FileOpTest, ReadDirDeliversEveryNameWithTypeAndOptionalTimes) {
     EXPECT_EQ(without["f"].size, 0u);
     EXPECT_EQ(without["f"].mtime, 0u);
 
-    make_dir(p("gone"));
+    make({"gone/"});
     DIR_HANDLE dh;
     ASSERT_EQ(FSOpenDir(p("gone"), 1, dh), 0) << "opening touches nothing";
     ASSERT_EQ(::rmdir(p("gone").c_str()), 0);
@@ -277,7 +274,7 @@ class RemoveTest : public FileOpTest {
     void SetUp() override {
         if (const char* v = std::getenv("XDG_DATA_HOME")) old_xdg = v;
         ::setenv("XDG_DATA_HOME", p("xdg").c_str(), 1);
-        make_dir(p("data"));
+        make({"data/"});
     }
     void TearDown() override {
         if (old_xdg)
@@ -470,22 +467,17 @@ TEST_F(FileOpTest, LockedMeansAnotherHoldsALockOrAccessIsRefused) {
     EXPECT_FALSE(isFileLocked(p("f"), FS_GENERIC_READ));
 
     // Refused access is a lock; other failures are not.
-    struct Case {
-        FsOp op;
-        int err;
-        uint32_t flag;
-        bool locked;
-    };
-    for (const Case& c : {Case{FsOp::kOpen, EACCES, FS_GENERIC_READ, true},
-                          Case{FsOp::kOpen, EBUSY, FS_GENERIC_READ, true},
-                          Case{FsOp::kAccess, EACCES, FS_GENERIC_WRITE, true},
-                          Case{FsOp::kAccess, EROFS, FS_GENERIC_WRITE, true},
-                          Case{FsOp::kAccess, EACCES, FS_DELETE, true},
-                          Case{FsOp::kOpen, ENOENT, FS_GENERIC_READ, false},
-                          Case{FsOp::kAccess, ENOENT, FS_DELETE, false}}) {
-        fs.FailNth(c.op, 1, c.err, true);
-        EXPECT_EQ(isFileLocked(p("f"), c.flag), c.locked) << int(c.op) << " " << c.err;
-        fs.Heal(c.op);
+    using C = std::tuple<FsOp, int, uint32_t, bool>;
+    for (auto [op, err, flag, locked] :
+         {C{FsOp::kOpen, EACCES, FS_GENERIC_READ, true},
+          C{FsOp::kOpen, EBUSY, FS_GENERIC_READ, true},
+          C{FsOp::kAccess, EACCES, FS_GENERIC_WRITE, true},
+          C{FsOp::kAccess, EROFS, FS_GENERIC_WRITE, true},
+          C{FsOp::kAccess, EACCES, FS_DELETE, true}, C{FsOp::kOpen, ENOENT, FS_GENERIC_READ, false},
+          C{FsOp::kAccess, ENOENT, FS_DELETE, false}}) {
+        fs.FailNth(op, 1, err, true);
+        EXPECT_EQ(isFileLocked(p("f"), flag), locked) << int(op) << " " << err;
+        fs.Heal(op);
     }
 }
 

@@ -76,11 +76,6 @@ TEST(PStreamEncoding, EveryKindHasItsTagAndBody) {
     PObject array;
     array = PObject::array_type{PObject(uint64_t{1}), PObject("x"), PObject()};
     EXPECT_EQ(encode(array), B({0x41, 0x01, 0x01, 0x01, 0x10, 0x00, 0x01, 'x', 0x00, 0x00, 0x40}));
-    PObject nested;
-    nested["m"]["n"] = PObject::array_type{};
-    nested["z"] = PObject();
-    EXPECT_EQ(encode(nested), B({0x42}) + key("m") + B({0x42}) + key("n") + B({0x41, 0x40, 0x40}) +
-                                  key("z") + B({0x00, 0x00, 0x40}));
     // A long text keeps all its bytes but its length is cut to 16 bits.
     std::string text(65539, 'x');
     EXPECT_EQ(encode(PObject(text.c_str())), B({0x10, 0x00, 0x03}) + text);
