@@ -166,10 +166,7 @@ class DetectorFixture : public ::testing::Test {
         Registry::getInstance().Set(entry);
     }
     void TearDown() override {
-        if (detector) {
-            detector->Stop();
-            detector->Join();
-        }
+        detector.reset();  // stops and joins the thread
         Registry::getInstance().Remove(kSess);
         db.destroy();
     }

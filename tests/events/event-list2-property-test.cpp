@@ -76,13 +76,12 @@ Event ModelMerge(const Event& p, const Event& a) {
     return out;
 }
 
-class Model {
-  public:
+struct Model {
     void Push(const Event& e) {
         const Key key{e.m_path.str(), e.isDir()};
-        auto it = m_entries.find(key);
-        if (it == m_entries.end()) {
-            it = m_entries.emplace(key, Entry{e, EventList2::WAITING}).first;
+        auto it = entries.find(key);
+        if (it == entries.end()) {
+            it = entries.emplace(key, Entry{e, EventList2::WAITING}).first;
         } else {
             it->second.ev = ModelMerge(it->second.ev, e);
             if (it->second.st == EventList2::PROCESSING) it->second.st = EventList2::RETRY;
@@ -91,36 +90,27 @@ class Model {
         if (!key.second || now.m_type != Event::EV_REMOVE) return;
         // A directory removal supersedes waiting events of its side below it; a server
         // removal only those older than itself.
-        for (auto below = m_entries.begin(); below != m_entries.end();) {
+        for (auto below = entries.begin(); below != entries.end();) {
             const Entry& b = below->second;
             const bool drop = IsBelow(below->first.first, key.first) &&
                               b.st == EventList2::WAITING &&
                               b.ev.isServerEvent() == now.isServerEvent() &&
                               (now.isLocalEvent() || b.ev.m_sync_id < now.m_sync_id);
-            below = drop ? m_entries.erase(below) : std::next(below);
+            below = drop ? entries.erase(below) : std::next(below);
         }
     }
 
-    std::map<Key, Entry>& entries() { return m_entries; }
-
     bool HasPendingAncestor(const std::string& path) const {
-        for (const auto& [key, entry] : m_entries)
+        for (const auto& [key, entry] : entries)
             if (key.second && IsBelow(path, key.first)) return true;
         return false;
     }
     bool HasHeldBelow(const std::string& path) const {
-        for (const auto& [key, entry] : m_entries)
+        for (const auto& [key, entry] : entries)
             if (entry.st == EventList2::PROCESSING && IsBelow(key.first, path)) return true;
         return false;
     }
-    int Count(bool server) const {
-        int n = 0;
-        for (const auto& [key, entry] : m_entries) n += entry.ev.isServerEvent() == server;
-        return n;
-    }
-
-  private:
-    std::map<Key, Entry> m_entries;
+    std::map<Key, Entry> entries;
 };
 
 void ExpectSameEvent(const Event& tree, const Event& model) {
@@ -148,7 +138,7 @@ class Simulation {
 
     // Workers finish everything they hold and take whatever is left, until nothing is.
     void Drain() {
-        for (int round = 0; round < 10000 && !m_model.entries().empty(); ++round) {
+        for (int round = 0; round < 10000 && !m_model.entries.empty(); ++round) {
             const bool any_held = std::any_of(m_held.begin(), m_held.end(),
                                               [](const auto& h) { return h.has_value(); });
             if (!PopAny() && !any_held) {
@@ -157,17 +147,18 @@ class Simulation {
             }
             FinishOne(false);
         }
-        EXPECT_TRUE(m_model.entries().empty());
+        EXPECT_TRUE(m_model.entries.empty());
         EXPECT_TRUE(m_tree.IsEmpty());  // the counters are Check's
     }
 
     void Check() {
-        EXPECT_EQ(m_tree.GetLocalEventCount(), m_model.Count(false));
-        EXPECT_EQ(m_tree.GetServerEventCount(), m_model.Count(true));
-        // Per directory: held events below it by side, and whether anything is below.
+        // Per side, the events pending; per directory, held events below it by side,
+        // and whether anything is below.
+        int pending[2] = {0, 0};
         std::map<std::string, std::pair<int, int>> held_below;
         std::map<std::string, bool> leads_somewhere;
-        for (const auto& [key, entry] : m_model.entries()) {
+        for (const auto& [key, entry] : m_model.entries) {
+            ++pending[entry.ev.isServerEvent()];
             for (size_t cut = key.first.rfind('/'); cut != 0 && cut != std::string::npos;
                  cut = key.first.rfind('/', cut - 1)) {
                 const std::string dir = key.first.substr(0, cut);
@@ -177,6 +168,8 @@ class Simulation {
                 ++(entry.ev.isServerEvent() ? counts.first : counts.second);
             }
         }
+        EXPECT_EQ(m_tree.GetLocalEventCount(), pending[0]);
+        EXPECT_EQ(m_tree.GetServerEventCount(), pending[1]);
         size_t with_event = 0;
         for (const EventList2::NodeView& n : m_tree.Snapshot()) {
             const std::string path = n.path.str();
@@ -190,15 +183,15 @@ class Simulation {
                 continue;
             }
             ++with_event;
-            auto it = m_model.entries().find(Key{path, n.is_dir});
-            if (it == m_model.entries().end()) {
+            auto it = m_model.entries.find(Key{path, n.is_dir});
+            if (it == m_model.entries.end()) {
                 ADD_FAILURE() << "tree holds an event the model dropped";
                 continue;
             }
             EXPECT_EQ(n.status, it->second.st);
             ExpectSameEvent(n.event, it->second.ev);
         }
-        EXPECT_EQ(with_event, m_model.entries().size());
+        EXPECT_EQ(with_event, m_model.entries.size());
     }
 
   private:
@@ -228,8 +221,8 @@ class Simulation {
             if (m_tree.Pop(e) != 0) return false;
             const std::string path = e.m_path.str();
             SCOPED_TRACE("popped " + path);
-            auto it = m_model.entries().find(Key{path, e.isDir()});
-            if (it == m_model.entries().end()) {
+            auto it = m_model.entries.find(Key{path, e.isDir()});
+            if (it == m_model.entries.end()) {
                 ADD_FAILURE() << "handed out an event the model does not hold";
                 return false;
             }
@@ -254,8 +247,8 @@ class Simulation {
         std::optional<Event>& slot = m_held[busy[m_rng() % busy.size()]];
         const Event held = *slot;
         slot.reset();
-        auto it = m_model.entries().find(Key{held.m_path.str(), held.isDir()});
-        ASSERT_NE(it, m_model.entries().end()) << "a held event vanished";
+        auto it = m_model.entries.find(Key{held.m_path.str(), held.isDir()});
+        ASSERT_NE(it, m_model.entries.end()) << "a held event vanished";
         if (give_back) {
             ASSERT_EQ(m_tree.Redo(held.m_path, held.isDir()), 0);
             it->second.st = EventList2::WAITING;
@@ -264,7 +257,7 @@ class Simulation {
         const int done = m_tree.DoneEvent(held);
         if (it->second.st == EventList2::PROCESSING) {
             EXPECT_EQ(done, 0);
-            m_model.entries().erase(it);
+            m_model.entries.erase(it);
             return;
         }
         // Changed while held: refused, and the newer event goes back to the same worker.

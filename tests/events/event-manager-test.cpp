@@ -32,8 +32,7 @@ TEST_F(Turns, SessionsAlternateAndServerEventsCountUntilDone) {
     }
     ASSERT_EQ(order.size(), 20u);
     for (size_t i = 0; i < order.size(); ++i) EXPECT_EQ(order[i], i % 2 == 0 ? 1u : 2u) << i;
-    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
-    EXPECT_EQ(mgr.GetAllPendingEventCount(2), 0);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1) + mgr.GetAllPendingEventCount(2), 0);
     EXPECT_EQ(mgr.GetPendingServerEvent(2), 0);
 }
 
@@ -71,14 +70,11 @@ TEST_F(HeldPaths, ChangesAreHandedBackAndOnlyALocalRemovalAborts) {
 
     ASSERT_EQ(mgr.DoneEvent(&uploader, up), -1);
     EXPECT_EQ(up.m_type, Event::EV_REMOVE);
-    EXPECT_TRUE(up.isLocalEvent());
     ASSERT_EQ(mgr.DoneEvent(&worker, doc), -1);
-    EXPECT_TRUE(doc.isServerEvent());
-    EXPECT_EQ(doc.m_sync_id, 31u);
+    EXPECT_EQ(doc.m_sync_id, 31u);  // the newest server change
     EXPECT_EQ(doc.m_type, Event::EV_REMOVE);
     Event none;
     EXPECT_EQ(mgr.PullEvent(&other, none), -1);  // the paths stay with their tasks
-    EXPECT_EQ(mgr.PullEvent(&other, none), -1);
     ASSERT_EQ(mgr.DoneEvent(&uploader, up), 0);
     ASSERT_EQ(mgr.DoneEvent(&worker, doc), 0);
     EXPECT_EQ(mgr.GetAllPendingEventCount(1) + mgr.GetAllPendingEventCount(2), 0);

@@ -12,6 +12,7 @@
 
 #include <chrono>
 #include <fstream>
+#include <iterator>
 #include <sstream>
 #include <string>
 #include <thread>
@@ -30,9 +31,7 @@ const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/
 
 std::string Slurp(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    std::stringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
+    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 // The controller watching, its output in files; killed if a test leaves it.
