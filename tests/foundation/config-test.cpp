@@ -91,7 +91,6 @@ TEST(SettingsLoad, SetsPresentKeysAndKeepsFieldsOnFailure) {
     EXPECT_EQ(s.getWorkerCount(), 5u);
     EXPECT_FALSE(s.useSSL());  // only the exact text "true" is true
     EXPECT_TRUE(s.isDaemon());
-    EXPECT_EQ(s.getUIPort(), 4000);
     EXPECT_EQ(s.getServerIp(), ustring("10.0.0.1"));
 
     dir.write("bad", "db_path = /other\nworker_count = two words\n");

@@ -52,21 +52,20 @@ TEST(UstringConversion, WideFormFollowsEditsButNotReplace) {
     EXPECT_EQ(ustring(std::string("hello"), 1, 3), ustring("ell"));
 }
 
-TEST(UstringEdit, SubstrUsesBytesAndThrowsPastTheEnd) {
+TEST(UstringEdit, SubstrUsesBytesAndTrimStripsOnlyTheGivenSet) {
     ustring s("caf\xC3\xA9!");
     EXPECT_EQ(s.substr(3, 2), ustring("\xC3\xA9"));
     EXPECT_EQ(s.substr(4), ustring("\xA9!"));
     EXPECT_EQ(s.substr(0, ustring::npos), s);
     EXPECT_EQ(s.substr(6), ustring(""));
     EXPECT_THROW(s.substr(7), std::out_of_range);
-}
 
-TEST(UstringEdit, TrimStripsOnlyTheGivenSet) {
-    ustring s("  -x y-  ");
-    EXPECT_EQ(ustring(s).trim(), ustring("-x y-"));
-    EXPECT_EQ(ustring(s).trim(" -"), ustring("x y"));
-    EXPECT_EQ(ustring(s).ltrim(" "), ustring("-x y-  "));
-    EXPECT_EQ(ustring(s).rtrim(" "), ustring("  -x y-"));
+    // Trimming strips only the given set.
+    ustring t("  -x y-  ");
+    EXPECT_EQ(ustring(t).trim(), ustring("-x y-"));
+    EXPECT_EQ(ustring(t).trim(" -"), ustring("x y"));
+    EXPECT_EQ(ustring(t).ltrim(" "), ustring("-x y-  "));
+    EXPECT_EQ(ustring(t).rtrim(" "), ustring("  -x y-"));
 }
 
 TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
