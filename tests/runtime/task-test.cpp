@@ -91,11 +91,11 @@ TEST(TaskConcurrency, RunStartsOneThreadAndJoinAllowsARestart) {
     EXPECT_EQ(task.runs.load(), 2);
 }
 
-// A five-second sleep that only its own time ended would fail the one-second bound.
+// A three-second sleep that only its own time ended would fail the one-second bound.
 TEST(TaskConcurrency, StopPauseOrDestructionCutsAWaitShort) {
     for (const std::string how : {"stop", "pause", "destroy"}) {
         SCOPED_TRACE(how);
-        auto task = std::make_unique<SleepingTask>(5);
+        auto task = std::make_unique<SleepingTask>(3);
         ASSERT_EQ(task->Run(), 0);
         ASSERT_TRUE(Eventually([&] { return task->entered.load(); }));
         const auto start = SteadyClock::now();
