@@ -142,7 +142,8 @@ TEST(ChannelConcurrency, AbortFlagEndsABlockedReadAndABlockedFlush) {
     ch.ClearWrite();  // nothing to flush on close: the peer still isn't reading
 }
 
-TEST(ChannelRings, WritesWaitForAFlushAFullRingOrTheCloseAndInt32IsBigEndian) {
+// Writes wait for a flush, a full ring or the close; reads keep what arrived.
+TEST(ChannelRings, WritesWaitAndReadsKeepWhatArrived) {
     Wired w;
     std::string big(Channel::kCapacity + 1, 'x');
     EXPECT_EQ(w.ch.Write(big.data(), big.size()), ERR_INVAL);
@@ -161,6 +162,13 @@ TEST(ChannelRings, WritesWaitForAFlushAFullRingOrTheCloseAndInt32IsBigEndian) {
     uint32_t v = 0;
     ASSERT_EQ(w.ch.ReadInt32(v), 0);
     EXPECT_EQ(v, 0xF1020304u);
+    // A peer closing mid-read gives an I/O error and what did arrive.
+    loopback::write_all(w.peer, "12345");
+    ::shutdown(w.peer, SHUT_WR);
+    char buf[10];
+    size_t got = 0;
+    EXPECT_EQ(w.ch.Read(buf, sizeof buf, got), ERR_IO);
+    EXPECT_EQ(std::string(buf, got), "12345");
     ASSERT_EQ(w.ch.Write("tail", 4), 0);
     w.ch.Close();
     EXPECT_EQ(loopback::read_some(w.peer), "tail");

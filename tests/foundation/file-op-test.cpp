@@ -157,7 +157,6 @@ TEST_F(FileOpTest, ReadDirDeliversEveryNameWithTypeAndOptionalTimes) {
 
     auto with = list_all(dir.path(), 1);
     ASSERT_EQ(with.size(), 6u);
-    EXPECT_EQ(with[".."].type, FT_DIR);
     EXPECT_EQ(with["f"].type, FT_FILE);
     EXPECT_EQ(with["f"].size, 1u);
     EXPECT_EQ(with["f"].mtime, 1234567890u);
@@ -497,9 +496,6 @@ TEST_F(FileOpTest, MktempMakesAFreshEmptyFileUnderANewName) {
     EXPECT_EQ(fs.Calls(FsOp::kOpen) - opens, 2) << "a taken name asks for another";
     fs.FailNth(FsOp::kOpen, 1, EEXIST, true);
     EXPECT_EQ(FSMktemp(dir.path(), a), -1) << "gives up in the end";
-
-    ASSERT_EQ(FSCreateTempPath(dir.path(), b), 0);
-    EXPECT_FALSE(exists(b.str())) << "a temporary path is only a name";
 }
 
 }  // namespace
