@@ -73,7 +73,10 @@ void TempFile::remove() {
     Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] utility(%d): removing TempFile '%s'\n", __LINE__,
                    path.c_str_utf8());
     FSRemove(path, false);
+    // The copies keep the emptied counter, so none of them deletes anything later; this
+    // object starts a counter of its own, so a file it creates next is not tied to them.
     *ref = 0;
+    ref = std::make_shared<int>(0);
     path.clear();
 }
 

@@ -73,12 +73,20 @@ TEST_F(TempFileTest, CreateRefusesAnOwnerAndRemoveActsForEveryCopy) {
     ustring path = a.getPath();
     EXPECT_EQ(a.create(), -1);
     EXPECT_EQ(a.getPath(), path);
-    TempFile b(a);
-    a.remove();
-    EXPECT_FALSE(on_disk(path));
-    EXPECT_TRUE(a.getPath().empty());
-    EXPECT_EQ(a.create(), 0) << "an emptied owner can make a new file";
-    EXPECT_NE(a.getPath(), path);
+    ustring fresh;
+    {
+        TempFile b(a);
+        a.remove();
+        EXPECT_FALSE(on_disk(path));
+        EXPECT_TRUE(a.getPath().empty());
+        EXPECT_EQ(a.create(), 0) << "an emptied owner can make a new file";
+        fresh = a.getPath();
+        EXPECT_NE(fresh, path);
+        TempFile c(a);
+    }
+    EXPECT_TRUE(on_disk(fresh)) << "the old copy going away leaves the new file to its owner";
+    a = TempFile(prefix);
+    EXPECT_FALSE(on_disk(fresh)) << "and its last owner deletes it";
 
     ASSERT_EQ(TempFile::initialize(prefix), 0);
     TempFile by_default;
