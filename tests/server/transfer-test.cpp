@@ -131,6 +131,7 @@ TEST_F(TransferFixture, DryRunFindsStoredContentAndAReferUploadTakesIt) {
     EXPECT_TRUE(h.Stored("/copy/b") == ReadFile(a));
 
     // Content of another size is not the stored one.
+    dry["path"] = "/c";
     dry["file"]["size"] = uint64_t{29999};
     EXPECT_EQ(client.Ask(SCMD_EVT_RECV_4, dry)["file"]["file_id"].asUInt64(), 0u);
     refer["path"] = "/d";
