@@ -35,6 +35,8 @@ TEST_F(EventManagerConcurrency, ChangesWhileHeldComeBackToTheSameWorkerNewestLas
 
     auto version_of = [](const Event& e) { return std::stoi(e.m_data_hash.str()); };
     auto pending = [&] { return mgr.GetAllPendingEventCount(1) + mgr.GetAllPendingEventCount(2); };
+    // Events the manager strands would keep the workers polling forever: fail instead.
+    const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(60);
     std::vector<std::thread> workers;
     for (int w = 0; w < 3; ++w) {
         workers.emplace_back([&] {
@@ -43,6 +45,10 @@ TEST_F(EventManagerConcurrency, ChangesWhileHeldComeBackToTheSameWorkerNewestLas
             for (;;) {
                 if (mgr.PullEvent(&self, e) != 0) {
                     if (!producing.load() && pending() == 0) return;
+                    if (std::chrono::steady_clock::now() > deadline) {
+                        ADD_FAILURE() << pending() << " events never came out";
+                        return;
+                    }
                     std::this_thread::yield();
                     continue;
                 }
