@@ -92,11 +92,11 @@ int FilterDB::destroy() {
     return 0;
 }
 
-int FilterDB::execLocked(const char* op, char* sql) {
+bool FilterDB::readyLocked(const char* op, char* sql) {
     if (sql == nullptr) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] filter-db(%d): FilterDB: Failed to sqlite3_mprintf.\n", __LINE__);
-        return -1;
+        return false;
     }
     Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] filter-db(%d): %s sql : %s\n", __LINE__, op,
                    sql);
@@ -104,8 +104,13 @@ int FilterDB::execLocked(const char* op, char* sql) {
         Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] filter-db(%d): FilterDB %s fail: %s (%d).\n",
                        __LINE__, op, "database is not open", SQLITE_MISUSE);
         sqlite3_free(sql);
-        return -1;
+        return false;
     }
+    return true;
+}
+
+int FilterDB::execLocked(const char* op, char* sql) {
+    if (!readyLocked(op, sql)) return -1;
     char* err = nullptr;
     int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, &err);
     sqlite3_free(sql);
@@ -119,19 +124,7 @@ int FilterDB::execLocked(const char* op, char* sql) {
 }
 
 sqlite3_stmt* FilterDB::prepareLocked(const char* op, char* sql) {
-    if (sql == nullptr) {
-        Logger::LogMsg(Logger::L_ERR, kLog,
-                       "[ERROR] filter-db(%d): FilterDB: Failed to sqlite3_mprintf.\n", __LINE__);
-        return nullptr;
-    }
-    Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] filter-db(%d): %s sql : %s\n", __LINE__, op,
-                   sql);
-    if (m_db == nullptr) {
-        Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] filter-db(%d): FilterDB %s fail: %s (%d).\n",
-                       __LINE__, op, "database is not open", SQLITE_MISUSE);
-        sqlite3_free(sql);
-        return nullptr;
-    }
+    if (!readyLocked(op, sql)) return nullptr;
     sqlite3_stmt* stmt = nullptr;
     int rc = sqlite3_prepare_v2(m_db, sql, -1, &stmt, nullptr);
     sqlite3_free(sql);

@@ -88,6 +88,9 @@ class FilterDB {
     int checkEventOverflow(int& overflow);
 
   private:
+    // Logs a statement made by sqlite3_mprintf and checks that it and the database exist;
+    // false, with `sql` freed and the failure logged, when either is missing.
+    bool readyLocked(const char* op, char* sql);
     // Runs a statement made by sqlite3_mprintf (null when that failed), which it frees.
     // Caller holds m_db_mutex.
     int execLocked(const char* op, char* sql);
