@@ -40,6 +40,15 @@ void FillFileKeys(PObject& obj, const Event& e) {
     obj["is_dir"] = static_cast<uint64_t>(e.m_mode & Event::F_DIR);
 }
 
+// A notice about one file event: what it is, the file and the kind of change.
+PObject FileEventNotice(const char* notify, const Event& e) {
+    PObject obj;
+    obj["notify"] = notify;
+    FillFileKeys(obj, e);
+    obj["event_type"] = static_cast<int32_t>(e.m_type);
+    return obj;
+}
+
 }  // namespace
 
 UI_IPC::UI_IPC() : m_channel(Channel::kCapacity) {}
@@ -86,19 +95,11 @@ int UI_IPC::ReportFileLockedEventToUI(const Event& e, int err) {
 }
 
 int UI_IPC::ReportFileEventToUI(const Event& e) {
-    PObject obj;
-    obj["notify"] = "recent_file";
-    FillFileKeys(obj, e);
-    obj["event_type"] = static_cast<int32_t>(e.m_type);
-    return Send(obj, CHANNEL_TEXT);
+    return Send(FileEventNotice("recent_file", e), CHANNEL_TEXT);
 }
 
 int UI_IPC::ReportFileSyncingEventToUI(const Event& e) {
-    PObject obj;
-    obj["notify"] = "syncing_file";
-    FillFileKeys(obj, e);
-    obj["event_type"] = static_cast<int32_t>(e.m_type);
-    return Send(obj, CHANNEL_TEXT);
+    return Send(FileEventNotice("syncing_file", e), CHANNEL_TEXT);
 }
 
 int UI_IPC::LastBreath() {
