@@ -24,11 +24,7 @@ std::string print(const Filter& f) {
 }
 
 parse_result parse_bytes(const void* data, size_t size, Filter* f) {
-    FILE* in = fmemopen(const_cast<void*>(data), size, "r");
-    if (in == nullptr) return PARSE_ERROR;
-    parse_result r = parse_stream(in, filter_schema(), f);
-    std::fclose(in);
-    return r;
+    return parse_text(static_cast<const char*>(data), size, filter_schema(), f);
 }
 
 }  // namespace

@@ -1,5 +1,5 @@
-// xio.h: the delta engine's thin file layer: plain file handles, appending asynchronous
-// writes, ring buffers and a buffered view of a file. Used by the FileReader pipeline, its
+// xio.h: the delta engine's thin file layer over the platform's files: plain file handles,
+// appending asynchronous writes, ring buffers and a buffered view of a file. Used by the FileReader pipeline, its
 // handlers and the patch reader. Every operation returns 0 or a byte count on success and -1
 // on failure, after printing the failure to standard error as "xio (LINE): ..." where LINE is
 // the caller's source line. The layer never logs through the daemon's log.
@@ -10,6 +10,7 @@
 #include <memory>
 
 #include "foundation/ustring.h"
+#include "platform/fs.h"
 
 // Paths reach the file layer in the system string type; the platform gets its native form.
 using xio_string_type = ustring;
@@ -21,12 +22,10 @@ struct xio_location {
     int m_line;
 };
 
-using fd_handle_t = int;
-inline constexpr fd_handle_t FD_INVALID_HANDLE = -1;
-
-// A file handle. Copies share the handle; closing is explicit (fd_close), never implied.
+// A file handle. Copies share the open file; fd_close closes it for every copy (their
+// operations then fail), and the last copy to go releases what is left.
 struct fd_t {
-    fd_handle_t handle = FD_INVALID_HANDLE;
+    std::shared_ptr<platform::File> handle;
 };
 
 struct fd_aio_impl;
@@ -76,7 +75,7 @@ int fd_open_write(const xio_string_type& path, fd_t& fd,
 // Closes an open handle and marks it closed; nothing for a closed one.
 void fd_close(fd_t& fd);
 inline bool fd_is_open(const fd_t& fd) {
-    return fd.handle != FD_INVALID_HANDLE;
+    return fd.handle != nullptr;
 }
 // One blocking read: the count, 0 at end of file, -1 on failure. It doesn't loop.
 int64_t fd_read(fd_t& fd, void* buffer, size_t length,

@@ -2,17 +2,17 @@
 // size and attribute tests.
 #include "filter/filter.h"
 
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
+#include <cerrno>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
 #include <string>
 
 #include "filter/filter-schema.h"
 #include "filter/match.h"
 #include "filter/printer.h"
+#include "foundation/tmp-name-gen.h"
+#include "platform/fs.h"
 
 namespace {
 
@@ -133,8 +133,75 @@ int test_path(const Filter* f, int is_dir, const char* path, filter_hit* hit) {
     return walk_directories(f, whole, dir, hit);
 }
 
-void print_limit(FILE* out, const char* key, uint64_t value) {
-    std::fprintf(out, "%s = %llu\n", key, static_cast<unsigned long long>(value));
+void print_limit(std::string& out, const char* key, uint64_t value) {
+    out += key;
+    out += " = ";
+    out += std::to_string(static_cast<unsigned long long>(value));
+    out += '\n';
+}
+
+// The filter in the file format.
+std::string render(const Filter* filter) {
+    const CommonSection& c = filter->Common;
+    const FileSection& f = filter->File;
+    const DirectorySection& d = filter->Directory;
+    std::string out = "[Version]\nmajor = " + std::to_string(filter->Version.major) +
+                      "\nminor = " + std::to_string(filter->Version.minor) + "\n\n";
+
+    out += "[Common]\n";
+    print_string_rule(out, "black_char", &c.black_char);
+    print_string_set_rule(out, "black_prefix", &c.black_prefix);
+    print_string_set_rule(out, "black_dir_prefix", &c.black_dir_prefix);
+    print_string_set_rule(out, "black_name", &c.black_name);
+    print_string_set_rule(out, "black_path_prefix_selective_sync",
+                          &c.black_path_prefix_selective_sync);
+    print_limit(out, "max_length", c.max_length);
+    print_limit(out, "max_path", c.max_path);
+
+    out += "\n[File]\n";
+    print_string_rule(out, "black_char", &f.black_char);
+    print_string_set_rule(out, "black_ext", &f.black_ext);
+    print_string_set_rule(out, "black_ext_selective_sync", &f.black_ext_selective_sync);
+    print_string_set_rule(out, "black_name_selective_sync", &f.black_name_selective_sync);
+    print_string_set_rule(out, "black_name", &f.black_name);
+    print_string_set_rule(out, "black_prefix", &f.black_prefix);
+    print_limit(out, "max_size", f.max_size);
+    print_limit(out, "max_size_selective_sync", f.max_size_selective_sync);
+
+    out += "\n[Directory]\n";
+    print_string_rule(out, "black_char", &d.black_char);
+    print_string_set_rule(out, "black_name", &d.black_name);
+    print_string_set_rule(out, "black_prefix", &d.black_prefix);
+
+    out += "\n[EA]\n";
+    print_string_set_rule(out, "black_ea_name", &filter->EA.black_ea_name);
+    out += "\n";
+    return out;
+}
+
+// Creates a fresh file beside `path` for its new content; its name goes to `temp`.
+int create_beside(const std::string& path, std::string& temp, std::unique_ptr<platform::File>& out) {
+    platform::FileSystem& fs = platform::file_system();
+    const int flags = platform::kOpenWrite | platform::kOpenCreate | platform::kOpenExclusive;
+    for (int attempt = 0; attempt < 16; ++attempt) {
+        temp = path + "." + TmpNameGen::getTmpName(ustring()).str().substr(1);
+        int err = 0;
+        if (fs.open(temp.c_str(), flags, out, &err) == 0) return 0;
+        if (err != EEXIST) return -1;
+    }
+    return -1;
+}
+
+// Writes `text` into the open `file`, makes it durable with the permissions of the file it
+// replaces (0644 for a new one), and closes it. 0 or -1.
+int write_durably(platform::File& file, const std::string& text, const char* replaced) {
+    platform::NodeInfo old;
+    uint32_t mode = platform::file_system().stat(replaced, old, nullptr) == 0 ? old.mode : 0644;
+    int rc = file.set_mode(mode, nullptr);
+    if (rc == 0 && file.write(text.data(), text.size(), nullptr) < 0) rc = -1;
+    if (rc == 0) rc = file.sync(nullptr);
+    if (file.close(nullptr) != 0) rc = -1;
+    return rc;
 }
 
 }  // namespace
@@ -186,60 +253,19 @@ int filter_read(Filter* filter, const char* path, parse_report* report) {
 }
 
 int filter_print(const Filter* filter, FILE* out) {
-    const CommonSection& c = filter->Common;
-    const FileSection& f = filter->File;
-    const DirectorySection& d = filter->Directory;
-    std::fprintf(out, "[Version]\nmajor = %d\nminor = %d\n\n", filter->Version.major,
-                 filter->Version.minor);
-
-    std::fputs("[Common]\n", out);
-    print_string_rule(out, "black_char", &c.black_char);
-    print_string_set_rule(out, "black_prefix", &c.black_prefix);
-    print_string_set_rule(out, "black_dir_prefix", &c.black_dir_prefix);
-    print_string_set_rule(out, "black_name", &c.black_name);
-    print_string_set_rule(out, "black_path_prefix_selective_sync",
-                          &c.black_path_prefix_selective_sync);
-    print_limit(out, "max_length", c.max_length);
-    print_limit(out, "max_path", c.max_path);
-
-    std::fputs("\n[File]\n", out);
-    print_string_rule(out, "black_char", &f.black_char);
-    print_string_set_rule(out, "black_ext", &f.black_ext);
-    print_string_set_rule(out, "black_ext_selective_sync", &f.black_ext_selective_sync);
-    print_string_set_rule(out, "black_name_selective_sync", &f.black_name_selective_sync);
-    print_string_set_rule(out, "black_name", &f.black_name);
-    print_string_set_rule(out, "black_prefix", &f.black_prefix);
-    print_limit(out, "max_size", f.max_size);
-    print_limit(out, "max_size_selective_sync", f.max_size_selective_sync);
-
-    std::fputs("\n[Directory]\n", out);
-    print_string_rule(out, "black_char", &d.black_char);
-    print_string_set_rule(out, "black_name", &d.black_name);
-    print_string_set_rule(out, "black_prefix", &d.black_prefix);
-
-    std::fputs("\n[EA]\n", out);
-    print_string_set_rule(out, "black_ea_name", &filter->EA.black_ea_name);
-    std::fputs("\n", out);
+    const std::string text = render(filter);
+    if (std::fputs(text.c_str(), out) < 0) return -1;
     return std::ferror(out) ? -1 : 0;
 }
 
 int filter_write(const Filter* filter, const char* path) {
-    std::string temp = std::string(path) + ".XXXXXX";
-    int fd = ::mkstemp(temp.data());
-    if (fd < 0) return -1;
-    struct stat st;
-    ::fchmod(fd, ::stat(path, &st) == 0 ? (st.st_mode & 07777) : 0644);
-    FILE* out = ::fdopen(fd, "w");
-    if (out == nullptr) {
-        ::close(fd);
-        ::unlink(temp.c_str());
-        return -1;
-    }
-    int rc = filter_print(filter, out);
-    if (std::fflush(out) != 0 || ::fsync(fd) != 0) rc = -1;
-    if (std::fclose(out) != 0) rc = -1;
-    if (rc == 0 && std::rename(temp.c_str(), path) != 0) rc = -1;
-    if (rc != 0) ::unlink(temp.c_str());
+    std::string temp;
+    std::unique_ptr<platform::File> file;
+    if (create_beside(path, temp, file) != 0) return -1;
+    platform::FileSystem& fs = platform::file_system();
+    int rc = write_durably(*file, render(filter), path);
+    if (rc == 0) rc = fs.rename_replace(temp.c_str(), path, nullptr);
+    if (rc != 0) fs.remove_file(temp.c_str(), nullptr);
     return rc;
 }
 

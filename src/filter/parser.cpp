@@ -4,8 +4,13 @@
 #include <cerrno>
 #include <climits>
 #include <cstdint>
+#include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <memory>
+#include <string>
+
+#include "platform/fs.h"
 
 namespace {
 
@@ -110,14 +115,22 @@ bool rest_is_empty(parser* p) {
     return at_line_end(p) || peek(p) == '#';
 }
 
-// Reads the next line, without its newline, into line_buffer. False at end of file or on
-// a read error (the caller tells them apart with ferror).
-bool read_line(parser* p, FILE* in) {
+// The bytes of a whole file and how far the parser has taken them.
+struct text_cursor {
+    const char* data;
+    size_t len;
+    size_t pos;
+
+    int get() { return pos < len ? static_cast<unsigned char>(data[pos++]) : EOF; }
+};
+
+// Reads the next line, without its newline, into line_buffer. False at the end.
+bool read_line(parser* p, text_cursor& in) {
     p->line_len = 0;
     p->line_ended = false;
     p->line_cut = false;
     int c = EOF;
-    while (p->line_len < PARSER_LINE_MAX && (c = std::getc(in)) != EOF) {
+    while (p->line_len < PARSER_LINE_MAX && (c = in.get()) != EOF) {
         ++p->bytes_read;
         if (c == '\n') {
             p->line_ended = true;
@@ -127,12 +140,12 @@ bool read_line(parser* p, FILE* in) {
     }
     p->line_buffer[p->line_len] = '\0';
     if (p->line_len == PARSER_LINE_MAX && !p->line_ended) {
-        c = std::getc(in);
+        c = in.get();
         if (c == '\n') {
             ++p->bytes_read;
             p->line_ended = true;
         } else if (c != EOF) {
-            std::ungetc(c, in);
+            --in.pos;
             p->line_cut = true;
         }
     }
@@ -363,6 +376,18 @@ parse_result finish(parser* p, parse_report* report, parse_result r, const std::
     return r;
 }
 
+// Reads the file into `text`, at most one byte beyond PARSER_FILE_MAX: enough for the
+// parser to see that it is too large. 0; -1 when it can't be opened, -2 on a read error.
+int read_head(const char* path, std::string& text, int& err) {
+    std::unique_ptr<platform::File> file;
+    if (platform::file_system().open(path, platform::kOpenRead, file, &err) != 0) return -1;
+    text.resize(static_cast<size_t>(PARSER_FILE_MAX) + 1);
+    int64_t got = platform::read_full(*file, text.data(), text.size(), &err);
+    if (got < 0) return -2;
+    text.resize(static_cast<size_t>(got));
+    return 0;
+}
+
 }  // namespace
 
 const char* parser_error_string(int stored_code) {
@@ -371,8 +396,9 @@ const char* parser_error_string(int stored_code) {
     return kErrorNames[code];
 }
 
-parse_result parse_stream(FILE* in, const schema_parser* schema, void* result,
-                          parse_report* report) {
+parse_result parse_text(const char* data, size_t len, const schema_parser* schema,
+                        void* result, parse_report* report) {
+    text_cursor in{data, len, 0};
     parser p;
     std::memset(&p, 0, sizeof(p));
     p.result = result;
@@ -395,28 +421,26 @@ parse_result parse_stream(FILE* in, const schema_parser* schema, void* result,
                 std::string(kErrorNames[code]) + " at line " + std::to_string(p.line_count));
         }
     }
-    if (std::ferror(in)) {
-        std::string why = std::string("read error: ") + std::strerror(errno);
-        std::fprintf(stderr, "parser: %s\n", why.c_str());
-        return finish(&p, report, PARSE_ERROR, why);
-    }
     return finish(&p, report, p.unknown_key_count > 0 ? PARSE_PARTIAL : PARSE_DONE, "");
 }
 
 parse_result parse(const char* path, const schema_parser* schema, void* result,
                    parse_report* report) {
-    FILE* in = std::fopen(path, "r");
-    if (in == nullptr) {
+    std::string text;
+    int err = 0;
+    int stage = read_head(path, text, err);
+    if (stage != 0) {
+        std::string why = std::string(stage == -1 ? "can't open: " : "read error: ") +
+                          std::strerror(err);
+        if (stage == -2) std::fprintf(stderr, "parser: %s\n", why.c_str());
         if (report != nullptr) {
             *report = parse_report();
             report->result = PARSE_ERROR;
-            report->message = std::string("can't open: ") + std::strerror(errno);
+            report->message = why;
         }
         return PARSE_ERROR;
     }
-    parse_result r = parse_stream(in, schema, result, report);
-    std::fclose(in);
-    return r;
+    return parse_text(text.data(), text.size(), schema, result, report);
 }
 
 std::string unknown_key_message(const parse_report& report, int major, int minor) {

@@ -3,7 +3,6 @@
 // the controller's `filter check` uses the report to name the failing line.
 #pragma once
 
-#include <cstdio>
 #include <string>
 
 #include "filter/schema.h"
@@ -106,9 +105,9 @@ struct parse_report {
 // A file that can't be opened or read, or is larger than PARSER_FILE_MAX, is PARSE_ERROR.
 parse_result parse(const char* path, const schema_parser* schema, void* result,
                    parse_report* report = nullptr);
-// The same over an open stream, which stays open.
-parse_result parse_stream(FILE* in, const schema_parser* schema, void* result,
-                          parse_report* report = nullptr);
+// The same over the whole text of a file held in memory.
+parse_result parse_text(const char* data, size_t len, const schema_parser* schema, void* result,
+                        parse_report* report = nullptr);
 
 // The name of a code as parser::error_code keeps it (negated), "Unknown error" for a
 // value outside the list. Static storage.

@@ -1,6 +1,7 @@
 // printer.cpp: escaping and line layout of printed rules.
 #include "filter/printer.h"
 
+#include <cstdio>
 #include <cstring>
 
 #include "filter/parser.h"
@@ -46,31 +47,34 @@ size_t escape_string(const char* str, char* out) {
     return n;
 }
 
-void print_escaped_string(FILE* stream, const char* str) {
+void print_escaped_string(std::string& out, const char* str) {
     char text[PRINTER_STRING_MAX + 1];
-    std::fwrite(text, 1, escape_string(str, text), stream);
+    out.append(text, escape_string(str, text));
 }
 
-void print_string_set_rule(FILE* stream, const char* key, const value_type_string_set* set) {
+void print_string_set_rule(std::string& out, const char* key, const value_type_string_set* set) {
     if (set->used == 0) return;
-    size_t line_len = static_cast<size_t>(std::fprintf(stream, "%s = ", key));
+    out += key;
+    out += " = ";
+    size_t line_len = std::strlen(key) + 3;
     for (size_t i = 0; i < set->used; ++i) {
         char text[PRINTER_STRING_MAX + 1];
         size_t len = escape_string(set->set[i], text);
         if (i > 0) {
             bool wrap = i % 5 == 0 || line_len + 2 + len > static_cast<size_t>(PARSER_LINE_MAX);
-            std::fputs(wrap ? ",\n" : ", ", stream);
+            out += wrap ? ",\n" : ", ";
             line_len = wrap ? 0 : line_len + 2;
         }
-        std::fwrite(text, 1, len, stream);
+        out.append(text, len);
         line_len += len;
     }
-    std::fputc('\n', stream);
+    out += '\n';
 }
 
-void print_string_rule(FILE* stream, const char* key, const value_type_string* value) {
+void print_string_rule(std::string& out, const char* key, const value_type_string* value) {
     if (value->str == nullptr) return;
-    std::fprintf(stream, "%s = ", key);
-    print_escaped_string(stream, value->str);
-    std::fputc('\n', stream);
+    out += key;
+    out += " = ";
+    print_escaped_string(out, value->str);
+    out += '\n';
 }

@@ -3,7 +3,7 @@
 #pragma once
 
 #include <cstddef>
-#include <cstdio>
+#include <string>
 
 #include "filter/value-type.h"
 
@@ -15,11 +15,11 @@ constexpr size_t PRINTER_STRING_MAX = 1023;
 // vertical tab and form feed as \t \n \v \f; backslash and quote behind a backslash;
 // '$', '@', '`' and every byte outside 0x20..0x7E as \xNN. Returns the length written.
 size_t escape_string(const char* str, char* out);
-// The same, written to `stream`.
-void print_escaped_string(FILE* stream, const char* str);
+// The same, appended to `out`.
+void print_escaped_string(std::string& out, const char* str);
 // "key = " and the items separated by ", "; a new line (a continuation) starts after every
 // fifth item, or earlier when the line would outgrow what the parser reads as one line.
 // Nothing for an empty set.
-void print_string_set_rule(FILE* stream, const char* key, const value_type_string_set* set);
+void print_string_set_rule(std::string& out, const char* key, const value_type_string_set* set);
 // "key = " and one escaped string; nothing for a null string.
-void print_string_rule(FILE* stream, const char* key, const value_type_string* value);
+void print_string_rule(std::string& out, const char* key, const value_type_string* value);

@@ -1,9 +1,11 @@
 // config.cpp: the line grammar of configuration and level files.
 #include "foundation/config.h"
 
-#include <cstdio>
+#include <memory>
 #include <sstream>
 #include <string>
+
+#include "platform/fs.h"
 
 namespace Config {
 namespace {
@@ -84,13 +86,15 @@ int parse(const char* text, size_t len, map_type& out) {
 int read(const ustring& path, map_type& out) {
     out.clear();
     if (path.empty()) return -1;
-    FILE* f = std::fopen(path.c_str_utf8(), "rbe");
-    if (f == nullptr) return -1;
+    std::unique_ptr<platform::File> file;
+    if (platform::file_system().open(path.c_str_utf8(), platform::kOpenRead, file, nullptr) != 0)
+        return -1;
     std::string text;
     char buf[8192];
-    size_t got;
-    while ((got = std::fread(buf, 1, sizeof buf, f)) > 0) text.append(buf, got);
-    std::fclose(f);
+    int64_t got;
+    while ((got = file->read(buf, sizeof buf, nullptr)) > 0)
+        text.append(buf, static_cast<size_t>(got));
+    if (got < 0) return -1;
     return parse(text.data(), text.size(), out);
 }
 

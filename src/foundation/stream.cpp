@@ -9,7 +9,7 @@
 #include "foundation/error-code.h"
 #include "foundation/log.h"
 #include "foundation/tmp-name-gen.h"
-#include "platform/file-stream.h"
+#include "platform/fs.h"
 
 namespace {
 
@@ -20,11 +20,6 @@ const ustring& component() {
 
 // Progress lines every 100 MiB of a binary.
 constexpr uint64_t kProgressStep = 104857600;
-
-struct FileCloser {
-    void operator()(FILE* fp) const { std::fclose(fp); }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
 
 int channel_failure(int code) {
     Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] stream(%d): Channel: %d\n", __LINE__,
@@ -46,6 +41,17 @@ std::unique_ptr<char[]> chunk_buffer() {
     return buf;
 }
 
+// Cuts an existing file back to exactly `length` bytes. `stage` says what failed: 0
+// opening, 1 cutting.
+int cut_back(const ustring& path, uint64_t length, int& stage, int& err) {
+    stage = 0;
+    std::unique_ptr<platform::File> file;
+    if (platform::file_system().open(path.c_str_utf8(), platform::kOpenWrite, file, &err) != 0)
+        return -1;
+    stage = 1;
+    return file->truncate(length, &err);
+}
+
 int file_error_code(int err) {
     return platform::is_no_space(err) ? ERR_INVAL : -1;
 }
@@ -59,21 +65,32 @@ uint8_t integer_width(uint64_t v) {
 
 }  // namespace
 
-FILE* xfopen(const ustring& path, const char* mode) {
+int stream_open_flags(char mode) {
+    int flags = platform::kOpenSequential;
+    switch (mode) {
+        case 'a':
+            return flags | platform::kOpenWrite | platform::kOpenCreate | platform::kOpenAppend;
+        case 'r':
+            return flags | platform::kOpenRead;
+        case 'w':
+            return flags | platform::kOpenWrite | platform::kOpenCreate | platform::kOpenTruncate;
+        default:
+            return flags | platform::kOpenRead | platform::kOpenWrite | platform::kOpenCreate |
+                   platform::kOpenTruncate;
+    }
+}
+
+std::unique_ptr<platform::File> xfopen(const ustring& path, const char* mode) {
+    std::unique_ptr<platform::File> file;
     int err = 0;
-    int fd = platform::open_for_stream(path.c_str_utf8(), mode[0], &err);
-    if (fd < 0) {
+    if (platform::file_system().open(path.c_str_utf8(), stream_open_flags(mode[0]), file, &err) !=
+        0) {
         Logger::LogMsg(Logger::L_ERR, component(),
                        "[ERROR] stream(%d): CreateFile(\"%s\"): Error code %d\n", __LINE__,
                        path.c_str_utf8(), err);
         return nullptr;
     }
-    FILE* fp = platform::stream_from_fd(fd, mode, &err);
-    if (fp == nullptr)
-        Logger::LogMsg(Logger::L_ERR, component(),
-                       "[ERROR] stream(%d): _wfdopen(\"%s\", \"%s\"): Error code %d\n", __LINE__,
-                       path.c_str_utf8(), mode, err);
-    return fp;
+    return file;
 }
 
 int PStream::Send(Channel& ch, const PObject& obj) {
@@ -189,26 +206,28 @@ int PStream::Send(Channel& ch, const PObject::binary_type& binary) {
     if (rc < 0) return channel_failure(rc);
     std::unique_ptr<char[]> buf = chunk_buffer();
     if (!buf) return -1;
-    FilePtr fp(xfopen(binary.path, "rb"));
-    if (!fp) {
+    std::unique_ptr<platform::File> file = xfopen(binary.path, "rb");
+    if (!file) {
         Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): fopen error\n", __LINE__);
         return -1;
     }
-    if (platform::seek_stream(fp.get(), binary.offset) != 0) {
+    if (binary.offset > static_cast<uint64_t>(INT64_MAX) ||
+        file->seek(static_cast<int64_t>(binary.offset), nullptr) < 0) {
         Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): fseek error\n", __LINE__);
         return -1;
     }
     UpdateStatus(0, binary.length);
     uint64_t sent = 0;
-    while (sent < binary.length && !std::feof(fp.get())) {
+    while (sent < binary.length) {
         size_t want = static_cast<size_t>(std::min<uint64_t>(kChunk, binary.length - sent));
-        size_t n = std::fread(buf.get(), 1, want, fp.get());
-        if (std::ferror(fp.get())) {
+        int64_t got = platform::read_full(*file, buf.get(), want, nullptr);
+        if (got < 0) {
             Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): fread error\n",
                            __LINE__);
             return -1;
         }
-        if (n == 0) continue;
+        if (got == 0) break;
+        size_t n = static_cast<size_t>(got);
         rc = ch.Write(buf.get(), n);
         if (rc < 0) return channel_failure(rc);
         sent += n;
@@ -417,7 +436,7 @@ int PStream::ReceiveFileBody(Channel& ch, const PObject::binary_type& binary, ui
         // A resumed transfer never keeps bytes beyond the agreed offset.
         int stage = 0;
         int err = 0;
-        if (platform::truncate_file(binary.path.c_str_utf8(), binary.offset, &stage, &err) != 0) {
+        if (cut_back(binary.path, binary.offset, stage, err) != 0) {
             Logger::LogMsg(Logger::L_ERR, component(),
                            stage == 0 ? "[ERROR] stream(%d): CreateFile: Error code %d\n"
                                       : "[ERROR] stream(%d): SetEndOfFile: Error code %d\n",
@@ -425,16 +444,17 @@ int PStream::ReceiveFileBody(Channel& ch, const PObject::binary_type& binary, ui
             return -1;
         }
     }
-    FilePtr fp(xfopen(binary.path, mode));
-    if (!fp) return -1;
+    std::unique_ptr<platform::File> file = xfopen(binary.path, mode);
+    if (!file) return -1;
     UpdateStatus(0, incoming);
     while (received < incoming) {
         size_t want = static_cast<size_t>(std::min<uint64_t>(kChunk, incoming - received));
         size_t got = 0;
         int rc = ch.Read(buf.get(), want, got);
-        // Bytes that did arrive are good file content: keep them for a resume.
-        size_t written = std::fwrite(buf.get(), 1, got, fp.get());
-        int err = errno;
+        // Bytes that did arrive are good file content: keep them for a resume. A failed
+        // write counts nothing, so a resume cuts back whatever part of it landed.
+        int err = 0;
+        size_t written = got == 0 || file->write(buf.get(), got, &err) >= 0 ? got : 0;
         received += written;
         UpdateStatus(received, incoming);
         if (rc < 0) {
@@ -454,9 +474,8 @@ int PStream::ReceiveFileBody(Channel& ch, const PObject::binary_type& binary, ui
                            binary.path.c_str_utf8(), static_cast<unsigned long long>(received),
                            static_cast<unsigned long long>(incoming));
     }
-    int closed = std::fclose(fp.release());
-    if (closed != 0) {
-        int err = errno;
+    int err = 0;
+    if (file->close(&err) != 0) {
         Logger::LogMsg(Logger::L_ERR, component(),
                        "[ERROR] stream(%d): fclose(\"%s\"): Error code %d\n", __LINE__,
                        binary.path.c_str_utf8(), err);

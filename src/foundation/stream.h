@@ -19,13 +19,14 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
+#include <memory>
 #include <mutex>
 #include <vector>
 
 #include "foundation/channel.h"
 #include "foundation/object.h"
 #include "foundation/ustring.h"
+#include "platform/fs.h"
 
 namespace ptag {
 constexpr uint8_t kNull = 0x00;
@@ -126,8 +127,9 @@ class PStream {
     ustring recv_path;
 };
 
-// Opens a file as a C stream, closed to child processes, with a hint of sequential
-// access. The mode's first letter decides: "a" append (create if missing), "r" read an
-// existing file, "w" create or replace for writing, anything else create or replace for
-// reading and writing. Null on failure (logged). The caller closes the stream.
-FILE* xfopen(const ustring& path, const char* mode);
+// Opens a file of the installed file system for a stream of bytes, closed to child
+// processes, with a hint of sequential access. The mode's first letter decides: "a" append
+// (create if missing), "r" read an existing file, "w" create or replace for writing,
+// anything else create or replace for reading and writing. Null on failure (logged). The
+// caller owns the file.
+std::unique_ptr<platform::File> xfopen(const ustring& path, const char* mode);

@@ -64,6 +64,8 @@ enum OpenFlag : int {
     kOpenExclusive = 16,  // with kOpenCreate: fail with EEXIST when the name exists
     kOpenNoFollow = 32,   // fail (ELOOP) when the final name is a symbolic link
     kOpenNonBlock = 64,   // never wait: for probing objects that might block an open
+    kOpenAppend = 128,    // every write goes to the end of the file, whatever the position
+    kOpenSequential = 256,  // a hint that the file is read or written front to back once
 };
 
 // An open file. Owned by whoever opened it; closes on destruction (errors lost).
@@ -79,6 +81,10 @@ class File {
     virtual int64_t seek(int64_t offset, int* err) = 0;
     // Sets the length of the file; 0 or -1.
     virtual int truncate(uint64_t size, int* err) = 0;
+    // The length of the file as the system knows it now (not the position); 0 or -1.
+    virtual int size(uint64_t& out, int* err) = 0;
+    // Sets the permission bits (07777) of the open file; 0 or -1.
+    virtual int set_mode(uint32_t mode, int* err) = 0;
     // Flushes data and metadata to the device; 0 or -1.
     virtual int sync(int* err) = 0;
     // Whether someone else holds an advisory lock that conflicts with reading
@@ -144,6 +150,12 @@ FileSystem* install_file_system(FileSystem* fs);
 // Renames `from` to `to` but refuses (fails with EEXIST) when `to` exists. The
 // default file system's primitive, for code below the seam's users (the log).
 int rename_noreplace(const char* from, const char* to, int* err = nullptr);
+
+// Reads until `n` bytes or the end of the file: the count (short only at the end), or -1.
+int64_t read_full(File& file, void* buf, size_t n, int* err);
+
+// Whether an error number means "no space left on the device".
+bool is_no_space(int err);
 
 // Byte that separates path elements on this platform. A "\" is an ordinary name
 // byte on POSIX systems; only the Windows backend treats it as a separator.

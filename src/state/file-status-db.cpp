@@ -10,6 +10,7 @@
 
 #include "foundation/log.h"
 #include "platform/clock.h"
+#include "platform/fs.h"
 #include "state/sql-escape.h"
 
 namespace {
@@ -189,7 +190,9 @@ bool SetAsideUnreadable(const ustring& location) {
     for (const char* suffix : {"", "-wal", "-shm"}) {
         const std::string from = location.str() + suffix;
         const std::string to = from + stamp;
-        if (std::rename(from.c_str(), to.c_str()) != 0 && suffix[0] == '\0') return false;
+        if (platform::file_system().rename_replace(from.c_str(), to.c_str(), nullptr) != 0 &&
+            suffix[0] == '\0')
+            return false;
     }
     Logger::LogMsg(Logger::L_ERR, kLog,
                    "[ERROR] file-status-db(%d): '%s' is not a usable database; kept as '%s%s', "

@@ -12,8 +12,7 @@
 #include "foundation/error-code.h"
 #include "foundation/log.h"
 #include "foundation/utility.h"
-#include "platform/file-stream.h"
-#include "transport/file-size.h"
+#include "platform/fs.h"
 
 namespace {
 
@@ -160,12 +159,7 @@ int read_version(Channel& ch, uint8_t sec, V& ver, const char* format) {
 
 // ---- file transfer ----
 
-struct FileCloser {
-    void operator()(FILE* fp) const {
-        if (fp != nullptr) std::fclose(fp);
-    }
-};
-using FilePtr = std::unique_ptr<FILE, FileCloser>;
+using FilePtr = std::unique_ptr<platform::File>;
 
 std::unique_ptr<char[]> block_buffer(size_t size) {
     std::unique_ptr<char[]> buf(new (std::nothrow) char[size]);
@@ -186,8 +180,8 @@ int send_block(Channel& ch, uint32_t id, const char* data, size_t len) {
     return rc < 0 ? rc : 0;
 }
 
-// Positions `fp` at `offset` of a file of `size` bytes.
-int seek_for_send(FILE* fp, uint64_t offset, uint64_t size) {
+// Positions `file` at `offset` of a file of `size` bytes.
+int seek_for_send(platform::File& file, uint64_t offset, uint64_t size) {
     if (offset > size) {
         Logger::LogMsg(
             Logger::L_ERR, component(),
@@ -196,14 +190,16 @@ int seek_for_send(FILE* fp, uint64_t offset, uint64_t size) {
             static_cast<unsigned long long>(size));
         return ERR_SYS;
     }
-    if (platform::seek_stream(fp, offset) == 0) return 0;
+    int err = 0;
+    if (file.seek(static_cast<int64_t>(offset), &err) >= 0) return 0;
     Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] proto-common(%d): WriteFile: fseek: %s\n",
-                   __LINE__, std::strerror(errno));
+                   __LINE__, std::strerror(err));
     return ERR_SYS;
 }
 
-// Sends the blocks of the stretch [offset, size) of `fp`, which stands at offset.
-int send_blocks(Channel& ch, FILE* fp, uint64_t offset, uint64_t size, size_t block) {
+// Sends the blocks of the stretch [offset, size) of `file`, which stands at offset.
+int send_blocks(Channel& ch, platform::File& file, uint64_t offset, uint64_t size,
+                size_t block) {
     std::unique_ptr<char[]> buf = block_buffer(block);
     if (!buf) return ERR_SYS;
     const auto start = std::chrono::steady_clock::now();
@@ -211,13 +207,15 @@ int send_blocks(Channel& ch, FILE* fp, uint64_t offset, uint64_t size, size_t bl
     uint32_t id = 0;
     while (remaining > 0) {
         size_t want = remaining < block ? static_cast<size_t>(remaining) : block;
-        size_t got = std::fread(buf.get(), 1, want, fp);
-        if (got < want && std::ferror(fp)) {
+        int err = 0;
+        int64_t read = platform::read_full(file, buf.get(), want, &err);
+        if (read < 0) {
             Logger::LogMsg(Logger::L_ERR, component(),
                            "[ERROR] proto-common(%d): WriteFile: fread: %s\n", __LINE__,
-                           std::strerror(errno));
+                           std::strerror(err));
             return ERR_SYS;
         }
+        size_t got = static_cast<size_t>(read);
         if (got == 0) {
             Logger::LogMsg(Logger::L_DEBUG, component(),
                            "[DEBUG] proto-common(%d): WriteFile: End of file\n", __LINE__);
@@ -245,13 +243,13 @@ int send_blocks(Channel& ch, FILE* fp, uint64_t offset, uint64_t size, size_t bl
     return ERR_PROTO;
 }
 
-int write_file(Channel& ch, uint8_t is_delta, FILE* fp, uint64_t offset, size_t block) {
-    if (fp == nullptr) return ERR_INVAL;
+int write_file(Channel& ch, uint8_t is_delta, platform::File& file, uint64_t offset,
+               size_t block) {
     int rc = ProtoWriteSection(ch, SPROTO_ID_DELTATYPE, is_delta);
     if (rc < 0) return rc;
     uint64_t size = 0;
     int err = 0;
-    if (GetSizeFromFilePointer(fp, size, &err) != 0) {
+    if (file.size(size, &err) != 0) {
         Logger::LogMsg(Logger::L_ERR, component(),
                        "[ERROR] proto-common(%d): WriteFile: fstat: %s\n", __LINE__,
                        std::strerror(err));
@@ -260,38 +258,39 @@ int write_file(Channel& ch, uint8_t is_delta, FILE* fp, uint64_t offset, size_t 
     rc = ProtoWriteSection(ch, SPROTO_ID_DELTALEN, size);
     if (rc < 0) return rc;
     if (size == 0) return ch.FlushWrite(0) < 0 ? ERR_IO : 0;
-    rc = seek_for_send(fp, offset, size);
+    rc = seek_for_send(file, offset, size);
     if (rc < 0) return rc;
-    return send_blocks(ch, fp, offset, size, block);
+    return send_blocks(ch, file, offset, size, block);
 }
 
 int write_file_at(Channel& ch, uint8_t is_delta, const ustring& path, uint64_t offset,
                   size_t block) {
-    FilePtr fp(xfopen(path, "rb"));
-    if (!fp) return ERR_SYS;
-    return write_file(ch, is_delta, fp.get(), offset, block);
+    FilePtr file = xfopen(path, "rb");
+    if (!file) return ERR_SYS;
+    return write_file(ch, is_delta, *file, offset, block);
 }
 
 // Opens the target of a received file: replaced for offset 0, else appended to after
 // checking that it holds exactly `offset` bytes.
-int open_for_receive(const ustring& path, uint64_t offset, FilePtr& fp) {
-    fp.reset(xfopen(path, offset == 0 ? "wb" : "ab"));
-    if (!fp) return ERR_SYS;
+int open_for_receive(const ustring& path, uint64_t offset, FilePtr& file) {
+    file = xfopen(path, offset == 0 ? "wb" : "ab");
+    if (!file) return ERR_SYS;
     if (offset == 0) return 0;
     uint64_t size = 0;
-    if (GetSizeFromFilePointer(fp.get(), size) != 0 || size != offset) {
+    if (file->size(size, nullptr) != 0 || size != offset) {
         Logger::LogMsg(Logger::L_ERR, component(),
                        "[ERROR] proto-common(%d): ReadFile: open: %s offset is %llu but size is "
                        "%llu\n",
                        __LINE__, path.c_str_utf8(), static_cast<unsigned long long>(offset),
                        static_cast<unsigned long long>(size));
-        fp.reset();
+        file.reset();
         return ERR_SYS;
     }
     return 0;
 }
 
-int receive_blocks(Channel& ch, FILE* fp, uint64_t offset, uint64_t size, size_t block) {
+int receive_blocks(Channel& ch, platform::File& file, uint64_t offset, uint64_t size,
+                   size_t block) {
     std::unique_ptr<char[]> buf = block_buffer(block);
     if (!buf) return ERR_SYS;
     uint64_t received = 0;
@@ -310,10 +309,11 @@ int receive_blocks(Channel& ch, FILE* fp, uint64_t offset, uint64_t size, size_t
                            __LINE__, id, len, static_cast<unsigned long long>(size));
             return ERR_PROTO;
         }
-        if (std::fwrite(buf.get(), 1, len, fp) != len) {
+        int err = 0;
+        if (file.write(buf.get(), len, &err) < 0) {
             Logger::LogMsg(Logger::L_ERR, component(),
                            "[ERROR] proto-common(%d): ReadFile: fwrite: %s\n", __LINE__,
-                           std::strerror(errno));
+                           std::strerror(err));
             return ERR_SYS;
         }
         received += len;
@@ -329,8 +329,8 @@ int receive_blocks(Channel& ch, FILE* fp, uint64_t offset, uint64_t size, size_t
 }
 
 int read_file(Channel& ch, uint8_t& is_delta, const ustring& path, uint64_t offset, size_t block) {
-    FilePtr fp;
-    int rc = open_for_receive(path, offset, fp);
+    FilePtr file;
+    int rc = open_for_receive(path, offset, file);
     if (rc < 0) return rc;
     uint8_t type = 0;
     rc = ProtoReadSection(ch, SPROTO_ID_DELTATYPE, type);
@@ -346,11 +346,12 @@ int read_file(Channel& ch, uint8_t& is_delta, const ustring& path, uint64_t offs
                        static_cast<unsigned long long>(offset));
         return ERR_PROTO;
     }
-    rc = receive_blocks(ch, fp.get(), offset, size, block);
-    if (std::fclose(fp.release()) != 0) {
+    rc = receive_blocks(ch, *file, offset, size, block);
+    int err = 0;
+    if (file->close(&err) != 0) {
         Logger::LogMsg(Logger::L_ERR, component(),
                        "[ERROR] proto-common(%d): ReadFile: fclose: %s\n", __LINE__,
-                       std::strerror(errno));
+                       std::strerror(err));
         if (rc == 0) rc = ERR_SYS;
     }
     return rc;
@@ -832,16 +833,16 @@ int ProtoReadObjectReply(Channel& ch, PStream& stream, PObject& reply) {
 
 // ---- File transfer ----
 
-int ProtoWriteFile(Channel& ch, uint8_t is_delta, FILE* fp) {
-    return write_file(ch, is_delta, fp, 0, PROTO_FILE_BLOCK);
+int ProtoWriteFile(Channel& ch, uint8_t is_delta, platform::File& file) {
+    return write_file(ch, is_delta, file, 0, PROTO_FILE_BLOCK);
 }
 
 int ProtoWriteFile(Channel& ch, uint8_t is_delta, const ustring& path) {
     return write_file_at(ch, is_delta, path, 0, PROTO_FILE_BLOCK);
 }
 
-int ProtoWriteFile2(Channel& ch, uint8_t is_delta, FILE* fp, uint64_t offset) {
-    return write_file(ch, is_delta, fp, offset, PROTO_FILE_BLOCK2);
+int ProtoWriteFile2(Channel& ch, uint8_t is_delta, platform::File& file, uint64_t offset) {
+    return write_file(ch, is_delta, file, offset, PROTO_FILE_BLOCK2);
 }
 
 int ProtoWriteFile2(Channel& ch, uint8_t is_delta, const ustring& path, uint64_t offset) {

@@ -17,13 +17,13 @@
 #pragma once
 
 #include <cstdint>
-#include <cstdio>
 #include <string>
 
 #include "foundation/channel.h"
 #include "foundation/object.h"
 #include "foundation/stream.h"
 #include "foundation/ustring.h"
+#include "platform/fs.h"
 #include "transport/proto-format.h"
 
 // Outcome of ProtoCheck.
@@ -209,15 +209,15 @@ int ProtoReadObjectReply(Channel& ch, PStream& stream, PObject& reply);
 // (1 to the block size bytes). A length that is a multiple of the block has no empty block
 // behind the last one. The first forms use PROTO_FILE_BLOCK, the 2 forms PROTO_FILE_BLOCK2.
 
-// Sends the whole open file `fp` (rewound first). Never more and never fewer bytes than the
+// Sends the whole open file (rewound first). Never more and never fewer bytes than the
 // length announced: a file that shrinks under way gives -5 (the stream is broken). 0, -3
 // when the file's size or contents can't be read, or the channel's code.
-int ProtoWriteFile(Channel& ch, uint8_t is_delta, FILE* fp);
+int ProtoWriteFile(Channel& ch, uint8_t is_delta, platform::File& file);
 // The same for a file named by path (-3 when it can't be opened).
 int ProtoWriteFile(Channel& ch, uint8_t is_delta, const ustring& path);
 // Sends from `offset` on; the announced length is still the whole file's. An offset above
 // the size gives -3 after the two leading sections are queued.
-int ProtoWriteFile2(Channel& ch, uint8_t is_delta, FILE* fp, uint64_t offset);
+int ProtoWriteFile2(Channel& ch, uint8_t is_delta, platform::File& file, uint64_t offset);
 int ProtoWriteFile2(Channel& ch, uint8_t is_delta, const ustring& path, uint64_t offset);
 // Receives a file into `path` (created or replaced). 0, -3 for a file error, -5 for a block
 // beyond the announced length, or the channel's code. The bytes received stay in the file.

@@ -39,6 +39,10 @@ enum class FsOp {
     kFileWrite,
     kFileSync,
     kFileClose,
+    kFileSeek,
+    kFileTruncate,
+    kFileSize,
+    kFileSetMode,
 };
 
 class FaultFileSystem : public platform::FileSystem {
@@ -55,6 +59,25 @@ class FaultFileSystem : public platform::FileSystem {
     void Heal(FsOp op) {
         std::lock_guard<std::mutex> g(m_mu);
         m_rules.erase(op);
+    }
+    // The `nth` operation of any kind from now on (1 is the next) fails with `err`.
+    void FailNthOfAll(int nth, int err) {
+        std::lock_guard<std::mutex> g(m_mu);
+        m_any = Rule{m_total + nth, err, false};
+    }
+    void HealAll() {
+        std::lock_guard<std::mutex> g(m_mu);
+        m_rules.clear();
+        m_any.reset();
+    }
+    // Operations of every kind so far, and how many of them were made to fail.
+    int TotalCalls() {
+        std::lock_guard<std::mutex> g(m_mu);
+        return m_total;
+    }
+    int Failed() {
+        std::lock_guard<std::mutex> g(m_mu);
+        return m_failed;
     }
     // Every call of `op` first sleeps `ms` milliseconds.
     void Delay(FsOp op, int ms) {
@@ -153,6 +176,7 @@ class FaultFileSystem : public platform::FileSystem {
         int at;  // the call number that fails first
         int err;
         bool sticky;
+        bool Hits(int n) const { return n == at || (sticky && n > at); }
     };
 
     class FaultFile : public platform::File {
@@ -167,8 +191,22 @@ class FaultFileSystem : public platform::FileSystem {
             if (m_fs.Check(FsOp::kFileWrite, err)) return -1;
             return m_real->write(buf, n, err);
         }
-        int64_t seek(int64_t offset, int* err) override { return m_real->seek(offset, err); }
-        int truncate(uint64_t size, int* err) override { return m_real->truncate(size, err); }
+        int64_t seek(int64_t offset, int* err) override {
+            if (m_fs.Check(FsOp::kFileSeek, err)) return -1;
+            return m_real->seek(offset, err);
+        }
+        int truncate(uint64_t size, int* err) override {
+            if (m_fs.Check(FsOp::kFileTruncate, err)) return -1;
+            return m_real->truncate(size, err);
+        }
+        int size(uint64_t& out, int* err) override {
+            if (m_fs.Check(FsOp::kFileSize, err)) return -1;
+            return m_real->size(out, err);
+        }
+        int set_mode(uint32_t mode, int* err) override {
+            if (m_fs.Check(FsOp::kFileSetMode, err)) return -1;
+            return m_real->set_mode(mode, err);
+        }
         int sync(int* err) override {
             if (m_fs.Check(FsOp::kFileSync, err)) return -1;
             return m_real->sync(err);
@@ -197,13 +235,17 @@ class FaultFileSystem : public platform::FileSystem {
         {
             std::lock_guard<std::mutex> g(m_mu);
             int n = ++m_calls[op];
+            ++m_total;
             delay = m_delay[op];
             auto rule = m_rules.find(op);
-            if (rule != m_rules.end() &&
-                (n == rule->second.at || (rule->second.sticky && n > rule->second.at))) {
+            if (rule != m_rules.end() && rule->second.Hits(n)) {
                 failing = true;
                 code = rule->second.err;
+            } else if (m_any && m_any->Hits(m_total)) {
+                failing = true;
+                code = m_any->err;
             }
+            if (failing) ++m_failed;
         }
         if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         if (failing && err != nullptr) *err = code;
@@ -260,6 +302,9 @@ class FaultFileSystem : public platform::FileSystem {
     std::map<FsOp, int> m_calls;
     std::map<FsOp, Rule> m_rules;
     std::map<FsOp, int> m_delay;
+    std::optional<Rule> m_any;
+    int m_total = 0;
+    int m_failed = 0;
     bool m_fold = false;
     std::optional<platform::VolumeInfo> m_volume;
     std::string m_device_prefix;

@@ -115,6 +115,10 @@ class PosixFile : public File {
                 if (errno == EINTR) continue;
                 return fail(err);
             }
+            if (put == 0) {
+                errno = EIO;
+                return fail(err);
+            }
             // A regular file only writes short when the device is full; the next
             // call then reports why.
             p += put;
@@ -130,6 +134,17 @@ class PosixFile : public File {
 
     int truncate(uint64_t size, int* err) override {
         return ::ftruncate(m_fd, static_cast<off_t>(size)) == 0 ? 0 : fail(err);
+    }
+
+    int size(uint64_t& out, int* err) override {
+        struct stat st {};
+        if (::fstat(m_fd, &st) != 0) return fail(err);
+        out = static_cast<uint64_t>(st.st_size);
+        return 0;
+    }
+
+    int set_mode(uint32_t mode, int* err) override {
+        return ::fchmod(m_fd, static_cast<mode_t>(mode & 07777)) == 0 ? 0 : fail(err);
     }
 
     int sync(int* err) override { return ::fsync(m_fd) == 0 ? 0 : fail(err); }
@@ -168,6 +183,7 @@ int open_flags(int flags) {
     if (flags & kOpenExclusive) f |= O_EXCL;
     if (flags & kOpenNoFollow) f |= O_NOFOLLOW;
     if (flags & kOpenNonBlock) f |= O_NONBLOCK;
+    if (flags & kOpenAppend) f |= O_APPEND;
     return f;
 }
 
@@ -239,8 +255,12 @@ class PosixFileSystem : public FileSystem {
     }
 
     int open(const char* path, int flags, std::unique_ptr<File>& out, int* err) override {
-        int fd = ::open(path, open_flags(flags), 0666);
+        int fd;
+        do {
+            fd = ::open(path, open_flags(flags), 0666);
+        } while (fd < 0 && errno == EINTR);
         if (fd < 0) return fail(err);
+        if (flags & kOpenSequential) ::posix_fadvise(fd, 0, 0, POSIX_FADV_SEQUENTIAL);
         out = std::make_unique<PosixFile>(fd);
         return 0;
     }
