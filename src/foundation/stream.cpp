@@ -41,15 +41,36 @@ std::unique_ptr<char[]> chunk_buffer() {
     return buf;
 }
 
-// Cuts an existing file back to exactly `length` bytes. `stage` says what failed: 0
-// opening, 1 cutting.
-int cut_back(const ustring& path, uint64_t length, int& stage, int& err) {
-    stage = 0;
+// Makes an existing file hold exactly its first `offset` bytes, so that appending resumes
+// a transfer. Whatever stands beyond goes: the caller may count fewer bytes than a failed
+// write left. 0, or -1 after logging why.
+int cut_back(const ustring& path, uint64_t offset) {
     std::unique_ptr<platform::File> file;
-    if (platform::file_system().open(path.c_str_utf8(), platform::kOpenWrite, file, &err) != 0)
+    int err = 0;
+    if (platform::file_system().open(path.c_str_utf8(), platform::kOpenWrite, file, &err) != 0) {
+        Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): CreateFile: Error code %d\n",
+                       __LINE__, err);
         return -1;
-    stage = 1;
-    return file->truncate(length, &err);
+    }
+    uint64_t size = 0;
+    if (file->size(size, &err) != 0) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] stream(%d): SetFilePointerEx: Error code %d\n", __LINE__, err);
+        return -1;
+    }
+    if (size < offset) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] stream(%d): '%s' holds %llu bytes, fewer than the offset %llu\n",
+                       __LINE__, path.c_str_utf8(), static_cast<unsigned long long>(size),
+                       static_cast<unsigned long long>(offset));
+        return -1;
+    }
+    if (size > offset && file->truncate(offset, &err) != 0) {
+        Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): SetEndOfFile: Error code %d\n",
+                       __LINE__, err);
+        return -1;
+    }
+    return 0;
 }
 
 int file_error_code(int err) {
@@ -429,22 +450,10 @@ int PStream::ReceiveFileBody(Channel& ch, const PObject::binary_type& binary, ui
     UpdateStatus(0, 0);
     std::unique_ptr<char[]> buf = chunk_buffer();
     if (!buf) return -1;
-    const char* mode = "ab";
-    if (binary.offset == 0) {
-        mode = "wb";
-    } else if (binary.offset != binary.length) {
-        // A resumed transfer never keeps bytes beyond the agreed offset.
-        int stage = 0;
-        int err = 0;
-        if (cut_back(binary.path, binary.offset, stage, err) != 0) {
-            Logger::LogMsg(Logger::L_ERR, component(),
-                           stage == 0 ? "[ERROR] stream(%d): CreateFile: Error code %d\n"
-                                      : "[ERROR] stream(%d): SetEndOfFile: Error code %d\n",
-                           __LINE__, err);
-            return -1;
-        }
-    }
-    std::unique_ptr<platform::File> file = xfopen(binary.path, mode);
+    // A resumed transfer never keeps bytes beyond the agreed offset, even when the caller
+    // says the file ends there (offset equal to length): after a failed write it may not.
+    if (binary.offset != 0 && cut_back(binary.path, binary.offset) != 0) return -1;
+    std::unique_ptr<platform::File> file = xfopen(binary.path, binary.offset == 0 ? "wb" : "ab");
     if (!file) return -1;
     UpdateStatus(0, incoming);
     while (received < incoming) {
@@ -452,7 +461,7 @@ int PStream::ReceiveFileBody(Channel& ch, const PObject::binary_type& binary, ui
         size_t got = 0;
         int rc = ch.Read(buf.get(), want, got);
         // Bytes that did arrive are good file content: keep them for a resume. A failed
-        // write counts nothing, so a resume cuts back whatever part of it landed.
+        // write counts nothing; a resume cuts back whatever part of it landed.
         int err = 0;
         size_t written = got == 0 || file->write(buf.get(), got, &err) >= 0 ? got : 0;
         received += written;

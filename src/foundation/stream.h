@@ -86,10 +86,10 @@ class PStream {
     int Recv(Channel& ch, PObject::array_type& array);
     int Recv(Channel& ch, PObject::map_type& map);
     // Receives into `binary.path`; when it is empty, into a fresh random name in the
-    // receive directory (-1 when none is set). offset 0 writes the file anew; offset
-    // equal to length appends; any other offset cuts the file back to offset first and
-    // appends. Afterwards, also after a failure, offset and length both say how many
-    // bytes stand in the file.
+    // receive directory (-1 when none is set). offset 0 writes the file anew; any other
+    // offset resumes: the existing file is cut back to offset (-1 when it is missing or
+    // shorter) and the bytes are appended. Afterwards, also after a failure, offset and
+    // length both say how many bytes stand in the file correctly.
     int Recv(Channel& ch, PObject::binary_type& binary);
 
     // The directory for received binaries that name no file.

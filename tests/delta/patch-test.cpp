@@ -7,6 +7,7 @@
 #include <tuple>
 
 #include "delta-test-support.h"
+#include "support/fail-each-op.h"
 #include "support/temp-dir.h"
 
 using namespace deltatest;
@@ -160,4 +161,45 @@ TEST_F(PatchFixture, MissingInputsArgumentsAndAnAbortSetBeforehand) {
     EXPECT_EQ(aborted.readFile(), FileReader::ERROR_ABORT);
     EXPECT_EQ(readFile(dir / "new"), "");
     EXPECT_FALSE(exists(dir / "reverse"));
+}
+
+// Each file operation of a patch into a temporary file fails once in turn. The basis and
+// the delta are never touched, and whatever the pass reports, a new file whose hash the
+// caller would accept holds exactly the new content; the next pass always succeeds.
+TEST_F(PatchFixture, EveryFailedFileOperationIsCaughtAndLosesNothing) {
+    const std::string basis = randomBytes(40000, 3);
+    const std::string wanted = basis.substr(0, 9000) + randomBytes(5000, 4) + basis.substr(12000);
+    writeFile(dir / "basis", basis);
+    writeFile(dir / "new", wanted);
+    ASSERT_EQ(makeSignature(dir / "basis", dir / "sig"), 0);
+    ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
+    const std::string delta = readFile(dir / "delta");
+    const std::string temp = dir / "new.tmp";
+    ustring hash;
+    int patch_result = 1;
+    tbtest::FaultScenario scenario;
+    scenario.prepare = [] {};
+    scenario.act = [&] {
+        DeltaFileReader reader;
+        reader.setFile((dir / "delta").c_str(), (dir / "basis").c_str());
+        reader.setNewFile(temp.c_str());
+        reader.setHashString(hash);
+        int result = reader.readFile();
+        patch_result = reader.getPatchResult();
+        return result;
+    };
+    scenario.after_fault = [&](int result) {
+        EXPECT_EQ(readFile(dir / "basis"), basis);
+        EXPECT_EQ(readFile(dir / "delta"), delta);
+        if (result == 0 && patch_result == 0 && hash.str() == md4Hex(wanted)) {
+            EXPECT_EQ(readFile(temp), wanted) << "a pass that looks good left a wrong file";
+        }
+    };
+    scenario.recover = [&] {
+        ASSERT_EQ(scenario.act(), 0);
+        EXPECT_EQ(patch_result, 0);
+        EXPECT_EQ(hash.str(), md4Hex(wanted));
+        EXPECT_EQ(readFile(temp), wanted);
+    };
+    EXPECT_GE(tbtest::FailEachOperation(scenario), 4);
 }

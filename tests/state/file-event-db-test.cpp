@@ -20,6 +20,7 @@
 #include "platform/clock.h"
 #include "state/file-event-db.h"
 #include "state/file-list.h"
+#include "support/fail-each-op.h"
 #include "support/fault-fs.h"
 #include "support/temp-dir.h"
 
@@ -388,6 +389,67 @@ TEST_F(EventDbCommit, AReusedRowIdNeverInheritsAStaleSignature) {
     ASSERT_EQ(db.setEventInfo(FileRow("/next", 1, "other")), 0);
     ASSERT_EQ(Read("/next").signaturePath.str(), store);  // the same id came back
     EXPECT_FALSE(Exists(store));
+}
+
+// Each file operation of a commit that moves a signature fails once in turn. A refused
+// commit leaves the row, the store and the caller's file as they were; an accepted one
+// never shows the old signature under the new row; reopening and retrying always ends
+// with the new row and its signature in the store.
+TEST(EventDbFaults, EveryFailedFileOperationOfACommitLosesNothing) {
+    TempDir dir;
+    FileEventDB db;
+    int runs = 0;
+    std::string base, store, fresh;
+    auto commit = [&] { return db.setEventInfo(FileRow("/doc", 2, "new", fresh)); };
+    auto sum = [&] {
+        ClientFileEventInfo info;
+        EXPECT_EQ(db.getEventInfo("/doc", info), 1);
+        return info.fileCheckSum.str();
+    };
+    auto reopen = [&] {
+        ASSERT_EQ(db.destroy(), 0);
+        ASSERT_EQ(db.initialize((base + "/event-db.sqlite").c_str()), 0);
+    };
+    tbtest::FaultScenario scenario;
+    scenario.prepare = [&] {
+        base = dir / ("run-" + std::to_string(++runs));
+        ASSERT_EQ(::mkdir(base.c_str(), 0700), 0);
+        ASSERT_EQ(::mkdir((base + "/sign").c_str(), 0700), 0);
+        reopen();
+        dir.write("run-" + std::to_string(runs) + "/sign/old", "old-sig");
+        ASSERT_EQ(db.setEventInfo(FileRow("/doc", 1, "old", base + "/sign/old")), 0);
+        ClientFileEventInfo info;
+        ASSERT_EQ(db.getEventInfo("/doc", info), 1);
+        store = info.signaturePath.str();
+        fresh = base + "/sign/new";
+        dir.write("run-" + std::to_string(runs) + "/sign/new", "new-sig");
+    };
+    scenario.act = commit;
+    scenario.after_fault = [&](int result) {
+        if (result < 0) {
+            EXPECT_EQ(sum(), "old");
+            EXPECT_EQ(Slurp(store), "old-sig");
+            EXPECT_EQ(Slurp(fresh), "new-sig");
+            EXPECT_FALSE(Exists(store + ".new"));
+            return;
+        }
+        EXPECT_EQ(sum(), "new");
+        EXPECT_NE(Slurp(store), "old-sig");
+        EXPECT_EQ(Slurp(Exists(store) ? store : store + ".new"), "new-sig");
+    };
+    scenario.recover = [&] {
+        reopen();
+        if (sum() == "old") {
+            ASSERT_EQ(commit(), 0);
+        }
+        EXPECT_EQ(sum(), "new");
+        EXPECT_EQ(Slurp(store), "new-sig");
+        EXPECT_FALSE(Exists(fresh));
+        EXPECT_FALSE(Exists(store + ".new"));
+        EXPECT_EQ(Rows(base + "/event-db.sqlite", "SELECT count(*) FROM config_table"),
+                  Lines{"2"});
+    };
+    EXPECT_GE(tbtest::FailEachOperation(scenario), 2);
 }
 
 TEST(EventDbDamage, AFileThatIsNoDatabaseIsReportedAndLeftAlone) {
