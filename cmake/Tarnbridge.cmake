@@ -61,19 +61,36 @@ function(tb_tool name)
   target_link_libraries(${name} PRIVATE ${ARG_DEPS})
 endfunction()
 
-# Adds each listed subfolder that has a CMakeLists.txt, in the given order.
-macro(tb_add_existing)
+# Adds each listed subfolder, in the given order. A listed folder without a CMakeLists.txt
+# is an error: a misspelt or removed folder must not quietly drop out of the build.
+function(tb_add_folders)
   foreach(dir ${ARGN})
-    if(EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
-      add_subdirectory(${dir})
+    if(NOT EXISTS ${CMAKE_CURRENT_SOURCE_DIR}/${dir}/CMakeLists.txt)
+      message(FATAL_ERROR "${CMAKE_CURRENT_SOURCE_DIR}/${dir}: listed but has no CMakeLists.txt")
     endif()
+    add_subdirectory(${dir})
   endforeach()
-endmacro()
+endfunction()
 
-# tb_fuzz(NAME SOURCE file DEPS lib...): a libFuzzer target fuzz-NAME.
+# tb_fuzz(NAME SOURCE file DEPS lib...): in the fuzz build, a libFuzzer target fuzz-NAME;
+# in every other build, replay-NAME, the same entry point driven by a plain main that
+# replays fuzz/corpus/NAME as the CTest test Fuzz.NAME, so the target always compiles and
+# its corpus keeps passing.
 function(tb_fuzz name)
   cmake_parse_arguments(ARG "" "SOURCE" "DEPS" ${ARGN})
-  add_executable(fuzz-${name} ${ARG_SOURCE})
-  target_link_options(fuzz-${name} PRIVATE -fsanitize=fuzzer)
+  if(TB_FUZZ)
+    add_executable(fuzz-${name} ${ARG_SOURCE})
+    target_link_options(fuzz-${name} PRIVATE -fsanitize=fuzzer)
+  else()
+    set(corpus ${CMAKE_CURRENT_SOURCE_DIR}/corpus/${name})
+    if(NOT IS_DIRECTORY ${corpus})
+      message(FATAL_ERROR "fuzz target ${name} has no corpus folder ${corpus}")
+    endif()
+    add_executable(fuzz-${name} ${ARG_SOURCE} ${CMAKE_CURRENT_SOURCE_DIR}/replay-main.cpp)
+    set_target_properties(fuzz-${name} PROPERTIES OUTPUT_NAME replay-${name})
+    add_test(NAME Fuzz.${name} COMMAND fuzz-${name} ${corpus})
+    set_tests_properties(Fuzz.${name} PROPERTIES TIMEOUT 120)
+  endif()
+  target_compile_options(fuzz-${name} PRIVATE ${TB_WARNINGS})
   target_link_libraries(fuzz-${name} PRIVATE ${ARG_DEPS})
 endfunction()

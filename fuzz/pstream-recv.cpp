@@ -22,31 +22,45 @@ namespace {
 
 constexpr size_t kMaxInput = 1 << 16;
 
-// The scratch folder for received binaries, and quiet logs: only critical lines.
-const std::string& scratch() {
-    static const std::string dir = [] {
+void empty_folder(const std::string& path) {
+    DIR* d = ::opendir(path.c_str());
+    if (d == nullptr) return;
+    while (dirent* e = ::readdir(d)) {
+        std::string name = e->d_name;
+        if (name != "." && name != "..") ::unlink((path + "/" + name).c_str());
+    }
+    ::closedir(d);
+}
+
+// The scratch folder for received binaries, removed at exit, and quiet logs: only
+// critical lines.
+struct Scratch {
+    Scratch() {
         char templ[] = "/tmp/tarnbridge-fuzz-XXXXXX";
-        std::string d = ::mkdtemp(templ) != nullptr ? templ : "/tmp";
-        std::string levels = d + "/levels";
+        if (::mkdtemp(templ) == nullptr) std::abort();
+        dir = templ;
+        std::string levels = dir + "/levels";
         if (FILE* f = std::fopen(levels.c_str(), "w")) {
             std::fputs("channel_debug = 2\nstream = 2\n", f);
             std::fclose(f);
         }
         Logger::Initialize(Logger::STDERR_LOGGER, ustring(), ustring(levels.c_str()), 50);
         ::unlink(levels.c_str());
-        return d;
-    }();
-    return dir;
+    }
+    ~Scratch() {
+        empty_folder(dir);
+        ::rmdir(dir.c_str());
+    }
+    std::string dir;
+};
+
+const std::string& scratch() {
+    static Scratch s;
+    return s.dir;
 }
 
 void empty_scratch() {
-    DIR* d = ::opendir(scratch().c_str());
-    if (d == nullptr) return;
-    while (dirent* e = ::readdir(d)) {
-        std::string name = e->d_name;
-        if (name != "." && name != "..") ::unlink((scratch() + "/" + name).c_str());
-    }
-    ::closedir(d);
+    empty_folder(scratch());
 }
 
 // Feeds `bytes` into one end of a socket pair, closes it for writing, and receives

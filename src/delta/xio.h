@@ -1,8 +1,8 @@
 // xio.h: the delta engine's thin file layer over the platform's files: plain file handles,
-// appending asynchronous writes, ring buffers and a buffered view of a file. Used by the FileReader pipeline, its
-// handlers and the patch reader. Every operation returns 0 or a byte count on success and -1
-// on failure, after printing the failure to standard error as "xio (LINE): ..." where LINE is
-// the caller's source line. The layer never logs through the daemon's log.
+// appending asynchronous writes, ring buffers and a buffered view of a file. Used by the FileReader
+// pipeline, its handlers and the patch reader. Every operation returns 0 or a byte count on success
+// and -1 on failure, after printing the failure to standard error as "xio (LINE): ..." where LINE
+// is the caller's source line. The layer never logs through the daemon's log.
 #pragma once
 
 #include <cstddef>

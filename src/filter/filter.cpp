@@ -180,7 +180,8 @@ std::string render(const Filter* filter) {
 }
 
 // Creates a fresh file beside `path` for its new content; its name goes to `temp`.
-int create_beside(const std::string& path, std::string& temp, std::unique_ptr<platform::File>& out) {
+int create_beside(const std::string& path, std::string& temp,
+                  std::unique_ptr<platform::File>& out) {
     platform::FileSystem& fs = platform::file_system();
     const int flags = platform::kOpenWrite | platform::kOpenCreate | platform::kOpenExclusive;
     for (int attempt = 0; attempt < 16; ++attempt) {

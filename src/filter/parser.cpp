@@ -396,8 +396,8 @@ const char* parser_error_string(int stored_code) {
     return kErrorNames[code];
 }
 
-parse_result parse_text(const char* data, size_t len, const schema_parser* schema,
-                        void* result, parse_report* report) {
+parse_result parse_text(const char* data, size_t len, const schema_parser* schema, void* result,
+                        parse_report* report) {
     text_cursor in{data, len, 0};
     parser p;
     std::memset(&p, 0, sizeof(p));
@@ -430,8 +430,8 @@ parse_result parse(const char* path, const schema_parser* schema, void* result,
     int err = 0;
     int stage = read_head(path, text, err);
     if (stage != 0) {
-        std::string why = std::string(stage == -1 ? "can't open: " : "read error: ") +
-                          std::strerror(err);
+        std::string why =
+            std::string(stage == -1 ? "can't open: " : "read error: ") + std::strerror(err);
         if (stage == -2) std::fprintf(stderr, "parser: %s\n", why.c_str());
         if (report != nullptr) {
             *report = parse_report();

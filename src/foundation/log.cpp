@@ -72,8 +72,8 @@ int rotate_locked(LogState& s) {
     for (int i = s.rotate_count - 2; i >= 0; --i)
         platform::rename_noreplace(numbered(s.path, i).c_str_utf8(),
                                    numbered(s.path, i + 1).c_str_utf8());
-    platform::default_file_system().remove_file(
-        numbered(s.path, s.rotate_count - 1).c_str_utf8(), nullptr);
+    platform::default_file_system().remove_file(numbered(s.path, s.rotate_count - 1).c_str_utf8(),
+                                                nullptr);
     s.file.reset();
     s.console = nullptr;
     if (platform::rename_noreplace(s.path.c_str_utf8(), numbered(s.path, 0).c_str_utf8()) != 0)

@@ -48,8 +48,8 @@ int cut_back(const ustring& path, uint64_t offset) {
     std::unique_ptr<platform::File> file;
     int err = 0;
     if (platform::file_system().open(path.c_str_utf8(), platform::kOpenWrite, file, &err) != 0) {
-        Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): CreateFile: Error code %d\n",
-                       __LINE__, err);
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] stream(%d): CreateFile: Error code %d\n", __LINE__, err);
         return -1;
     }
     uint64_t size = 0;
@@ -66,8 +66,8 @@ int cut_back(const ustring& path, uint64_t offset) {
         return -1;
     }
     if (size > offset && file->truncate(offset, &err) != 0) {
-        Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] stream(%d): SetEndOfFile: Error code %d\n",
-                       __LINE__, err);
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] stream(%d): SetEndOfFile: Error code %d\n", __LINE__, err);
         return -1;
     }
     return 0;

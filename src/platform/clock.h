@@ -50,8 +50,6 @@ class ManualClock : public Clock {
         m_now_ms += ms;
         m_tick_ms += ms;
     }
-    // Sets the wall clock alone (a user or NTP changing the time); the tick stays.
-    void SetNow(int64_t seconds) { m_now_ms = seconds * 1000; }
 
   private:
     std::atomic<int64_t> m_now_ms;

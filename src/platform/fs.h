@@ -59,12 +59,12 @@ class DirReader {
 enum OpenFlag : int {
     kOpenRead = 1,
     kOpenWrite = 2,
-    kOpenCreate = 4,      // create when absent (mode 0666 less the process's umask)
-    kOpenTruncate = 8,    // empty an existing file
-    kOpenExclusive = 16,  // with kOpenCreate: fail with EEXIST when the name exists
-    kOpenNoFollow = 32,   // fail (ELOOP) when the final name is a symbolic link
-    kOpenNonBlock = 64,   // never wait: for probing objects that might block an open
-    kOpenAppend = 128,    // every write goes to the end of the file, whatever the position
+    kOpenCreate = 4,        // create when absent (mode 0666 less the process's umask)
+    kOpenTruncate = 8,      // empty an existing file
+    kOpenExclusive = 16,    // with kOpenCreate: fail with EEXIST when the name exists
+    kOpenNoFollow = 32,     // fail (ELOOP) when the final name is a symbolic link
+    kOpenNonBlock = 64,     // never wait: for probing objects that might block an open
+    kOpenAppend = 128,      // every write goes to the end of the file, whatever the position
     kOpenSequential = 256,  // a hint that the file is read or written front to back once
 };
 

@@ -141,8 +141,6 @@ class FileEventDB {
     // before the last ("12/34/.56" for 0x123456). `buffer` holds at least 64 bytes.
     static void path_convert(uint64_t id, char* buffer);
 
-    const ustring& getSignPath() const { return m_signPath; }
-
   private:
     int containsLocked(const ustring& path, EventInfo& info);
     int writeRowLocked(const ClientFileEventInfo& info, const ustring& path, uint64_t& row_id,

@@ -198,8 +198,7 @@ int seek_for_send(platform::File& file, uint64_t offset, uint64_t size) {
 }
 
 // Sends the blocks of the stretch [offset, size) of `file`, which stands at offset.
-int send_blocks(Channel& ch, platform::File& file, uint64_t offset, uint64_t size,
-                size_t block) {
+int send_blocks(Channel& ch, platform::File& file, uint64_t offset, uint64_t size, size_t block) {
     std::unique_ptr<char[]> buf = block_buffer(block);
     if (!buf) return ERR_SYS;
     const auto start = std::chrono::steady_clock::now();
@@ -243,8 +242,7 @@ int send_blocks(Channel& ch, platform::File& file, uint64_t offset, uint64_t siz
     return ERR_PROTO;
 }
 
-int write_file(Channel& ch, uint8_t is_delta, platform::File& file, uint64_t offset,
-               size_t block) {
+int write_file(Channel& ch, uint8_t is_delta, platform::File& file, uint64_t offset, size_t block) {
     int rc = ProtoWriteSection(ch, SPROTO_ID_DELTATYPE, is_delta);
     if (rc < 0) return rc;
     uint64_t size = 0;

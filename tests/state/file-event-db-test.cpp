@@ -446,8 +446,7 @@ TEST(EventDbFaults, EveryFailedFileOperationOfACommitLosesNothing) {
         EXPECT_EQ(Slurp(store), "new-sig");
         EXPECT_FALSE(Exists(fresh));
         EXPECT_FALSE(Exists(store + ".new"));
-        EXPECT_EQ(Rows(base + "/event-db.sqlite", "SELECT count(*) FROM config_table"),
-                  Lines{"2"});
+        EXPECT_EQ(Rows(base + "/event-db.sqlite", "SELECT count(*) FROM config_table"), Lines{"2"});
     };
     EXPECT_GE(tbtest::FailEachOperation(scenario), 2);
 }

@@ -1,7 +1,7 @@
 // fault-fs.h: a FileSystem wrapper for tests. It forwards to the real file system
-// and, on request, fails the Nth call of an operation with a chosen error (a full
-// disk, a refused rename), delays calls, pretends a volume folds case or has another
-// type, and reports other device numbers for a subtree. Header-only; install it
+// and, on request, fails the Nth call of an operation, or the Nth operation of any
+// kind, with a chosen error (a full disk, a refused rename), delays calls, pretends a volume folds
+// case or has another type, and reports other device numbers for a subtree. Header-only; install it
 // for a scope with ScopedFileSystem.
 #pragma once
 

@@ -78,9 +78,9 @@ TEST(ProtoFileSend, StreamFromAnyPositionAndMissingBytes) {
     Wired w;
     dir.write("short", "abc");
     std::unique_ptr<platform::File> file;
-    ASSERT_EQ(platform::file_system().open((dir / "short").c_str(), platform::kOpenRead, file,
-                                           nullptr),
-              0);
+    ASSERT_EQ(
+        platform::file_system().open((dir / "short").c_str(), platform::kOpenRead, file, nullptr),
+        0);
     char first;
     ASSERT_EQ(file->read(&first, 1, nullptr), 1);
     ASSERT_EQ(ProtoWriteFile(w.ch, 0, *file), 0);
