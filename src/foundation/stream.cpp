@@ -84,8 +84,7 @@ uint8_t integer_width(uint64_t v) {
     return 8;
 }
 
-}  // namespace
-
+// The open flags of a stream mode letter.
 int stream_open_flags(char mode) {
     int flags = platform::kOpenSequential;
     switch (mode) {
@@ -100,6 +99,8 @@ int stream_open_flags(char mode) {
                    platform::kOpenTruncate;
     }
 }
+
+}  // namespace
 
 std::unique_ptr<platform::File> xfopen(const ustring& path, const char* mode) {
     std::unique_ptr<platform::File> file;
