@@ -15,9 +15,9 @@
 #include <set>
 
 #include "foundation/ustring.h"
+#include "state/sqlite-db.h"
 
 class FileList;
-struct sqlite3;
 
 // One row of eventinfo: the client's belief about a path at its last agreement with
 // the server.
@@ -148,15 +148,19 @@ class FileEventDB {
     int raiseAncestorsLocked(const ustring& path, uint64_t sync_id, uint32_t mtime);
     int stageSignatureLocked(uint64_t row_id, const ustring& from, ustring& staged);
     int recoverSignaturesLocked();
+    int clearMarkerLocked(uint64_t row_id);
+    // Runs `sql`; a failure is logged as "<call>: [<code>] <message>". 0; -1.
     int execLocked(const char* sql);
-    int fillFileList(FileList* list, const char* sql, size_t prefix_length);
+    // Runs `sql` (null when it could not be formatted), a failure logged as "<op> fail";
+    // `atomic` for a script with its own transaction, rolled back when it fails. 0; -1.
+    int execReportedLocked(const char* op, const char* sql, bool atomic = false);
+    int fillFileList(FileList* list, const char* query, size_t prefix_length);
     int getPathByHashFrom(const char* select, const char* tail, const ustring& file_hash,
                           ustring& path);
     ustring signatureOf(uint64_t row_id) const;
-    void closeLocked();
 
     ustring m_eventDBPath;
     ustring m_signPath;
     std::mutex m_dbMutex;
-    sqlite3* m_db = nullptr;
+    sqlite::Database m_db;
 };

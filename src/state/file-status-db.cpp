@@ -1,28 +1,22 @@
 // file-status-db.cpp: open-per-operation access to the fstatinfo table.
 #include "state/file-status-db.h"
 
-#include <sqlite3.h>
-
-#include <cstdio>
-#include <cstdlib>
+#include <algorithm>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "foundation/log.h"
 #include "platform/clock.h"
 #include "platform/fs.h"
+#include "state/file-status-db-schema.h"
 #include "state/sql-escape.h"
+#include "state/sqlite-db.h"
 
 namespace {
 
 const char* const kLog = "fstat_db_debug";
 
-const char* const kSchema =
-    "PRAGMA journal_mode = WAL;PRAGMA synchronous = OFF; CREATE TABLE IF NOT EXISTS fstatinfo ( "
-    "id INTEGER PRIMARY KEY AUTOINCREMENT, path text unique NOT NULL, fileType integer NOT "
-    "NULL, syncStatus integer NOT NULL ); ";
-const char* const kIndex = "CREATE INDEX IF NOT EXISTS fstatinfo_path_idx on fstatinfo(path);";
-const char* const kPragmas = "PRAGMA journal_mode = WAL; PRAGMA synchronous = OFF;";
 // The table's paths are compared byte for byte, as the file system does here; a LIKE
 // would otherwise fold ASCII case and match a sibling spelled differently.
 const char* const kCaseSensitiveLike = "PRAGMA case_sensitive_like = ON;";
@@ -30,14 +24,6 @@ const char* const kCaseSensitiveLike = "PRAGMA case_sensitive_like = ON;";
 const int kBusyTimeoutMs = 300000;
 // The separator of stored paths: the platform's own.
 const char kSeparator = '/';
-
-// Closing the last connection checkpoints the log under an exclusive lock, and with a
-// connection per operation we are often the last: a reader of another process starting
-// at that moment would be refused. Without it the log is still checkpointed by commits
-// once it grows (SQLite's automatic checkpoint), which never shuts readers out.
-void KeepReadersOutOfOurClose(sqlite3* db) {
-    sqlite3_db_config(db, SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
-}
 
 std::mutex g_path_mutex;
 ustring g_db_path;
@@ -47,139 +33,92 @@ ustring StoredPath() {
     return g_db_path;
 }
 
-struct SqlText {
-    char* text = nullptr;
-    explicit SqlText(char* t) : text(t) {}
-    ~SqlText() { sqlite3_free(text); }
-    SqlText(const SqlText&) = delete;
-    SqlText& operator=(const SqlText&) = delete;
-};
-
-// One connection for the length of one operation.
-class Connection {
-  public:
-    Connection() = default;
-    ~Connection() {
-        if (m_db != nullptr) sqlite3_close(m_db);
+// Opens the stored database for one operation, ready for statements. 0; -1 (logged).
+int Open(sqlite::Database& db) {
+    const ustring path = StoredPath();
+    if (path.empty()) {
+        Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] file-status-db(%d): fstat-db path is empty.\n",
+                       __LINE__);
+        return -1;
     }
-    Connection(const Connection&) = delete;
-    Connection& operator=(const Connection&) = delete;
-
-    // Opens the stored database, ready for statements. 0; -1 (logged).
-    int Open() {
-        const ustring path = StoredPath();
-        if (path.empty()) {
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] file-status-db(%d): fstat-db path is empty.\n", __LINE__);
-            return -1;
-        }
-        int rc = sqlite3_open(path.c_str_utf8(), &m_db);
-        if (rc != SQLITE_OK) {
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] file-status-db(%d): open db failed. db-path:[%s] errCode:[%d] "
-                           "errmsg:[%s]\n",
-                           __LINE__, path.c_str_utf8(), rc, sqlite3_errmsg(m_db));
-            return -1;
-        }
-        // Before the pragmas: switching a new file to WAL needs a lock another process
-        // may hold.
-        sqlite3_busy_timeout(m_db, kBusyTimeoutMs);
-        KeepReadersOutOfOurClose(m_db);
-        if (Exec(kPragmas) < 0 || Exec(kCaseSensitiveLike) < 0) return -1;
-        return 0;
-    }
-
-    // Runs `sql`. 0; -1 (logged).
-    int Exec(const char* sql) {
-        char* error = nullptr;
-        int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, &error);
-        if (rc != SQLITE_OK) {
-            Logger::LogMsg(
-                Logger::L_ERR, kLog,
-                "[ERROR] file-status-db(%d): sqlite3_exec error. errCode:(%d) error:[%s]\n",
-                __LINE__, rc, error != nullptr ? error : sqlite3_errmsg(m_db));
-            sqlite3_free(error);
-            return -1;
-        }
-        return 0;
-    }
-
-    // Runs a maintenance script, logging in the form those use. 0; -1.
-    int ExecMaintenance(const char* sql) {
-        char* error = nullptr;
-        int rc = sqlite3_exec(m_db, sql, nullptr, nullptr, &error);
-        if (rc != SQLITE_OK) {
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] file-status-db(%d): FileStatusDB: sqlite3_exec: %s  (%d)\n",
-                           __LINE__, error != nullptr ? error : sqlite3_errmsg(m_db), rc);
-            sqlite3_free(error);
-            return -1;
-        }
-        return 0;
-    }
-
-    sqlite3* handle() const { return m_db; }
-
-  private:
-    sqlite3* m_db = nullptr;
-};
-
-// The result of sqlite3_get_table, freed on scope exit.
-struct Table {
-    char** cells = nullptr;
-    int rows = 0;
-    int cols = 0;
-    ~Table() { sqlite3_free_table(cells); }
-    // Cell (row, col) of the data, row 0 being the first row after the header.
-    const char* at(int row, int col) const { return cells[(row + 1) * cols + col]; }
-};
-
-// Runs a query into `table`. 0; -1 (logged with the statement).
-int GetTable(Connection& conn, const char* sql, Table& table) {
-    char* error = nullptr;
-    int rc = sqlite3_get_table(conn.handle(), sql, &table.cells, &table.rows, &table.cols, &error);
-    if (rc != SQLITE_OK) {
+    if (db.Open(path.c_str_utf8()) < 0) {
         Logger::LogMsg(Logger::L_ERR, kLog,
-                       "[ERROR] file-status-db(%d): get_table error. sql:[%s] errCode:[%d] "
+                       "[ERROR] file-status-db(%d): open db failed. db-path:[%s] errCode:[%d] "
                        "errmsg:[%s]\n",
-                       __LINE__, sql, rc, error != nullptr ? error : sqlite3_errmsg(conn.handle()));
-        sqlite3_free(error);
+                       __LINE__, path.c_str_utf8(), db.failure().rc, db.failure().message.c_str());
+        return -1;
+    }
+    // Before the pragmas: switching a new file to WAL needs a lock another process may hold.
+    db.SetBusyTimeout(kBusyTimeoutMs);
+    // Closing the last connection checkpoints the log under an exclusive lock, and with a
+    // connection per operation we are often the last: a reader of another process starting
+    // at that moment would be refused. Without it the log is still checkpointed by commits
+    // once it grows (SQLite's automatic checkpoint), which never shuts readers out.
+    sqlite3_db_config(db.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    if (db.UseWal("OFF") < 0 || db.Exec(kCaseSensitiveLike) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] file-status-db(%d): sqlite3_exec error. errCode:(%d) error:[%s]\n",
+                       __LINE__, db.failure().rc, db.failure().message.c_str());
         return -1;
     }
     return 0;
 }
 
-// Fills `info` from data row `row` (id, path, fileType, syncStatus). 0; -1 for a
-// table of another shape.
-int ReadRow(const Table& table, int row, FileStatusInfo& info) {
-    if (table.cols != 4 || row >= table.rows) {
+// Runs a maintenance script on a fresh connection, logging in the form those use. 0; -1.
+int RunMaintenance(const char* sql) {
+    sqlite::Database db;
+    if (Open(db) < 0) return -1;
+    if (db.Exec(sql) == 0) return 0;
+    Logger::LogMsg(Logger::L_ERR, kLog,
+                   "[ERROR] file-status-db(%d): FileStatusDB: sqlite3_exec: %s  (%d)\n", __LINE__,
+                   db.failure().message.c_str(), db.failure().rc);
+    return -1;
+}
+
+// Runs a query on a fresh connection, calling `row` for each row. 0; -1, logged with the
+// statement.
+template <typename Row>
+int Query(const char* sql, Row row) {
+    sqlite::Database db;
+    if (Open(db) < 0) return -1;
+    if (db.Query(sql, row) == 0) return 0;
+    Logger::LogMsg(Logger::L_ERR, kLog,
+                   "[ERROR] file-status-db(%d): get_table error. sql:[%s] errCode:[%d] "
+                   "errmsg:[%s]\n",
+                   __LINE__, sql, db.failure().rc, db.failure().message.c_str());
+    return -1;
+}
+
+// Fills `info` from row number `index` of a "select *". 0; -1 for a table of another shape.
+int ReadRow(const sqlite::Statement& row, int index, FileStatusInfo& info) {
+    if (row.Columns() != fstatinfo::kColumnCount) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] file-status-db(%d): mismatched db output index. row-idx:[%d] "
                        "col-idx:[%d]\n",
-                       __LINE__, row, table.cols);
+                       __LINE__, index, row.Columns());
         return -1;
     }
-    const char* path = table.at(row, 1);
-    const char* type = table.at(row, 2);
-    const char* status = table.at(row, 3);
-    info.path = path != nullptr ? path : "";
-    info.fileType = type != nullptr ? std::atoi(type) : SFT_FILE;
-    info.syncStatus = status != nullptr ? std::atoi(status) : 0;
+    info.path = row.Chars(fstatinfo::kPath);
+    info.fileType = row.Int(fstatinfo::kFileType);
+    info.syncStatus = row.Int(fstatinfo::kSyncStatus);
     return 0;
 }
 
-// Formats a statement and runs it on a fresh connection. 0; -1.
-int RunStatement(char* sql, const ustring& path) {
-    SqlText text(sql);
-    if (text.text == nullptr) {
+// Runs a formatted statement on a fresh connection. 0; -1.
+int RunStatement(const sqlite::Text& sql, const ustring& path) {
+    if (!sql) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] file-status-db(%d): sqlite3_mprintf error. path:[%s]\n", __LINE__,
                        path.c_str_utf8());
         return -1;
     }
-    Connection conn;
-    if (conn.Open() < 0) return -1;
-    return conn.Exec(text.text);
+    sqlite::Database db;
+    if (Open(db) < 0) return -1;
+    if (db.Exec(sql.get()) == 0) return 0;
+    Logger::LogMsg(Logger::L_ERR, kLog,
+                   "[ERROR] file-status-db(%d): sqlite3_exec error. errCode:(%d) error:[%s]\n",
+                   __LINE__, db.failure().rc, db.failure().message.c_str());
+    return -1;
 }
 
 // Moves a file that SQLite refuses as a database aside, with its journals, so that the
@@ -203,31 +142,23 @@ bool SetAsideUnreadable(const ustring& location) {
 
 // Opens `location` and runs the schema. 0; -1; -2 when the file isn't a database.
 int CreateSchema(const ustring& location) {
-    sqlite3* db = nullptr;
-    int rc = sqlite3_open(location.c_str_utf8(), &db);
-    if (rc != SQLITE_OK) {
+    sqlite::Database db;
+    if (db.Open(location.c_str_utf8()) < 0) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] file-status-db(%d): open db failed. db-path:[%s] errmsg:[%s]\n",
-                       __LINE__, location.c_str_utf8(), sqlite3_errmsg(db));
-        sqlite3_close(db);
+                       __LINE__, location.c_str_utf8(), db.failure().message.c_str());
         return -1;
     }
-    sqlite3_busy_timeout(db, kBusyTimeoutMs);
-    int result = 0;
-    for (const char* cmd : {kSchema, kIndex}) {
-        char* error = nullptr;
-        rc = sqlite3_exec(db, cmd, nullptr, nullptr, &error);
-        if (rc != SQLITE_OK) {
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] file-status-db(%d): sqlite3_exec error. cmd:(%s)  error:(%s)\n",
-                           __LINE__, cmd, error != nullptr ? error : sqlite3_errmsg(db));
-            sqlite3_free(error);
-            result = (rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT) ? -2 : -1;
-            break;
-        }
+    db.SetBusyTimeout(kBusyTimeoutMs);
+    for (const char* cmd : {kFileStatusDBSchema, kFileStatusDBIndex}) {
+        if (db.Exec(cmd) == 0) continue;
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] file-status-db(%d): sqlite3_exec error. cmd:(%s)  error:(%s)\n",
+                       __LINE__, cmd, db.failure().message.c_str());
+        const int rc = db.failure().rc;
+        return rc == SQLITE_NOTADB || rc == SQLITE_CORRUPT ? -2 : -1;
     }
-    sqlite3_close(db);
-    return result;
+    return 0;
 }
 
 }  // namespace
@@ -257,22 +188,23 @@ void FileStatusDB::destroy() {
 }
 
 int FileStatusDB::setFileSyncStat(const FileStatusInfo& info) {
-    return RunStatement(sqlite3_mprintf("insert or replace into fstatinfo  (id, path, fileType, "
-                                        "syncStatus)  values(NULL, '%q', %d, %d);",
-                                        info.path.c_str_utf8(), info.fileType, info.syncStatus),
-                        info.path);
+    return RunStatement(
+        sqlite::Text::Format("insert or replace into fstatinfo  (id, path, fileType, "
+                             "syncStatus)  values(NULL, '%q', %d, %d);",
+                             info.path.c_str_utf8(), info.fileType, info.syncStatus),
+        info.path);
 }
 
 int FileStatusDB::rmFileStatByPath(const ustring& path) {
     return RunStatement(
-        sqlite3_mprintf("delete from fstatinfo where path = %Q;", path.c_str_utf8()), path);
+        sqlite::Text::Format("delete from fstatinfo where path = %Q;", path.c_str_utf8()), path);
 }
 
 int FileStatusDB::rmFileSyncStat(const FileStatusInfo& info) {
     const char* path = info.path.c_str_utf8();
     const std::string glob = GlobLiteral(info.path.str());
     return RunStatement(
-        sqlite3_mprintf(
+        sqlite::Text::Format(
             "delete from fstatinfo where (path = %Q OR path GLOB '%q/*' OR path GLOB '%q\\*');",
             path, glob.c_str(), glob.c_str()),
         info.path);
@@ -286,24 +218,20 @@ int FileStatusDB::getFileSyncStat(const ustring& path, FileStatusInfo* out) {
     }
     std::unique_ptr<char[]> sql = ZEPHDBEscapeStringEX3(
         "select * from fstatinfo where path like '@ZEPH:LVAR'", path.c_str_utf8());
-    Connection conn;
-    if (conn.Open() < 0) return -1;
-    Table table;
-    char* error = nullptr;
-    int rc =
-        sqlite3_get_table(conn.handle(), sql.get(), &table.cells, &table.rows, &table.cols, &error);
-    if (rc != SQLITE_OK) {
+    sqlite::Database db;
+    if (Open(db) < 0) return -1;
+    int read = 0;
+    const int found = db.QueryFirst(
+        sql.get(), [&](const sqlite::Statement& row) { read = ReadRow(row, 0, *out); });
+    if (found < 0) {
         Logger::LogMsg(
             Logger::L_ERR, kLog,
             "[ERROR] file-status-db(%d): get fstat info failed. file-path:[%s] errCode:[%d] "
             "errmsg:[%s]\n",
-            __LINE__, path.c_str_utf8(), rc,
-            error != nullptr ? error : sqlite3_errmsg(conn.handle()));
-        sqlite3_free(error);
+            __LINE__, path.c_str_utf8(), db.failure().rc, db.failure().message.c_str());
         return -1;
     }
-    if (table.rows == 0) return 0;
-    return ReadRow(table, 0, *out) == 0 ? 1 : -1;
+    return found == 0 ? 0 : read == 0 ? 1 : -1;
 }
 
 std::unique_ptr<FileStatusInfo[]> FileStatusDB::getFileSyncStats(const ustring& dirpath, int offset,
@@ -318,15 +246,19 @@ std::unique_ptr<FileStatusInfo[]> FileStatusDB::getFileSyncStats(const ustring& 
         "select * from fstatinfo where path like '@ZEPH:LVAR/%%' and path not like "
         "'@ZEPH:LVAR/%%/%%' limit @ZEPH:INT, @ZEPH:INT ",
         dirpath.c_str_utf8(), dirpath.c_str_utf8(), offset, limit);
-    Connection conn;
-    if (conn.Open() < 0) return nullptr;
-    Table table;
-    if (GetTable(conn, sql.get(), table) < 0 || table.rows == 0) return nullptr;
-    auto entries = std::make_unique<FileStatusInfo[]>(table.rows);
-    for (int row = 0; row < table.rows; ++row) {
-        if (ReadRow(table, row, entries[row]) < 0) return nullptr;
-    }
-    count = table.rows;
+    std::vector<FileStatusInfo> rows;
+    bool shaped = true;
+    if (Query(sql.get(),
+              [&](const sqlite::Statement& row) {
+                  rows.emplace_back();
+                  shaped =
+                      shaped && ReadRow(row, static_cast<int>(rows.size()) - 1, rows.back()) == 0;
+              }) < 0 ||
+        !shaped || rows.empty())
+        return nullptr;
+    auto entries = std::make_unique<FileStatusInfo[]>(rows.size());
+    std::move(rows.begin(), rows.end(), entries.get());
+    count = static_cast<int>(rows.size());
     return entries;
 }
 
@@ -340,32 +272,22 @@ bool FileStatusDB::isAnySubFileDirSyncing(const ustring& path) {
     std::unique_ptr<char[]> sql = ZEPHDBEscapeStringEX3(
         "select * from fstatinfo where path like '@ZEPH:LVAR%' and syncStatus=@ZEPH:INT limit 2",
         prefix.c_str_utf8(), static_cast<int>(SFS_SYNCING));
-    Connection conn;
-    if (conn.Open() < 0) return false;
-    Table table;
-    if (GetTable(conn, sql.get(), table) < 0) return false;
-    return table.rows > 0;
+    bool any = false;
+    return Query(sql.get(), [&](const sqlite::Statement&) { any = true; }) == 0 && any;
 }
 
 bool FileStatusDB::isAnyFileSyncing() {
-    SqlText sql(
-        sqlite3_mprintf("select * from fstatinfo where syncStatuc=%d limit 2", SFS_SYNCING));
-    if (sql.text == nullptr) return false;
-    Connection conn;
-    if (conn.Open() < 0) return false;
-    Table table;
-    if (GetTable(conn, sql.text, table) < 0) return false;
-    return table.rows > 0;
+    const sqlite::Text sql =
+        sqlite::Text::Format("select * from fstatinfo where syncStatuc=%d limit 2", SFS_SYNCING);
+    if (!sql) return false;
+    bool any = false;
+    return Query(sql.get(), [&](const sqlite::Statement&) { any = true; }) == 0 && any;
 }
 
 int FileStatusDB::updateAllSyncingEntry() {
-    Connection conn;
-    if (conn.Open() < 0) return -1;
-    return conn.ExecMaintenance("UPDATE fstatinfo SET syncStatus = 1 WHERE syncStatus = 2");
+    return RunMaintenance("UPDATE fstatinfo SET syncStatus = 1 WHERE syncStatus = 2");
 }
 
 int FileStatusDB::removeAllEntry() {
-    Connection conn;
-    if (conn.Open() < 0) return -1;
-    return conn.ExecMaintenance("DELETE FROM fstatinfo;ANALYZE;VACUUM;");
+    return RunMaintenance("DELETE FROM fstatinfo;ANALYZE;VACUUM;");
 }

@@ -18,9 +18,7 @@
 
 #include "foundation/ustring.h"
 #include "state/selective-sync.h"
-
-struct sqlite3;
-struct sqlite3_stmt;
+#include "state/sqlite-db.h"
 
 enum EVENT_OVERFLOW_STAT {
     E_NOT_OVERFLOW = 0,
@@ -88,19 +86,18 @@ class FilterDB {
     int checkEventOverflow(int& overflow);
 
   private:
-    // Logs a statement made by sqlite3_mprintf and checks that it and the database exist;
-    // false, with `sql` freed and the failure logged, when either is missing.
-    bool readyLocked(const char* op, char* sql);
-    // Runs a statement made by sqlite3_mprintf (null when that failed), which it frees.
-    // Caller holds m_db_mutex.
-    int execLocked(const char* op, char* sql);
-    // Prepares `sql` (freed here) for a query. Null, logged, on failure.
-    sqlite3_stmt* prepareLocked(const char* op, char* sql);
-    // Steps through a prepared query, calling `row` for each row. 0 or -1.
+    // Logs a statement, or the failure to format it (false).
+    bool readyLocked(const char* op, const sqlite::Text& sql);
+    // Logs the connection's last failure under the operation's name; `with_call` adds a
+    // line naming the SQLite call that failed.
+    void logFailureLocked(const char* op, bool with_call);
+    // Runs a formatted statement. Caller holds m_db_mutex. 0; -1.
+    int execLocked(const char* op, const sqlite::Text& sql);
+    // Runs a formatted query, calling `row` with the statement for each row. 0; -1.
     template <typename Row>
-    int queryLocked(const char* op, char* sql, Row row);
+    int queryLocked(const char* op, const sqlite::Text& sql, Row row);
 
     ustring m_filter_db_path;
     std::mutex m_db_mutex;
-    sqlite3* m_db = nullptr;
+    sqlite::Database m_db;
 };
