@@ -2,9 +2,7 @@
 // busy port, the control requests, broken requests, start-up failures, stop; and the
 // control queue in process under many senders. The bytes of the port announcement and
 // of a reply are checked by independent-client.py.
-#include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -13,8 +11,6 @@
 
 #include <atomic>
 #include <chrono>
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <thread>
 #include <vector>
@@ -26,9 +22,8 @@
 #include "foundation/stream.h"
 #include "state/file-status-db.h"
 #include "support/loopback.h"
+#include "support/process.h"
 #include "support/temp-dir.h"
-
-extern char** environ;
 
 namespace {
 
@@ -36,52 +31,6 @@ const std::string kDaemon =
     std::string(TB_BINARY_DIR) + "/tools/tarnbridge-daemon/tarnbridge-daemon";
 const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
 const ustring kAck("{\"ack\": \"ok\"}");
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
-
-// A child process with both output streams in one file; killed if a test leaves it.
-class Process {
-  public:
-    Process(std::vector<std::string> argv, const std::string& out_path) {
-        posix_spawn_file_actions_t actions;
-        posix_spawn_file_actions_init(&actions);
-        posix_spawn_file_actions_addopen(&actions, 1, out_path.c_str(),
-                                         O_WRONLY | O_CREAT | O_TRUNC, 0644);
-        posix_spawn_file_actions_adddup2(&actions, 1, 2);
-        std::vector<char*> args;
-        for (std::string& a : argv) args.push_back(a.data());
-        args.push_back(nullptr);
-        if (posix_spawn(&m_pid, args[0], &actions, nullptr, args.data(), environ) != 0) m_pid = -1;
-        posix_spawn_file_actions_destroy(&actions);
-    }
-    ~Process() {
-        if (m_pid <= 0) return;
-        ::kill(m_pid, SIGKILL);
-        ::waitpid(m_pid, nullptr, 0);
-    }
-    Process(const Process&) = delete;
-    Process& operator=(const Process&) = delete;
-
-    // The exit status, or -1000 when the process never started or did not end in time.
-    int wait_exit(double seconds = 30) {
-        auto t0 = std::chrono::steady_clock::now();
-        while (m_pid > 0 && loopback::seconds_since(t0) < seconds) {
-            int status = 0;
-            if (::waitpid(m_pid, &status, WNOHANG) == m_pid) {
-                m_pid = -1;
-                return WIFEXITED(status) ? WEXITSTATUS(status) : -WTERMSIG(status);
-            }
-            std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        }
-        return -1000;
-    }
-
-  private:
-    pid_t m_pid = -1;
-};
 
 // A temporary folder with a configuration whose log and databases all live in it.
 struct DaemonHome {
@@ -99,19 +48,12 @@ struct DaemonHome {
         dir.write("levels", "client_debug = 7\nipc = 7\n");
         dir.write("system.filter", "[Version]\nmajor = 1\nminor = 0\n");
     }
-    std::string log_text() const { return slurp(log); }
+    std::string log_text() const { return ReadFile(log); }
 };
 
-struct Result {
-    int code;
-    std::string out;
-};
-
-Result controller(const DaemonHome& home, std::vector<std::string> args) {
+RunResult controller(std::vector<std::string> args) {
     args.insert(args.begin(), kController);
-    Process p(args, home.dir / "controller.out");
-    int code = p.wait_exit();
-    return {code, slurp(home.dir / "controller.out")};
+    return RunProgram(args);
 }
 
 PObject action(const char* name) {
@@ -144,24 +86,24 @@ class ControlledDaemon : public ::testing::Test {
     }
 
     void Start(int control_port = loopback::Listener().port()) {
-        Result started = controller(
-            home, {"start", "--config", home.config, "--port", std::to_string(control_port)});
+        RunResult started =
+            controller({"start", "--config", home.config, "--port", std::to_string(control_port)});
         Config::map_type state;
         Config::read(ustring(state_path.c_str()), state);
         pid = Config::get_int(state[ustring("pid")]);
-        ASSERT_EQ(started.code, 0) << started.out;
+        ASSERT_EQ(started.status, 0) << started.out;
         port = std::stoi(started.out);
         EXPECT_EQ(Config::get_int(state[ustring("daemon_port")]), port);
     }
     // The daemon has ended, with 0, by the time the controller returns.
     void Stop() {
-        Result stopped = controller(home, {"stop", "--config", home.config});
-        EXPECT_EQ(stopped.code, 0) << stopped.out;
+        RunResult stopped = controller({"stop", "--config", home.config});
+        EXPECT_EQ(stopped.status, 0) << stopped.out;
         int status = -1;
         ASSERT_EQ(::waitpid(pid, &status, WNOHANG), pid);
         pid = -1;
         EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0);
-        EXPECT_FALSE(std::ifstream(state_path).good());
+        EXPECT_FALSE(Exists(state_path));
     }
 
     DaemonHome home;
@@ -173,11 +115,11 @@ class ControlledDaemon : public ::testing::Test {
 TEST_F(ControlledDaemon, ControllerRefusesStartsPastABusyPortSendsRequestsAndStops) {
     // What the controller cannot use is refused with a code.
     home.dir.write("broken.conf", "key = two words\n");
-    EXPECT_EQ(controller(home, {"start", "--config", home.dir / "broken.conf"}).code, 1);
-    EXPECT_EQ(controller(home, {"start", "--config", home.dir / "missing.conf"}).code, 1);
-    EXPECT_EQ(controller(home, {"start"}).code, 2);
-    EXPECT_EQ(controller(home, {"send", "--config", home.config, "link"}).code, 1);  // not started
-    EXPECT_EQ(controller(home, {"stop", "--port", "0"}).code, 2);
+    EXPECT_EQ(controller({"start", "--config", home.dir / "broken.conf"}).status, 1);
+    EXPECT_EQ(controller({"start", "--config", home.dir / "missing.conf"}).status, 1);
+    EXPECT_EQ(controller({"start"}).status, 2);
+    EXPECT_EQ(controller({"send", "--config", home.config, "link"}).status, 1);  // not started
+    EXPECT_EQ(controller({"stop", "--port", "0"}).status, 2);
 
     // A free controlling port whose next port a socket of ours holds.
     int control = -1;
@@ -196,19 +138,19 @@ TEST_F(ControlledDaemon, ControllerRefusesStartsPastABusyPortSendsRequestsAndSto
     Start(control);
     EXPECT_GT(port, control + 1);
 
-    Result link = controller(home, {"send", "--config", home.config, "link"});
-    EXPECT_EQ(link.code, 0);
+    RunResult link = controller({"send", "--config", home.config, "link"});
+    EXPECT_EQ(link.status, 0);
     EXPECT_EQ(link.out, "{\"ack\": \"ok\"}\n");
-    Result typed = controller(home, {"send", "--config", home.config, "add_session",
-                                     "x:={\"a\": [1, \"caf\\u00e9\", null, true, -1], \"m\": {}}",
-                                     "n=42", "s=hello", "huge=99999999999999999999", "empty="});
-    EXPECT_EQ(typed.code, 0) << typed.out;
-    EXPECT_EQ(controller(home, {"send", "--config", home.config, "link", "x:={"}).code, 2);
-    EXPECT_EQ(controller(home, {"send", "--config", home.config, "link", "novalue"}).code, 2);
-    EXPECT_EQ(controller(home, {"start", "--config", home.config}).code, 1);  // already running
+    RunResult typed = controller({"send", "--config", home.config, "add_session",
+                                  "x:={\"a\": [1, \"caf\\u00e9\", null, true, -1], \"m\": {}}",
+                                  "n=42", "s=hello", "huge=99999999999999999999", "empty="});
+    EXPECT_EQ(typed.status, 0) << typed.out;
+    EXPECT_EQ(controller({"send", "--config", home.config, "link", "x:={"}).status, 2);
+    EXPECT_EQ(controller({"send", "--config", home.config, "link", "novalue"}).status, 2);
+    EXPECT_EQ(controller({"start", "--config", home.config}).status, 1);  // already running
     Stop();
     ::close(busy);
-    EXPECT_EQ(controller(home, {"send", "--port", std::to_string(port), "link"}).code, 1);
+    EXPECT_EQ(controller({"send", "--port", std::to_string(port), "link"}).status, 1);
     const std::string log = home.log_text();
     EXPECT_NE(log.find("Bind port " + std::to_string(control + 1) + " failed, try next one"),
               std::string::npos);
@@ -287,10 +229,10 @@ TEST(DaemonStartup, FailuresBeforeServingEndTheProcess) {
         DaemonHome home(c.bad_log ? "/nonexistent-dir/daemon.log" : "");
         std::vector<std::string> argv = {kDaemon, home.config};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
-        Process p(argv, home.dir / "out");
-        EXPECT_EQ(p.wait_exit(), c.code);
-        EXPECT_EQ(std::ifstream(home.log).good(), c.code == 0);
-        const std::string text = home.log_text() + slurp(home.dir / "out");
+        const RunResult run = RunProgram(argv);
+        EXPECT_EQ(run.status, c.code);
+        EXPECT_EQ(Exists(home.log), c.code == 0);
+        const std::string text = home.log_text() + run.out;
         for (const std::string& t : c.texts) EXPECT_NE(text.find(t), std::string::npos) << t;
     }
 }

@@ -12,39 +12,15 @@
 
 #include <cstdint>
 #include <cstdio>
-#include <fstream>
 #include <optional>
-#include <random>
-#include <sstream>
 #include <string>
 #include <vector>
 
 #include "delta/delta-file-reader.h"
 #include "delta/file-reader.h"
+#include "support/files.h"
 
 namespace deltatest {
-
-inline std::string randomBytes(size_t n, uint32_t seed) {
-    std::mt19937 gen(seed);
-    std::string s(n, '\0');
-    for (auto& c : s) c = static_cast<char>(gen() & 0xFF);
-    return s;
-}
-
-inline void writeFile(const std::string& path, const std::string& bytes) {
-    std::ofstream(path, std::ios::binary | std::ios::trunc) << bytes;
-}
-
-inline std::string readFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    std::ostringstream ss;
-    ss << in.rdbuf();
-    return ss.str();
-}
-
-inline bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
 
 inline std::string md4Hex(const std::string& bytes) {
     unsigned char digest[16];

@@ -20,15 +20,15 @@ class DeltaFixture : public ::testing::Test {
     // `old` rebuilds `next`, and returns the delta's bytes.
     std::string roundTrip(const std::string& old, const std::string& next, size_t block = kBlock,
                           size_t hash = 8) {
-        writeFile(dir / "old", old);
-        writeFile(dir / "new", next);
+        WriteFile(dir / "old", old);
+        WriteFile(dir / "new", next);
         EXPECT_EQ(makeSignature(dir / "old", dir / "sig", block, hash), 0);
         EXPECT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
         PatchOutcome outcome = applyPatch(dir / "old", dir / "delta", dir / "rebuilt");
         EXPECT_EQ(outcome.result, 0);
         EXPECT_EQ(outcome.patch_result, 0);
-        EXPECT_TRUE(readFile(dir / "rebuilt") == next) << "rebuilt file differs";
-        return readFile(dir / "delta");
+        EXPECT_TRUE(ReadFile(dir / "rebuilt") == next) << "rebuilt file differs";
+        return ReadFile(dir / "delta");
     }
 
     TempDir dir;
@@ -39,7 +39,7 @@ class DeltaFixture : public ::testing::Test {
 // The usual shapes of change are checked against rdiff in rdiff-interop-test.cpp; these are
 // the ones that stress the matcher: repetitive content and other block and hash sizes.
 TEST_F(DeltaFixture, RoundTripsOfRepetitiveContentAndOtherSizes) {
-    std::string old = randomBytes(3 * kChunk + 777, 11);
+    std::string old = RandomBytes(3 * kChunk + 777, 11);
     std::string zeros(2 * kChunk + 100, '\0');
     std::string repeated;
     for (int i = 0; i < 600; ++i) repeated += old.substr(0, kBlock);
@@ -51,19 +51,19 @@ TEST_F(DeltaFixture, RoundTripsOfRepetitiveContentAndOtherSizes) {
 }
 
 TEST_F(DeltaFixture, ShapesWithFixedCommands) {
-    const std::string a = randomBytes(kBlock, 19);
-    const std::string b = randomBytes(kBlock, 20);
-    const std::string blocks = randomBytes(20 * kBlock, 23);
-    const std::string chunks = randomBytes(2 * kChunk, 24);
+    const std::string a = RandomBytes(kBlock, 19);
+    const std::string b = RandomBytes(kBlock, 20);
+    const std::string blocks = RandomBytes(20 * kBlock, 23);
+    const std::string chunks = RandomBytes(2 * kChunk, 24);
     const std::string head = chunks.substr(0, 300 * kBlock);
     const std::string ragged = blocks + a.substr(0, 100);
     std::string overwritten = chunks;
-    overwritten.replace(768 * kBlock, kBlock, randomBytes(kBlock, 25));
+    overwritten.replace(768 * kBlock, kBlock, RandomBytes(kBlock, 25));
     // Long stretches without a match are scanned in two halves at once; the commands must
     // be those of a scan from the front.
     const std::string both_halves =
-        randomBytes(150 * kBlock, 36) + chunks.substr(5 * kBlock, kBlock) +
-        randomBytes(249 * kBlock, 37) + chunks.substr(10 * kBlock, 100 * kBlock);
+        RandomBytes(150 * kBlock, 36) + chunks.substr(5 * kBlock, kBlock) +
+        RandomBytes(249 * kBlock, 37) + chunks.substr(10 * kBlock, 100 * kBlock);
     struct Case {
         const char* name;
         std::string old, next;
@@ -94,7 +94,7 @@ TEST_F(DeltaFixture, ShapesWithFixedCommands) {
           copyOf(769 * kBlock, chunks.size() - 769 * kBlock)}},
         {"match late in a long stretch",
          chunks,
-         randomBytes(350 * kBlock, 35) + chunks,
+         RandomBytes(350 * kBlock, 35) + chunks,
          {literalOf(350 * kBlock), copyOf(0, chunks.size())}},
         {"matches in both halves of a stretch",
          chunks,
@@ -103,7 +103,7 @@ TEST_F(DeltaFixture, ShapesWithFixedCommands) {
           copyOf(10 * kBlock, 100 * kBlock)}},
         {"empty signature: a literal per chunk",
          "",
-         chunks + randomBytes(10000, 27),
+         chunks + RandomBytes(10000, 27),
          {literalOf(kChunk - (kBlock - 1)), literalOf(kChunk), literalOf(10000),
           literalOf(kBlock - 1)}},
     };
@@ -116,7 +116,7 @@ TEST_F(DeltaFixture, ShapesWithFixedCommands) {
 TEST_F(DeltaFixture, ShiftedDataStopsMatchingOnceTheWindowCrossesAChunkBoundary) {
     // One byte in front moves every block off the 1 MiB chunk grid: blocks match inside the
     // first chunk, and the window carried over the boundary then never matches again.
-    std::string old = randomBytes(3 * kChunk, 26);
+    std::string old = RandomBytes(3 * kChunk, 26);
     auto cmds = parseDelta(roundTrip(old, "s" + old));
     ASSERT_TRUE(cmds.has_value());
     ASSERT_GE(cmds->size(), 3u);
@@ -129,10 +129,10 @@ TEST_F(DeltaFixture, ShiftedDataStopsMatchingOnceTheWindowCrossesAChunkBoundary)
 }
 
 TEST_F(DeltaFixture, MalformedSignaturesFailTheRead) {
-    writeFile(dir / "new", randomBytes(10000, 29));
-    writeFile(dir / "old", randomBytes(10000, 30));
+    WriteFile(dir / "new", RandomBytes(10000, 29));
+    WriteFile(dir / "old", RandomBytes(10000, 30));
     ASSERT_EQ(makeSignature(dir / "old", dir / "good"), 0);
-    std::string good = readFile(dir / "good");
+    std::string good = ReadFile(dir / "good");
     auto withHeaderWord = [&](size_t offset, uint32_t value) {
         std::string s = good;
         for (int i = 0; i < 4; ++i) s[offset + i] = static_cast<char>(value >> (24 - 8 * i));
@@ -142,7 +142,7 @@ TEST_F(DeltaFixture, MalformedSignaturesFailTheRead) {
          {std::string(), good.substr(0, 5), good.substr(0, 11), withHeaderWord(0, 0x72730137),
           withHeaderWord(0, 0x72730236), withHeaderWord(4, 0), withHeaderWord(8, 0),
           withHeaderWord(8, 17)}) {
-        writeFile(dir / "sig", bad);
+        WriteFile(dir / "sig", bad);
         EXPECT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"),
                   FileReader::ERROR_HANDLER_CALL)
             << "signature of " << bad.size() << " bytes";
@@ -152,16 +152,16 @@ TEST_F(DeltaFixture, MalformedSignaturesFailTheRead) {
 }
 
 TEST_F(DeltaFixture, SignatureWithTrailingBytesOrAHugeBlockSizeIsStillUsed) {
-    std::string old = randomBytes(10 * kBlock, 31);
-    writeFile(dir / "old", old);
+    std::string old = RandomBytes(10 * kBlock, 31);
+    WriteFile(dir / "old", old);
     ASSERT_EQ(makeSignature(dir / "old", dir / "sig"), 0);
-    writeFile(dir / "sig", readFile(dir / "sig") + "12345");
+    WriteFile(dir / "sig", ReadFile(dir / "sig") + "12345");
     ASSERT_EQ(makeDelta(dir / "sig", dir / "old", dir / "delta"), 0);
-    expectCommands(readFile(dir / "delta"), {copyOf(0, old.size())});
+    expectCommands(ReadFile(dir / "delta"), {copyOf(0, old.size())});
 
     std::string header("\x72\x73\x01\x36\xFF\xFF\xFF\xFF\x00\x00\x00\x08", 12);
-    writeFile(dir / "sig", header + randomBytes(24, 32));
-    writeFile(dir / "new", randomBytes(3 * kChunk, 33));
+    WriteFile(dir / "sig", header + RandomBytes(24, 32));
+    WriteFile(dir / "new", RandomBytes(3 * kChunk, 33));
     ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
-    expectCommands(readFile(dir / "delta"), {literalOf(3 * kChunk)});
+    expectCommands(ReadFile(dir / "delta"), {literalOf(3 * kChunk)});
 }

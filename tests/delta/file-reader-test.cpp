@@ -55,7 +55,7 @@ std::string signatureInPieces(const TempDir& dir, const std::string& content,
         pos += n;
     }
     EXPECT_EQ(handler.end(), 0);
-    return readFile(dir / "pieces.sig");
+    return ReadFile(dir / "pieces.sig");
 }
 
 }  // namespace
@@ -65,29 +65,29 @@ std::string signatureInPieces(const TempDir& dir, const std::string& content,
 TEST(FileReader, EveryHandlerSeesTheSameBytes) {
     TempDir dir;
     for (size_t len : {size_t{3 * 1048576 + 5}, size_t{1048576}, size_t{0}}) {
-        std::string content = randomBytes(len, static_cast<uint32_t>(len + 1));
-        writeFile(dir / "in", content);
+        std::string content = RandomBytes(len, static_cast<uint32_t>(len + 1));
+        WriteFile(dir / "in", content);
         ASSERT_EQ(makeSignature(dir / "in", dir / "old.sig"), 0);
         AllOutputs out =
             readWithEveryHandler(dir, dir / "in", nullptr, "copy", "sig", dir / "old.sig");
         ASSERT_EQ(out.result, 0);
         EXPECT_EQ(out.hash, md4Hex(content));
-        EXPECT_TRUE(readFile(dir / "copy") == content);
-        EXPECT_TRUE(readFile(dir / "sig") == readFile(dir / "old.sig"));
+        EXPECT_TRUE(ReadFile(dir / "copy") == content);
+        EXPECT_TRUE(ReadFile(dir / "sig") == ReadFile(dir / "old.sig"));
         std::vector<Command> whole_blocks_then_tail;
         if (len >= 2048) whole_blocks_then_tail.push_back(copyOf(0, len / 2048 * 2048));
         if (len % 2048 != 0) whole_blocks_then_tail.push_back(literalOf(len % 2048));
-        expectCommands(readFile(dir / "delta"), whole_blocks_then_tail);
+        expectCommands(ReadFile(dir / "delta"), whole_blocks_then_tail);
     }
 }
 
 TEST(Signature, DoesNotDependOnHowTheInputIsCut) {
     TempDir dir;
     // Over 64 whole blocks per piece sends the hashing to the helper thread.
-    std::string content = randomBytes(3 * 1048576 + 4321, 7);
-    writeFile(dir / "basis", content);
+    std::string content = RandomBytes(3 * 1048576 + 4321, 7);
+    WriteFile(dir / "basis", content);
     ASSERT_EQ(makeSignature(dir / "basis", dir / "sig"), 0);
-    std::string whole = readFile(dir / "sig");
+    std::string whole = ReadFile(dir / "sig");
     EXPECT_TRUE(signatureInPieces(dir, content, {content.size()}) == whole);
     EXPECT_TRUE(signatureInPieces(dir, content, {1, 2047, 2049, 300000, 4096, 5}) == whole);
     EXPECT_TRUE(signatureInPieces(dir, content, {1048576 - 1, 1048576 + 1}) == whole);
@@ -98,21 +98,21 @@ TEST(FileReader, FailuresOfTheInputAndOfTheOutputsAndAnAbortSetBeforehand) {
     SimpleFileReader no_input;
     no_input.setCopyFile((dir / "copy").c_str());
     EXPECT_EQ(no_input.readFile(), FileReader::ERROR_ARGUMENT);
-    EXPECT_FALSE(exists(dir / "copy"));
+    EXPECT_FALSE(Exists(dir / "copy"));
 
     // The outputs already started stay for the caller, and every handler's end ran.
     AllOutputs out = readWithEveryHandler(dir, dir / "missing");
     EXPECT_EQ(out.result, FileReader::ERROR_SYSTEM_CALL);
-    EXPECT_TRUE(exists(dir / "copy"));
-    EXPECT_EQ(readFile(dir / "sig").size(), 12u);
+    EXPECT_TRUE(Exists(dir / "copy"));
+    EXPECT_EQ(ReadFile(dir / "sig").size(), 12u);
     EXPECT_EQ(out.hash, kMd4OfNothing);
     EXPECT_EQ(readWithEveryHandler(dir, dir.path()).result, FileReader::ERROR_SYSTEM_CALL);
 
     // A handler that can't start fails the pass and still lets the others finish.
-    writeFile(dir / "in", randomBytes(5000, 52));
+    WriteFile(dir / "in", RandomBytes(5000, 52));
     out = readWithEveryHandler(dir, dir / "in", nullptr, "no-dir/copy");
     EXPECT_EQ(out.result, FileReader::ERROR_HANDLER_CALL);
-    EXPECT_EQ(readFile(dir / "sig").size(), 12u);
+    EXPECT_EQ(ReadFile(dir / "sig").size(), 12u);
     EXPECT_EQ(out.hash, kMd4OfNothing);
     out = readWithEveryHandler(dir, dir / "in", nullptr, "copy", "no-dir/sig");
     EXPECT_EQ(out.result, FileReader::ERROR_HANDLER_CALL);
@@ -120,8 +120,8 @@ TEST(FileReader, FailuresOfTheInputAndOfTheOutputsAndAnAbortSetBeforehand) {
     // An abort flag raised beforehand stops the pass before the first chunk.
     int flag = 1;
     EXPECT_EQ(readWithEveryHandler(dir, dir / "in", &flag).result, FileReader::ERROR_ABORT);
-    EXPECT_EQ(readFile(dir / "copy"), "");
-    EXPECT_EQ(readFile(dir / "sig").size(), 12u);
+    EXPECT_EQ(ReadFile(dir / "copy"), "");
+    EXPECT_EQ(ReadFile(dir / "sig").size(), 12u);
     flag = 0;
     EXPECT_EQ(readWithEveryHandler(dir, dir / "in", &flag).result, 0);
 }
@@ -135,8 +135,8 @@ TEST(FileReaderConcurrency, AbortFlagRaisedDuringTheReadStopsIt) {
     // The reader closes the pipe when it stops; the feeder then gets EPIPE, not a signal.
     ::signal(SIGPIPE, SIG_IGN);
     int flag = 0;
-    const std::string first = randomBytes(200000, 54);
-    const std::string second = randomBytes(200000, 55);
+    const std::string first = RandomBytes(200000, 54);
+    const std::string second = RandomBytes(200000, 55);
     std::thread feeder([&] {
         std::ofstream pipe(fifo, std::ios::binary);
         pipe << first << std::flush;
@@ -146,7 +146,7 @@ TEST(FileReaderConcurrency, AbortFlagRaisedDuringTheReadStopsIt) {
     AllOutputs out = readWithEveryHandler(dir, fifo, &flag);
     feeder.join();
     EXPECT_EQ(out.result, FileReader::ERROR_ABORT);
-    std::string copied = readFile(dir / "copy");
+    std::string copied = ReadFile(dir / "copy");
     // The feeder can only raise the flag once the pipe has taken most of the first part.
     EXPECT_GT(copied.size(), 0u);
     EXPECT_LT(copied.size(), first.size() + second.size());
@@ -155,8 +155,8 @@ TEST(FileReaderConcurrency, AbortFlagRaisedDuringTheReadStopsIt) {
 
 TEST(FileReaderConcurrency, ReadersOnSeveralThreadsStayApart) {
     TempDir dir;
-    std::string old = randomBytes(1500000, 56);
-    writeFile(dir / "old", old);
+    std::string old = RandomBytes(1500000, 56);
+    WriteFile(dir / "old", old);
     ASSERT_EQ(makeSignature(dir / "old", dir / "old.sig"), 0);
     std::vector<std::thread> threads;
     std::atomic<int> good{0};
@@ -164,10 +164,10 @@ TEST(FileReaderConcurrency, ReadersOnSeveralThreadsStayApart) {
         threads.emplace_back([&, t] {
             std::string name = dir / ("t" + std::to_string(t));
             std::string next = old.substr(0, 300000 * t) + "edit" + old.substr(300000 * t);
-            writeFile(name, next);
+            WriteFile(name, next);
             if (makeDelta(dir / "old.sig", name, name + ".delta") != 0) return;
             PatchOutcome outcome = applyPatch(dir / "old", name + ".delta", name + ".new");
-            if (outcome.result == 0 && readFile(name + ".new") == next) ++good;
+            if (outcome.result == 0 && ReadFile(name + ".new") == next) ++good;
         });
     }
     for (auto& t : threads) t.join();

@@ -18,8 +18,8 @@ class PatchFixture : public ::testing::Test {
   protected:
     PatchOutcome patch(const std::string& basis, const std::string& delta,
                        bool with_reverse = false) {
-        writeFile(dir / "basis", basis);
-        writeFile(dir / "delta", delta);
+        WriteFile(dir / "basis", basis);
+        WriteFile(dir / "delta", delta);
         return applyPatch(dir / "basis", dir / "delta", dir / "new",
                           with_reverse ? dir / "reverse" : "");
     }
@@ -56,10 +56,10 @@ TEST(PatchBlocks, OverlapsKeepTheLongerBlock) {
 }
 
 TEST_F(PatchFixture, OnePassGivesTheNewFileItsHashAndItsSignature) {
-    std::string basis = randomBytes(1500000, 44);
-    std::string tail = randomBytes(70000, 45);
-    writeFile(dir / "basis", basis);
-    writeFile(dir / "delta",
+    std::string basis = RandomBytes(1500000, 44);
+    std::string tail = RandomBytes(70000, 45);
+    WriteFile(dir / "basis", basis);
+    WriteFile(dir / "delta",
               DeltaWriter().literal("hello").copy(1000, 1200000).literal(tail).end());
     DeltaFileReader reader;
     reader.setFile((dir / "delta").c_str(), (dir / "basis").c_str());
@@ -69,14 +69,14 @@ TEST_F(PatchFixture, OnePassGivesTheNewFileItsHashAndItsSignature) {
     reader.setSignature((dir / "new.sig").c_str(), 2048, 8);
     ASSERT_EQ(reader.readFile(), 0);
     std::string expected = "hello" + basis.substr(1000, 1200000) + tail;
-    EXPECT_TRUE(readFile(dir / "new") == expected);
+    EXPECT_TRUE(ReadFile(dir / "new") == expected);
     EXPECT_EQ(hash.str(), md4Hex(expected));
     ASSERT_EQ(makeSignature(dir / "new", dir / "expected.sig"), 0);
-    EXPECT_TRUE(readFile(dir / "new.sig") == readFile(dir / "expected.sig"));
+    EXPECT_TRUE(ReadFile(dir / "new.sig") == ReadFile(dir / "expected.sig"));
 }
 
 TEST_F(PatchFixture, MalformedDeltasStopThePass) {
-    const std::string basis = randomBytes(1000, 48);
+    const std::string basis = RandomBytes(1000, 48);
     const int kFormat = FileReader::ERROR_FILE_FORMAT;
     const int kSystem = FileReader::ERROR_SYSTEM_CALL;
     auto reserved = [](char code) {
@@ -112,26 +112,26 @@ TEST_F(PatchFixture, MalformedDeltasStopThePass) {
         PatchOutcome outcome = patch(basis, c.delta, true);
         EXPECT_EQ(outcome.result, c.result);
         EXPECT_EQ(outcome.patch_result, c.patch_result);
-        EXPECT_EQ(readFile(dir / "new"), c.rebuilt);
+        EXPECT_EQ(ReadFile(dir / "new"), c.rebuilt);
     }
 }
 
 TEST_F(PatchFixture, TruncatedDeltaEndsThePassEarlyWithoutFailingIt) {
-    std::string basis = randomBytes(20000, 46);
+    std::string basis = RandomBytes(20000, 46);
     std::string full = DeltaWriter()
                            .literal("0123456789")
                            .copy(2, 15000)
-                           .literal(randomBytes(100, 47))
+                           .literal(RandomBytes(100, 47))
                            .copy(0, 3)
                            .end();
     ASSERT_EQ(patch(basis, full).patch_result, 0);
-    std::string complete = readFile(dir / "new");
+    std::string complete = ReadFile(dir / "new");
     for (size_t cut = 4; cut < full.size(); ++cut) {
         SCOPED_TRACE("cut at " + std::to_string(cut));
         PatchOutcome outcome = patch(basis, full.substr(0, cut));
         EXPECT_EQ(outcome.result, 0);
         EXPECT_EQ(outcome.patch_result, FileReader::ERROR_SYSTEM_CALL);
-        std::string partial = readFile(dir / "new");
+        std::string partial = ReadFile(dir / "new");
         EXPECT_EQ(complete.compare(0, partial.size(), partial), 0);
         // Only the end byte missing: every byte arrived, the pass still counts as cut short.
         EXPECT_TRUE(cut + 1 == full.size() || partial.size() < complete.size());
@@ -139,7 +139,7 @@ TEST_F(PatchFixture, TruncatedDeltaEndsThePassEarlyWithoutFailingIt) {
 }
 
 TEST_F(PatchFixture, MissingInputsArgumentsAndAnAbortSetBeforehand) {
-    writeFile(dir / "delta", DeltaWriter().literal("abc").end());
+    WriteFile(dir / "delta", DeltaWriter().literal("abc").end());
     EXPECT_EQ(applyPatch(dir / "missing", dir / "delta", dir / "new").result,
               FileReader::ERROR_SYSTEM_CALL);
     EXPECT_EQ(applyPatch(dir / "delta", dir / "missing", dir / "new").result,
@@ -149,7 +149,7 @@ TEST_F(PatchFixture, MissingInputsArgumentsAndAnAbortSetBeforehand) {
     DeltaFileReader reader;
     reader.setNewFile((dir / "never").c_str());
     EXPECT_EQ(reader.readFile(), FileReader::ERROR_ARGUMENT);
-    EXPECT_FALSE(exists(dir / "never"));
+    EXPECT_FALSE(Exists(dir / "never"));
 
     // The flag is read before the first command: nothing written, no reverse delta made.
     DeltaFileReader aborted;
@@ -159,21 +159,21 @@ TEST_F(PatchFixture, MissingInputsArgumentsAndAnAbortSetBeforehand) {
     aborted.setNewFile((dir / "new").c_str());
     aborted.setReverseDeltaFile((dir / "reverse").c_str());
     EXPECT_EQ(aborted.readFile(), FileReader::ERROR_ABORT);
-    EXPECT_EQ(readFile(dir / "new"), "");
-    EXPECT_FALSE(exists(dir / "reverse"));
+    EXPECT_EQ(ReadFile(dir / "new"), "");
+    EXPECT_FALSE(Exists(dir / "reverse"));
 }
 
 // Each file operation of a patch into a temporary file fails once in turn. The basis and
 // the delta are never touched, and whatever the pass reports, a new file whose hash the
 // caller would accept holds exactly the new content; the next pass always succeeds.
 TEST_F(PatchFixture, EveryFailedFileOperationIsCaughtAndLosesNothing) {
-    const std::string basis = randomBytes(40000, 3);
-    const std::string wanted = basis.substr(0, 9000) + randomBytes(5000, 4) + basis.substr(12000);
-    writeFile(dir / "basis", basis);
-    writeFile(dir / "new", wanted);
+    const std::string basis = RandomBytes(40000, 3);
+    const std::string wanted = basis.substr(0, 9000) + RandomBytes(5000, 4) + basis.substr(12000);
+    WriteFile(dir / "basis", basis);
+    WriteFile(dir / "new", wanted);
     ASSERT_EQ(makeSignature(dir / "basis", dir / "sig"), 0);
     ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
-    const std::string delta = readFile(dir / "delta");
+    const std::string delta = ReadFile(dir / "delta");
     const std::string temp = dir / "new.tmp";
     ustring hash;
     int patch_result = 1;
@@ -189,17 +189,17 @@ TEST_F(PatchFixture, EveryFailedFileOperationIsCaughtAndLosesNothing) {
         return result;
     };
     scenario.after_fault = [&](int result) {
-        EXPECT_EQ(readFile(dir / "basis"), basis);
-        EXPECT_EQ(readFile(dir / "delta"), delta);
+        EXPECT_EQ(ReadFile(dir / "basis"), basis);
+        EXPECT_EQ(ReadFile(dir / "delta"), delta);
         if (result == 0 && patch_result == 0 && hash.str() == md4Hex(wanted)) {
-            EXPECT_EQ(readFile(temp), wanted) << "a pass that looks good left a wrong file";
+            EXPECT_EQ(ReadFile(temp), wanted) << "a pass that looks good left a wrong file";
         }
     };
     scenario.recover = [&] {
         ASSERT_EQ(scenario.act(), 0);
         EXPECT_EQ(patch_result, 0);
         EXPECT_EQ(hash.str(), md4Hex(wanted));
-        EXPECT_EQ(readFile(temp), wanted);
+        EXPECT_EQ(ReadFile(temp), wanted);
     };
     EXPECT_GE(tbtest::FailEachOperation(scenario), 4);
 }

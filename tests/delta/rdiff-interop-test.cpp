@@ -31,7 +31,7 @@ class RdiffInterop : public ::testing::Test {
 
     // Pairs of (old, new) contents covering the usual shapes of change.
     std::vector<std::pair<std::string, std::string>> cases() {
-        std::string old = randomBytes(2 * 1048576 + 999, 61);
+        std::string old = RandomBytes(2 * 1048576 + 999, 61);
         std::string edited = old;
         edited.insert(1000, "inserted text");
         edited.erase(1500000, 4000);
@@ -41,7 +41,7 @@ class RdiffInterop : public ::testing::Test {
                 {old, edited},
                 {old, "!" + old},
                 {old, old.substr(0, 1048576 + 3)},
-                {old, old + randomBytes(3000, 62)},
+                {old, old + RandomBytes(3000, 62)},
                 {old, ""},
                 {"", old.substr(0, 5000)},
                 {zeros, zeros + "tail" + zeros},
@@ -54,14 +54,14 @@ class RdiffInterop : public ::testing::Test {
 }  // namespace
 
 TEST_F(RdiffInterop, SignaturesAreByteIdentical) {
-    std::string content = randomBytes(3 * 1048576 + 777, 63);
+    std::string content = RandomBytes(3 * 1048576 + 777, 63);
     for (size_t len : {0, 1, 2047, 2048, 2049, 1048576, 1048577, 3 * 1048576 + 777}) {
-        writeFile(dir / "basis", content.substr(0, len));
+        WriteFile(dir / "basis", content.substr(0, len));
         for (auto [block, hash] : {std::pair<size_t, size_t>{2048, 8}, {512, 16}, {700, 1}}) {
             ASSERT_EQ(makeSignature(dir / "basis", dir / "ours", block, hash), 0);
             ASSERT_TRUE(
                 rdiff(signatureArgs(block, hash) + (dir / "basis") + " " + (dir / "theirs")));
-            EXPECT_TRUE(readFile(dir / "ours") == readFile(dir / "theirs"))
+            EXPECT_TRUE(ReadFile(dir / "ours") == ReadFile(dir / "theirs"))
                 << "length " << len << " block " << block << " hash " << hash;
         }
     }
@@ -69,21 +69,21 @@ TEST_F(RdiffInterop, SignaturesAreByteIdentical) {
 
 TEST_F(RdiffInterop, RdiffPatchAppliesOurDeltas) {
     for (const auto& [old, next] : cases()) {
-        writeFile(dir / "old", old);
-        writeFile(dir / "new", next);
+        WriteFile(dir / "old", old);
+        WriteFile(dir / "new", next);
         ASSERT_EQ(makeSignature(dir / "old", dir / "sig"), 0);
         ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
         ASSERT_TRUE(
             rdiff("-f patch " + (dir / "old") + " " + (dir / "delta") + " " + (dir / "rebuilt")));
-        EXPECT_TRUE(readFile(dir / "rebuilt") == next)
+        EXPECT_TRUE(ReadFile(dir / "rebuilt") == next)
             << "old " << old.size() << " new " << next.size();
     }
 }
 
 TEST_F(RdiffInterop, OurPatchAppliesRdiffDeltasAndReversesThem) {
     for (const auto& [old, next] : cases()) {
-        writeFile(dir / "old", old);
-        writeFile(dir / "new", next);
+        WriteFile(dir / "old", old);
+        WriteFile(dir / "new", next);
         ASSERT_TRUE(rdiff(signatureArgs() + (dir / "old") + " " + (dir / "sig")));
         ASSERT_TRUE(
             rdiff("-f delta " + (dir / "sig") + " " + (dir / "new") + " " + (dir / "delta")));
@@ -91,11 +91,11 @@ TEST_F(RdiffInterop, OurPatchAppliesRdiffDeltasAndReversesThem) {
             applyPatch(dir / "old", dir / "delta", dir / "rebuilt", dir / "reverse");
         EXPECT_EQ(outcome.result, 0);
         EXPECT_EQ(outcome.patch_result, 0);
-        EXPECT_TRUE(readFile(dir / "rebuilt") == next)
+        EXPECT_TRUE(ReadFile(dir / "rebuilt") == next)
             << "old " << old.size() << " new " << next.size();
         // The reverse delta goes back, and rdiff reads it too.
         ASSERT_TRUE(rdiff("-f patch " + (dir / "rebuilt") + " " + (dir / "reverse") + " " +
                           (dir / "restored")));
-        EXPECT_TRUE(readFile(dir / "restored") == old);
+        EXPECT_TRUE(ReadFile(dir / "restored") == old);
     }
 }

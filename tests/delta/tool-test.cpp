@@ -22,7 +22,7 @@ struct ToolRun {
 class DeltaTool : public ::testing::Test {
   protected:
     void SetUp() override {
-        if (!exists(TB_DELTA_TOOL)) GTEST_SKIP() << "tarnbridge-delta is not built";
+        if (!Exists(TB_DELTA_TOOL)) GTEST_SKIP() << "tarnbridge-delta is not built";
     }
 
     // Runs the tool with `command` as given, then each of `files` as a path in the test folder.
@@ -30,7 +30,7 @@ class DeltaTool : public ::testing::Test {
         std::string line = std::string(TB_DELTA_TOOL) + " " + command;
         for (const std::string& f : files) line += " " + (dir / f);
         int status = std::system((line + " >" + (dir / "output") + " 2>&1").c_str());
-        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, readFile(dir / "output")};
+        return {WIFEXITED(status) ? WEXITSTATUS(status) : -1, ReadFile(dir / "output")};
     }
 
     size_t entries() {
@@ -44,18 +44,18 @@ class DeltaTool : public ::testing::Test {
 }  // namespace
 
 TEST_F(DeltaTool, SignatureDeltaPatchAndHashEndToEnd) {
-    std::string old = randomBytes(1500000, 71);
+    std::string old = RandomBytes(1500000, 71);
     std::string next = old.substr(0, 4096) + "new bytes" + old.substr(4096);
-    writeFile(dir / "old", old);
-    writeFile(dir / "new", next);
-    writeFile(dir / "sig", "previous signature, replaced");
+    WriteFile(dir / "old", old);
+    WriteFile(dir / "new", next);
+    WriteFile(dir / "sig", "previous signature, replaced");
     EXPECT_EQ(tool("signature", {"old", "sig"}).status, 0);
     EXPECT_EQ(tool("delta", {"sig", "new", "delta"}).status, 0);
     ToolRun patched = tool("patch", {"old", "delta", "rebuilt", "reverse"});
     EXPECT_EQ(patched.status, 0) << patched.output;
-    EXPECT_TRUE(readFile(dir / "rebuilt") == next);
+    EXPECT_TRUE(ReadFile(dir / "rebuilt") == next);
     EXPECT_EQ(tool("patch", {"rebuilt", "reverse", "back"}).status, 0);
-    EXPECT_TRUE(readFile(dir / "back") == old);
+    EXPECT_TRUE(ReadFile(dir / "back") == old);
     ToolRun hash = tool("hash", {"new"});
     EXPECT_EQ(hash.status, 0);
     EXPECT_EQ(hash.output, md4Hex(next) + "\n");
@@ -84,18 +84,18 @@ TEST_F(DeltaTool, BadInputIsRefusedWithAMessageAndNoOutput) {
         {"", "", "patch", {"basis", "delta"}, 2, ""},
         {"", "", "frobnicate", {"basis", "delta"}, 2, ""},
     };
-    writeFile(dir / "basis", randomBytes(10000, 72));
+    WriteFile(dir / "basis", RandomBytes(10000, 72));
     for (const Case& c : cases) {
         SCOPED_TRACE("case " + std::to_string(&c - cases));
-        writeFile(dir / "sig", c.sig);
-        writeFile(dir / "delta", c.delta);
-        writeFile(dir / "out", "keep me");
+        WriteFile(dir / "sig", c.sig);
+        WriteFile(dir / "delta", c.delta);
+        WriteFile(dir / "out", "keep me");
         ToolRun run = tool(c.command, c.files);
         EXPECT_EQ(run.status, c.status);
         EXPECT_NE(run.output.find(c.status == 1 ? "tarnbridge-delta: " : "usage"),
                   std::string::npos);
         EXPECT_NE(run.output.find(c.message), std::string::npos) << run.output;
-        EXPECT_EQ(readFile(dir / "out"), "keep me");
+        EXPECT_EQ(ReadFile(dir / "out"), "keep me");
         EXPECT_EQ(entries(), 5u);
     }
 }

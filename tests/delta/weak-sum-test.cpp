@@ -39,7 +39,7 @@ Stop scan(const WeakFilter& filter, const std::string& data, size_t from, size_t
 
 TEST(RollingChecksum, SumsOfABlockMatchTheirDefinition) {
     for (size_t len : {0, 1, 15, 16, 17, 31, 100, 2047, 2048, 2049, 11000, 70001, 1048576}) {
-        for (const std::string& data : {randomBytes(len, static_cast<uint32_t>(len)),
+        for (const std::string& data : {RandomBytes(len, static_cast<uint32_t>(len)),
                                         std::string(len, '\xFF'), std::string(len, '\0')}) {
             SCOPED_TRACE("length " + std::to_string(len));
             // The plain sums, byte by byte; and with every byte counted as byte + 31, a is
@@ -69,7 +69,7 @@ TEST(RollingChecksum, SumsOfABlockMatchTheirDefinition) {
 TEST(WeakFilter, VectorAndPortableKernelsAgree) {
     if (!WeakFilter::vectorKernelAvailable()) GTEST_SKIP() << "no AVX2 on this processor";
     std::mt19937 gen(83);
-    std::string data = randomBytes(400000, 84);
+    std::string data = RandomBytes(400000, 84);
     for (size_t block : {size_t{1}, size_t{7}, size_t{2048}, size_t{5000}}) {
         WeakFilter filter;
         filter.reset(64);

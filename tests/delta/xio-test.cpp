@@ -14,8 +14,8 @@ using namespace deltatest;
 
 TEST(XioBufferedFile, ReadsLargerThanTheRingKeepByteOrder) {
     TempDir dir;
-    std::string content = randomBytes(5000, 1);
-    writeFile(dir / "in", content);
+    std::string content = RandomBytes(5000, 1);
+    WriteFile(dir / "in", content);
     fd_t fd;
     ASSERT_EQ(fd_open_read((dir / "in").c_str(), fd), 0);
     fd_bio_t bio;

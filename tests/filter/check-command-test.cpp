@@ -1,32 +1,19 @@
 // `tarnbridge filter check` run as a user would: the verdict and rule for each path, and a
 // filter file that doesn't parse reported with its line and a failing exit.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <string>
 
+#include "support/process.h"
 #include "support/temp-dir.h"
 
 namespace {
 
 const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
 
-struct CheckRun {
-    int status = -1;
-    std::string out;
-};
-
-CheckRun check(const std::string& args) {
-    CheckRun run;
-    FILE* pipe = ::popen((kController + " filter " + args + " 2>/dev/null").c_str(), "r");
-    if (pipe == nullptr) return run;
-    char buf[512];
-    size_t n = 0;
-    while ((n = std::fread(buf, 1, sizeof buf, pipe)) > 0) run.out.append(buf, n);
-    int raw = ::pclose(pipe);
-    run.status = WIFEXITED(raw) ? WEXITSTATUS(raw) : -1;
-    return run;
+// The controller's filter command: its exit status and standard output.
+RunResult check(const std::string& args) {
+    ChildProcess run({"/bin/sh", "-c", kController + " filter " + args}, {{}, {}, "/dev/null"});
+    return {run.Wait(), run.Out()};
 }
 
 TEST(FilterCheckCommand, NamesTheRuleThatHoldsEachPathBack) {
@@ -34,7 +21,7 @@ TEST(FilterCheckCommand, NamesTheRuleThatHoldsEachPathBack) {
     dir.write("good",
               "[Version]\nmajor = 1\nminor = 0\n[File]\nblack_ext = \"tmp\"\n"
               "[Directory]\nblack_name = \".git\"\n");
-    CheckRun run = check("check " + (dir / "good") + " /a/x.txt /a/x.tmp /.git/ /.git");
+    RunResult run = check("check " + (dir / "good") + " /a/x.txt /a/x.tmp /.git/ /.git");
     EXPECT_EQ(run.status, 0);
     EXPECT_EQ(run.out, dir / "good" + ": ok, version 1.0\n" +
                            "/a/x.txt: synchronised\n"
@@ -48,7 +35,7 @@ TEST(FilterCheckCommand, NamesTheRuleThatHoldsEachPathBack) {
 TEST(FilterCheckCommand, BrokenOrMissingFileFailsWithItsLineAndSaysEverythingWouldSync) {
     TempDir dir;
     dir.write("bad", "[File]\nblack_ext = \"tmp\"\nmax_size = 12kb\n");
-    CheckRun bad = check("check " + (dir / "bad") + " /a.tmp");
+    RunResult bad = check("check " + (dir / "bad") + " /a.tmp");
     EXPECT_EQ(bad.status, 1);
     EXPECT_NE(bad.out.find("error: VALUE_NUMERIC_ILLEGAL_SYNTAX at line 3\n"), std::string::npos);
     EXPECT_NE(bad.out.find("empty filter, which synchronises everything"), std::string::npos);

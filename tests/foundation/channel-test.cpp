@@ -9,8 +9,8 @@
 #include <thread>
 #include <vector>
 
-#include "disk.h"
 #include "foundation/error-code.h"
+#include "support/files.h"
 #include "support/loopback.h"
 
 namespace {
@@ -130,7 +130,7 @@ TEST(ChannelConcurrency, AbortFlagEndsABlockedReadAndABlockedFlush) {
 
     abort_flag = 0;
     setter = raise_later(abort_flag, 300);
-    std::string chunk = pattern(Channel::kCapacity);
+    std::string chunk = PatternBytes(Channel::kCapacity);
     int rc = 0;
     t0 = clock_type::now();
     // The peer never reads, so sooner or later a flush blocks until the flag is seen.
@@ -181,7 +181,7 @@ TEST(ChannelConcurrency, RingsWrapWithoutLosingBytes) {
     Channel receiver;
     ASSERT_EQ(sender.Open(pair.take_a(), true), 0);
     ASSERT_EQ(receiver.Open(pair.take_b(), true), 0);
-    const std::string data = pattern(1000003);
+    const std::string data = PatternBytes(1000003);
     std::thread writer([&] {
         for (size_t done = 0; done < data.size(); done += 7777)
             ASSERT_EQ(sender.Write(data.data() + done, std::min<size_t>(7777, data.size() - done)),

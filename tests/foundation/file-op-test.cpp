@@ -17,9 +17,9 @@
 #include <tuple>
 #include <vector>
 
-#include "disk.h"
 #include "foundation/policy.h"
 #include "support/fault-fs.h"
+#include "support/files.h"
 #include "support/temp-dir.h"
 
 namespace {
@@ -224,13 +224,13 @@ TEST_F(FileOpTest, TraverseVisitsDirectoriesOnEntryAndNeverFollowsLinks) {
 
 TEST_F(FileOpTest, MkdirMakesWhatIsMissingOrSaysWhatBlocksIt) {
     EXPECT_EQ(FSMKDirP(p("a/b") + "/"), 0);
-    EXPECT_TRUE(exists(p("a/b")));
+    EXPECT_TRUE(Exists(p("a/b")));
     EXPECT_EQ(FSMKDirP(p("a/b/c/d")), 0) << "partly existing";
-    EXPECT_TRUE(exists(p("a/b/c/d")));
+    EXPECT_TRUE(Exists(p("a/b/c/d")));
     EXPECT_EQ(FSMKDirP(p("e//f")), 0) << "empty elements are skipped";
-    EXPECT_TRUE(exists(p("e/f")));
+    EXPECT_TRUE(Exists(p("e/f")));
     EXPECT_EQ(FSMKDirP("plainname"), 0);
-    EXPECT_FALSE(exists("plainname")) << "no separator, nothing to create";
+    EXPECT_FALSE(Exists("plainname")) << "no separator, nothing to create";
     EXPECT_EQ(FSMKDirP("/"), 0);
     EXPECT_EQ(FSMKDirP(""), -1);
 
@@ -238,7 +238,7 @@ TEST_F(FileOpTest, MkdirMakesWhatIsMissingOrSaysWhatBlocksIt) {
     EXPECT_EQ(FSMKDir(p("one")), 0) << "existing is success";
     EXPECT_EQ(FSMKDir(p("no/parent")), -1);
     EXPECT_EQ(FSMKDir(p("with/parents"), true), 0);
-    EXPECT_TRUE(exists(p("with/parents")));
+    EXPECT_TRUE(Exists(p("with/parents")));
 
     // Blocked by a file: errno says where, and the file stays.
     make({"file", "one/b"});
@@ -248,10 +248,10 @@ TEST_F(FileOpTest, MkdirMakesWhatIsMissingOrSaysWhatBlocksIt) {
     errno = 0;
     EXPECT_EQ(FSMKDirP(p("one/b") + "/"), -1);
     EXPECT_EQ(errno, EEXIST);
-    EXPECT_EQ(slurp(p("file")), "file");
-    EXPECT_EQ(slurp(p("one/b")), "one/b");
+    EXPECT_EQ(ReadFile(p("file")), "file");
+    EXPECT_EQ(ReadFile(p("one/b")), "one/b");
     EXPECT_EQ(FSMKDirP(p("file/b"), nullptr, true), 0) << "forced creation replaces the file";
-    EXPECT_TRUE(exists(p("file/b")));
+    EXPECT_TRUE(Exists(p("file/b")));
 
     int before = fs.Calls(FsOp::kMkdir);
     fs.FailNth(FsOp::kMkdir, 1, EIO);
@@ -282,13 +282,13 @@ class RemoveTest : public FileOpTest {
 TEST_F(RemoveTest, UndoableRemovalGoesToTheTrashOrNowhere) {
     dir.write("data/doc", "precious");
     EXPECT_EQ(FSRemove(p("data/doc"), true), 0);
-    EXPECT_FALSE(exists(p("data/doc")));
-    EXPECT_EQ(slurp(p("xdg/Trash/files/doc")), "precious");
+    EXPECT_FALSE(Exists(p("data/doc")));
+    EXPECT_EQ(ReadFile(p("xdg/Trash/files/doc")), "precious");
 
     dir.write("data/doc", "precious");
     fs.FailNth(FsOp::kTrash, 1, EACCES);
     EXPECT_EQ(FSRemove(p("data/doc"), true), -3);
-    EXPECT_EQ(slurp(p("data/doc")), "precious");
+    EXPECT_EQ(ReadFile(p("data/doc")), "precious");
 }
 
 TEST_F(RemoveTest, RemovesFilesAndTreesButNeverFollowsOrRemovesLinks) {
@@ -300,22 +300,22 @@ TEST_F(RemoveTest, RemovesFilesAndTreesButNeverFollowsOrRemovesLinks) {
     ASSERT_EQ(::mkfifo(p("data/fifo").c_str(), 0644), 0);
     EXPECT_EQ(FSRemove(p("data/f")), 0);
     EXPECT_EQ(FSRemove(p("data/tree")), 0);
-    EXPECT_FALSE(exists(p("data/f")));
-    EXPECT_FALSE(exists(p("data/tree")));
+    EXPECT_FALSE(Exists(p("data/f")));
+    EXPECT_FALSE(Exists(p("data/tree")));
     EXPECT_EQ(FSRemove(p("data/absent")), 0);
     EXPECT_EQ(FSRemove(""), -1);
     EXPECT_EQ(FSRemove(p("data/link")), -1);
     EXPECT_EQ(FSRemove(p("data/fifo")), -1);
     EXPECT_EQ(RemoveDirectoryRecursive(p("data/link")), -1)
         << "a link is never walked as the tree itself";
-    EXPECT_TRUE(exists(p("data/link")));
-    EXPECT_EQ(slurp(p("outside/keep")), "outside/keep");
+    EXPECT_TRUE(Exists(p("data/link")));
+    EXPECT_EQ(ReadFile(p("outside/keep")), "outside/keep");
 
     make({"data/tree/", "data/tree/a", "data/tree/b", "data/tree/c"});
     fs.FailNth(FsOp::kRemoveFile, 2, EACCES);
     EXPECT_EQ(RemoveDirectoryRecursive(p("data/tree")), -1);
     int left = 0;
-    for (const char* n : {"a", "b", "c"}) left += exists(p("data/tree/") + n) ? 1 : 0;
+    for (const char* n : {"a", "b", "c"}) left += Exists(p("data/tree/") + n) ? 1 : 0;
     EXPECT_EQ(left, 1) << "only the refused file stays";
 }
 
@@ -325,45 +325,45 @@ TEST_F(FileOpTest, RenameReplacesDurablyOrLeavesBothFilesIntact) {
     dir.write("new", "new content");
     dir.write("old", "old content");
     EXPECT_EQ(FSRename(p("new"), p("old"), true), 0);
-    EXPECT_EQ(slurp(p("old")), "new content");
-    EXPECT_FALSE(exists(p("new")));
+    EXPECT_EQ(ReadFile(p("old")), "new content");
+    EXPECT_FALSE(Exists(p("new")));
     EXPECT_EQ(fs.Calls(FsOp::kSyncDir), 1) << "the new name is flushed";
     fs.FailNth(FsOp::kSyncDir, 1, EIO);
     EXPECT_EQ(FSRename(p("old"), p("new")), 0) << "an unflushable rename is still done";
-    EXPECT_EQ(slurp(p("new")), "new content");
+    EXPECT_EQ(ReadFile(p("new")), "new content");
 
     dir.write("old", "old");
     EXPECT_EQ(FSRename(p("absent"), p("x")), -1);
     EXPECT_EQ(FSRename(p("new"), p(std::string(300, 'n'))), -100);
     fs.FailNth(FsOp::kRenameReplace, 1, EIO);
     EXPECT_EQ(FSRename(p("new"), p("old")), -1);
-    EXPECT_EQ(slurp(p("new")), "new content");
-    EXPECT_EQ(slurp(p("old")), "old");
+    EXPECT_EQ(ReadFile(p("new")), "new content");
+    EXPECT_EQ(ReadFile(p("old")), "old");
 }
 
 // ---------------------------------------------------------------- FSCopy
 
 TEST_F(FileOpTest, CopyReproducesTheBytesOrSaysWhyAndNeverWritesThroughALink) {
-    const std::string content = pattern(1 << 20);
+    const std::string content = PatternBytes(1 << 20);
     dir.write("src", content);
     dir.write("dst", "old and longer than nothing");
     EXPECT_EQ(FSCopy(p("src"), p("dst"), false), 0);
-    EXPECT_EQ(slurp(p("dst")), content);
-    EXPECT_EQ(slurp(p("src")), content);
+    EXPECT_EQ(ReadFile(p("dst")), content);
+    EXPECT_EQ(ReadFile(p("src")), content);
     dir.write("empty", "");
     EXPECT_EQ(FSCopy(p("empty"), p("dst"), true), 0);
-    EXPECT_EQ(slurp(p("dst")), "");
-    EXPECT_FALSE(exists(p("empty")));
+    EXPECT_EQ(ReadFile(p("dst")), "");
+    EXPECT_FALSE(Exists(p("empty")));
 
     EXPECT_EQ(FSCopy(p("absent"), p("new"), false), -1);
-    EXPECT_FALSE(exists(p("new")));
+    EXPECT_FALSE(Exists(p("new")));
     dir.write("victim", "untouched");
     ASSERT_EQ(::symlink("victim", p("link").c_str()), 0);
     EXPECT_EQ(FSCopy(p("src"), p("link"), false), -1);
-    EXPECT_EQ(slurp(p("victim")), "untouched");
+    EXPECT_EQ(ReadFile(p("victim")), "untouched");
     fs.FailNth(FsOp::kFileWrite, 1, ENOSPC);
     EXPECT_EQ(FSCopy(p("src"), p("dst"), false), -2);
-    EXPECT_EQ(slurp(p("src")), content);
+    EXPECT_EQ(ReadFile(p("src")), content);
     fs.FailNth(FsOp::kFileWrite, 1, EIO);
     EXPECT_EQ(FSCopy(p("src"), p("dst"), false), -1);
     fs.FailNth(FsOp::kFileRead, 1, EIO);
@@ -372,11 +372,11 @@ TEST_F(FileOpTest, CopyReproducesTheBytesOrSaysWhyAndNeverWritesThroughALink) {
     // With deletion the source goes even after a failure; a failed deletion is -1.
     fs.FailNth(FsOp::kFileWrite, 1, ENOSPC);
     EXPECT_EQ(FSCopy(p("src"), p("dst"), true), -2);
-    EXPECT_FALSE(exists(p("src")));
+    EXPECT_FALSE(Exists(p("src")));
     dir.write("src2", "s");
     fs.FailNth(FsOp::kRemoveFile, 1, EACCES);
     EXPECT_EQ(FSCopy(p("src2"), p("dst"), true), -1);
-    EXPECT_EQ(slurp(p("dst")), "s");
+    EXPECT_EQ(ReadFile(p("dst")), "s");
 }
 
 // ---------------------------------------------------------------- times and volumes
@@ -485,7 +485,7 @@ TEST_F(FileOpTest, MktempMakesAFreshEmptyFileUnderANewName) {
     ASSERT_EQ(FSMktemp(dir.path(), b), 0);
     EXPECT_NE(a, b);
     EXPECT_EQ(a.substr(0, dir.path().size() + 1), ustring(dir.path() + "/"));
-    EXPECT_TRUE(exists(a.str()));
+    EXPECT_TRUE(Exists(a.str()));
     ustring kept("unchanged");
     EXPECT_EQ(FSMktemp(p("absent"), kept), -1);
     EXPECT_EQ(kept, ustring("unchanged"));

@@ -7,8 +7,8 @@
 #include <regex>
 #include <string>
 
-#include "disk.h"
 #include "foundation/log.h"
+#include "support/files.h"
 #include "support/temp-dir.h"
 
 namespace {
@@ -27,7 +27,7 @@ TEST_F(LoggerFile, LevelFileLiftsOnlyItsComponent) {
     Logger::LogMsg(Logger::L_DEBUG, "worker_debug", "[DEBUG] worker(%d): hidden\n", 11);
     Logger::LogMsg(Logger::L_INFO, "default_component", "[INFO] x(%d): hidden too\n", 12);
     Logger::LogMsg(Logger::L_WARNING, "worker_debug", "[WARNING] worker(%d): shown\n", 13);
-    std::string text = slurp(log());
+    std::string text = ReadFile(log());
     EXPECT_NE(text.find("[DEBUG] app(10): visible x\n"), std::string::npos);
     EXPECT_NE(text.find("[WARNING] worker(13): shown\n"), std::string::npos);
     EXPECT_EQ(text.find("hidden"), std::string::npos);
@@ -46,13 +46,13 @@ TEST_F(LoggerFile, RotatesAfterTheSizeLimitInCharacters) {
     const long per_line = 16 + 14 + 500 + 1;  // stamp, prefix, text, newline
     for (long chars = per_line; chars <= 1048576; chars += per_line) {
         Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): %s\n", 1, chunk.c_str());
-        ASSERT_FALSE(exists(log() + "_0")) << "rotated early at " << chars << " characters";
+        ASSERT_FALSE(Exists(log() + "_0")) << "rotated early at " << chars << " characters";
     }
     Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): %s\n", 1, chunk.c_str());
-    EXPECT_TRUE(exists(log() + "_0")) << "the line that passed the limit rotated the log";
-    EXPECT_EQ(slurp(log()), "");
+    EXPECT_TRUE(Exists(log() + "_0")) << "the line that passed the limit rotated the log";
+    EXPECT_EQ(ReadFile(log()), "");
     Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): after\n", 2);
-    EXPECT_NE(slurp(log()).find("after"), std::string::npos);
+    EXPECT_NE(ReadFile(log()).find("after"), std::string::npos);
 }
 
 // The last numbered name is freed after the shift, so N names hold N-1 old logs.
@@ -62,9 +62,9 @@ TEST_F(LoggerFile, RotationMovesTheChainAndDropsTheOldest) {
         Logger::LogMsg(Logger::L_ERR, "c", "[ERROR] x(%d): round\n", round);
         ASSERT_EQ(Logger::Rotate(), 0);
     }
-    EXPECT_NE(slurp(log() + "_0").find("x(3)"), std::string::npos);
-    EXPECT_NE(slurp(log() + "_1").find("x(2)"), std::string::npos);
-    EXPECT_FALSE(exists(log() + "_2"));
+    EXPECT_NE(ReadFile(log() + "_0").find("x(3)"), std::string::npos);
+    EXPECT_NE(ReadFile(log() + "_1").find("x(2)"), std::string::npos);
+    EXPECT_FALSE(Exists(log() + "_2"));
 }
 
 TEST_F(LoggerFile, LogFileIsClosedToChildProcesses) {

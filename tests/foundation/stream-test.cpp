@@ -10,9 +10,9 @@
 #include <string>
 #include <thread>
 
-#include "disk.h"
 #include "foundation/error-code.h"
 #include "support/fail-each-op.h"
+#include "support/files.h"
 #include "support/loopback.h"
 #include "support/temp-dir.h"
 
@@ -197,8 +197,8 @@ TEST(PStreamBinary, ReceivingPlacesTheBytesByOffset) {
         PObject target = binary(dir / "f", c.offset, c.length);
         std::string wire = B({0x30, 0, 0, 0, 0, 0, 0, 0, static_cast<int>(c.body.size())});
         EXPECT_EQ(decode(wire + c.body, target), c.rc);
-        EXPECT_EQ(exists(dir / "f"), c.after != nullptr);
-        EXPECT_EQ(slurp(dir / "f"), c.after != nullptr ? c.after : "");
+        EXPECT_EQ(Exists(dir / "f"), c.after != nullptr);
+        EXPECT_EQ(ReadFile(dir / "f"), c.after != nullptr ? c.after : "");
         EXPECT_EQ(target.asBinary().offset, c.end);
         EXPECT_EQ(target.asBinary().length, c.end);
     }
@@ -226,7 +226,7 @@ TEST(PStreamBinary, PeerClosingMidBodyKeepsWhatArrivedAndSaysWhere) {
     EXPECT_EQ(where, ustring("file.data"));
     EXPECT_EQ(sent, 4u);
     EXPECT_EQ(total, 10u);
-    EXPECT_EQ(slurp(dir / "f"), "abcdef");
+    EXPECT_EQ(ReadFile(dir / "f"), "abcdef");
     EXPECT_EQ(reply["file"]["data"].asBinary().length, 6u);
     EXPECT_EQ(reply["keep"].asString(), ustring("me"));
     ps.ClearHistory();
@@ -239,7 +239,7 @@ TEST(PStreamBinary, PeerClosingMidBodyKeepsWhatArrivedAndSaysWhere) {
 // receiver's progress, as the status reader of a transfer does.
 TEST(PStreamConcurrency, LargeBinaryCrossesWithProgressVisible) {
     TempDir dir;
-    const std::string content = pattern(3 * 1024 * 1024 + 12345);
+    const std::string content = PatternBytes(3 * 1024 * 1024 + 12345);
     dir.write("src", content);
     loopback::Pair pair;
     Channel out;
@@ -269,7 +269,7 @@ TEST(PStreamConcurrency, LargeBinaryCrossesWithProgressVisible) {
     const std::string path = got["file"]["data"].asBinary().path.str();
     EXPECT_EQ(path.rfind(dir.path() + "/", 0), 0u)
         << "an unnamed binary lands in the receive folder";
-    EXPECT_TRUE(slurp(path) == content);
+    EXPECT_TRUE(ReadFile(path) == content);
 }
 
 }  // namespace
@@ -279,7 +279,7 @@ TEST(PStreamConcurrency, LargeBinaryCrossesWithProgressVisible) {
 // and resuming from there always completes the file.
 TEST(PStreamBinary, EveryFailedFileOperationOfAResumeLosesNothing) {
     TempDir dir;
-    const std::string data = pattern(PStream::kChunk + PStream::kChunk / 2);
+    const std::string data = PatternBytes(PStream::kChunk + PStream::kChunk / 2);
     const uint64_t kept = 1000;
     PObject target;
     auto receive = [&] {
@@ -299,11 +299,11 @@ TEST(PStreamBinary, EveryFailedFileOperationOfAResumeLosesNothing) {
     scenario.after_fault = [&](int) {
         const uint64_t at = target.asBinary().offset;
         ASSERT_LE(at, data.size());
-        EXPECT_TRUE(slurp(dir / "f").substr(0, at) == data.substr(0, at));
+        EXPECT_TRUE(ReadFile(dir / "f").substr(0, at) == data.substr(0, at));
     };
     scenario.recover = [&] {
         ASSERT_EQ(receive(), 0);
-        EXPECT_TRUE(slurp(dir / "f") == data) << "the resumed file differs";
+        EXPECT_TRUE(ReadFile(dir / "f") == data) << "the resumed file differs";
     };
     EXPECT_GE(tbtest::FailEachOperation(scenario), 4);
 }

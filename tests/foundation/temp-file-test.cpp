@@ -9,14 +9,14 @@
 #include <thread>
 #include <vector>
 
-#include "disk.h"
 #include "foundation/tmp-name-gen.h"
+#include "support/files.h"
 #include "support/temp-dir.h"
 
 namespace {
 
 bool on_disk(const ustring& path) {
-    return !path.empty() && exists(path.str());
+    return !path.empty() && Exists(path.str());
 }
 
 class TempFileTest : public ::testing::Test {

@@ -6,7 +6,6 @@
 
 #include <cerrno>
 #include <fstream>
-#include <iterator>
 #include <optional>
 #include <regex>
 #include <string>
@@ -18,15 +17,6 @@
 #include "support/temp-dir.h"
 
 namespace {
-
-bool exists(const std::string& path) {
-    return ::access(path.c_str(), F_OK) == 0;
-}
-
-std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(in), {}};
-}
 
 // The home trash lies in the test's folder; `data` is where the victims live.
 class TrashTest : public ::testing::Test {
@@ -48,9 +38,9 @@ TEST_F(TrashTest, HomeTrashKeepsEachObjectUnderAFreeNameWithItsInfoFile) {
     std::string victim = data + "/my report é.txt";
     std::ofstream(victim) << "keep me";
     ASSERT_EQ(Trash(victim), 0);
-    EXPECT_FALSE(exists(victim));
-    EXPECT_EQ(slurp(home_trash + "/files/my report é.txt"), "keep me");
-    std::string info = slurp(home_trash + "/info/my report é.txt.trashinfo");
+    EXPECT_FALSE(Exists(victim));
+    EXPECT_EQ(ReadFile(home_trash + "/files/my report é.txt"), "keep me");
+    std::string info = ReadFile(home_trash + "/info/my report é.txt.trashinfo");
     EXPECT_NE(info.find("[Trash Info]\nPath=" + data + "/my%20report%20%C3%A9.txt\n"),
               std::string::npos)
         << info;
@@ -62,20 +52,20 @@ TEST_F(TrashTest, HomeTrashKeepsEachObjectUnderAFreeNameWithItsInfoFile) {
     ASSERT_EQ(Trash(data + "/note"), 0);
     std::ofstream(data + "/note") << "second";
     ASSERT_EQ(Trash(data + "/note"), 0);
-    EXPECT_EQ(slurp(home_trash + "/files/note"), "first");
-    EXPECT_EQ(slurp(home_trash + "/files/note.2"), "second");
-    EXPECT_TRUE(exists(home_trash + "/info/note.2.trashinfo"));
+    EXPECT_EQ(ReadFile(home_trash + "/files/note"), "first");
+    EXPECT_EQ(ReadFile(home_trash + "/files/note.2"), "second");
+    EXPECT_TRUE(Exists(home_trash + "/info/note.2.trashinfo"));
 
     std::string name(240, 'n');
     std::ofstream(data + "/" + name) << "long";
     ASSERT_EQ(Trash(data + "/" + name), 0);
-    EXPECT_EQ(slurp(home_trash + "/files/" + name.substr(0, 200)), "long");
+    EXPECT_EQ(ReadFile(home_trash + "/files/" + name.substr(0, 200)), "long");
 
     ASSERT_EQ(::mkdir((data + "/tree").c_str(), 0755), 0);
     std::ofstream(data + "/tree/leaf") << "x";
     ASSERT_EQ(Trash(data + "/tree/"), 0);
-    EXPECT_FALSE(exists(data + "/tree"));
-    EXPECT_TRUE(exists(home_trash + "/files/tree/leaf"));
+    EXPECT_FALSE(Exists(data + "/tree"));
+    EXPECT_TRUE(Exists(home_trash + "/files/tree/leaf"));
 }
 
 TEST_F(TrashTest, OtherVolumeUsesItsTopLevelTrashAndPrefersAStickyAdminOne) {
@@ -87,18 +77,18 @@ TEST_F(TrashTest, OtherVolumeUsesItsTopLevelTrashAndPrefersAStickyAdminOne) {
     std::ofstream(data + "/sub/file") << "v";
     ASSERT_EQ(Trash(fs, data + "/sub/file"), 0);
     std::string own = data + "/.Trash-" + uid;
-    EXPECT_EQ(slurp(own + "/files/file"), "v");
-    EXPECT_NE(slurp(own + "/info/file.trashinfo").find("\nPath=sub/file\n"), std::string::npos)
+    EXPECT_EQ(ReadFile(own + "/files/file"), "v");
+    EXPECT_NE(ReadFile(own + "/info/file.trashinfo").find("\nPath=sub/file\n"), std::string::npos)
         << "paths in a volume trash are relative to its top";
     struct stat st {};
     ASSERT_EQ(::stat(own.c_str(), &st), 0);
     EXPECT_EQ(st.st_mode & 0777, 0700u);
-    EXPECT_FALSE(exists(data + "/.Trash/" + uid));
+    EXPECT_FALSE(Exists(data + "/.Trash/" + uid));
 
     ASSERT_EQ(::chmod((data + "/.Trash").c_str(), 01777), 0);
     std::ofstream(data + "/f") << "v";
     ASSERT_EQ(Trash(fs, data + "/f"), 0);
-    EXPECT_TRUE(exists(data + "/.Trash/" + uid + "/files/f"));
+    EXPECT_TRUE(Exists(data + "/.Trash/" + uid + "/files/f"));
 }
 
 // Whatever stops it, the object stays where it was: the trash never falls back to
@@ -132,8 +122,8 @@ TEST_F(TrashTest, RefusalsLeaveTheObjectInPlace) {
         int err = 0;
         EXPECT_EQ(Trash(fs, *c.victim ? data + "/" + c.victim : "", &err), -1);
         EXPECT_EQ(err, c.err);
-        EXPECT_EQ(slurp(data + "/f"), "v");
-        EXPECT_FALSE(exists(home_trash + "/info/f.trashinfo"));
+        EXPECT_EQ(ReadFile(data + "/f"), "v");
+        EXPECT_FALSE(Exists(home_trash + "/info/f.trashinfo"));
     }
 }
 

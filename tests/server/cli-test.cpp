@@ -3,12 +3,10 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
-
-#include <cstdio>
 #include <string>
 
 #include "server-harness.h"
+#include "support/process.h"
 
 namespace {
 
@@ -17,14 +15,9 @@ using ::testing::HasSubstr;
 
 // Runs the tool with a shell command line; the output (stdout and stderr) and exit status.
 int RunTool(const std::string& args, std::string& out) {
-    out.clear();
-    FILE* p = ::popen((kServerBinary + " " + args + " 2>&1").c_str(), "r");
-    if (!p) return -1;
-    char buf[4096];
-    size_t n;
-    while ((n = std::fread(buf, 1, sizeof buf, p)) > 0) out.append(buf, n);
-    int status = ::pclose(p);
-    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
+    RunResult run = RunProgram({"/bin/sh", "-c", kServerBinary + " " + args});
+    out = std::move(run.out);
+    return run.status;
 }
 
 TEST(ServerCommandLine, InitPrintsAConfigurationAndTheTreeCommandsWork) {

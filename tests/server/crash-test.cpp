@@ -3,8 +3,6 @@
 // left, and the server answers as before.
 #include <gtest/gtest.h>
 #include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <chrono>
@@ -14,41 +12,21 @@
 #include <thread>
 
 #include "server-harness.h"
+#include "support/process.h"
 
 namespace {
 
 // The server as a child process; its port comes from its first line of output.
-class ServerProcess {
+class ServerProcess : public ChildProcess {
   public:
-    explicit ServerProcess(const std::string& data_dir) {
-        int out[2];
-        if (::pipe(out) != 0) return;
-        m_pid = ::fork();
-        if (m_pid == 0) {
-            ::dup2(out[1], 1);
-            ::close(out[0]);
-            ::execl(kServerBinary.c_str(), kServerBinary.c_str(), "--data", data_dir.c_str(),
-                    "--port", "0", static_cast<char*>(nullptr));
-            ::_exit(127);
-        }
-        ::close(out[1]);
-        FILE* f = ::fdopen(out[0], "r");
-        char line[256] = {0};
-        if (f && std::fgets(line, sizeof line, f))
-            std::sscanf(line, "%*[^0-9]%*d.%*d.%*d.%*d port %d", &m_port);
-        if (f) std::fclose(f);
+    explicit ServerProcess(const std::string& data_dir)
+        : ChildProcess({kServerBinary, "--data", data_dir, "--port", "0"}) {
+        if (WaitForOutput("\n"))
+            std::sscanf(Out().c_str(), "%*[^0-9]%*d.%*d.%*d.%*d port %d", &m_port);
     }
-    ~ServerProcess() { Kill(SIGKILL); }
     int port() const { return m_port; }
-    void Kill(int sig) {
-        if (m_pid <= 0) return;
-        ::kill(m_pid, sig);
-        ::waitpid(m_pid, nullptr, 0);
-        m_pid = -1;
-    }
 
   private:
-    pid_t m_pid = -1;
     int m_port = 0;
 };
 

@@ -7,11 +7,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
 #include <functional>
-#include <iterator>
 #include <memory>
-#include <random>
 #include <string>
 
 #include "admin.h"
@@ -26,19 +23,6 @@
 #include "transport/proto-common.h"
 
 inline const std::string kServerBinary = TB_BINARY_DIR "/tools/tarnbridge-server/tarnbridge-server";
-
-// Bytes of a given length from a seed, so that two calls with one seed agree.
-inline std::string RandomBytes(size_t n, unsigned seed) {
-    std::mt19937 gen(seed);
-    std::string out(n, '\0');
-    for (char& c : out) c = static_cast<char>(gen() & 0xFF);
-    return out;
-}
-
-inline std::string ReadFile(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
 
 inline std::string Md4(const std::string& path) {
     std::string md4;

@@ -26,11 +26,6 @@
 
 namespace {
 
-bool Exists(const std::string& path) {
-    struct stat st;
-    return ::lstat(path.c_str(), &st) == 0;
-}
-
 // A file row as the workers commit it.
 ClientFileEventInfo FileRow(const std::string& path, uint64_t sync_id, const std::string& sum,
                             const std::string& signature = "") {
@@ -159,8 +154,8 @@ TEST_F(EventDb, AncestorsAreMadeAndLiftedButARowNeverGoesBackInTime) {
     ClientFileEventInfo row = Read("/a/x");
     EXPECT_EQ(row.syncID, 9u);
     EXPECT_EQ(row.fileCheckSum, ustring("new"));
-    EXPECT_EQ(Slurp(row.signaturePath.str()), "sig-9");
-    EXPECT_EQ(Slurp(stale), "sig-old");  // not taken: it belongs to no row
+    EXPECT_EQ(ReadFile(row.signaturePath.str()), "sig-9");
+    EXPECT_EQ(ReadFile(stale), "sig-old");  // not taken: it belongs to no row
     EXPECT_EQ(Read("/a").maxSyncID, 5u);
 }
 
@@ -186,7 +181,7 @@ TEST_F(EventDb, RemovalTakesTheSubtreeAndItsSignaturesOnly) {
     }
     for (auto& p : kept) {
         EXPECT_EQ(db.getEventInfo(p.c_str(), none), 1) << p;
-        EXPECT_EQ(Slurp(signatures[p]), "sig" + p);
+        EXPECT_EQ(ReadFile(signatures[p]), "sig" + p);
     }
     EXPECT_EQ(db.getEventInfo("/d/q?", none), 0);
     EXPECT_EQ(db.getEventInfo("/d", none), 1);
@@ -309,8 +304,8 @@ class EventDbCommit : public EventDb {
     // What a refused commit leaves: the row, the store and the caller's file as they were.
     void ExpectNothingChanged() {
         EXPECT_EQ(Read("/doc").fileCheckSum, ustring("old"));
-        EXPECT_EQ(Slurp(store), "old-sig");
-        EXPECT_EQ(Slurp(fresh), "new-sig");
+        EXPECT_EQ(ReadFile(store), "old-sig");
+        EXPECT_EQ(ReadFile(fresh), "new-sig");
         EXPECT_FALSE(Exists(store + ".new"));
     }
 
@@ -320,13 +315,13 @@ class EventDbCommit : public EventDb {
 TEST_F(EventDbCommit, MovesTheSignatureIntoTheStore) {
     ASSERT_EQ(CommitNew(), 0);
     EXPECT_EQ(Read("/doc").signaturePath.str(), store);
-    EXPECT_EQ(Slurp(store), "new-sig");
+    EXPECT_EQ(ReadFile(store), "new-sig");
     EXPECT_FALSE(Exists(fresh));
     EXPECT_FALSE(Exists(store + ".new"));
     EXPECT_EQ(Rows(path(), "SELECT count(*) FROM config_table"), Lines{"2"});  // no marker left
     // A commit without a new signature names the stored one, which stays.
     ASSERT_EQ(db.setEventInfo(FileRow("/doc", 3, "h3", store)), 0);
-    EXPECT_EQ(Slurp(store), "new-sig");
+    EXPECT_EQ(ReadFile(store), "new-sig");
 }
 
 TEST_F(EventDbCommit, FailedStagingChangesNothingAndARetryWorks) {
@@ -336,7 +331,7 @@ TEST_F(EventDbCommit, FailedStagingChangesNothingAndARetryWorks) {
     EXPECT_EQ(CommitNew(), -1);
     ExpectNothingChanged();
     EXPECT_EQ(CommitNew(), 0);
-    EXPECT_EQ(Slurp(store), "new-sig");
+    EXPECT_EQ(ReadFile(store), "new-sig");
 }
 
 // The commit itself fails (its log can't grow: the file size limit stands in for a
@@ -359,7 +354,7 @@ TEST_F(EventDbCommit, FailedCommitGivesTheSignatureBack) {
     EXPECT_EQ(result, -1);
     ExpectNothingChanged();
     EXPECT_EQ(CommitNew(), 0);
-    EXPECT_EQ(Slurp(store), "new-sig");
+    EXPECT_EQ(ReadFile(store), "new-sig");
 }
 
 TEST_F(EventDbCommit, AnInterruptedMoveIsFinishedOnTheNextOpen) {
@@ -373,7 +368,7 @@ TEST_F(EventDbCommit, AnInterruptedMoveIsFinishedOnTheNextOpen) {
     EXPECT_FALSE(Exists(store));  // never the old signature under the new row
     ASSERT_EQ(db.destroy(), 0);
     ASSERT_EQ(db.initialize(path().c_str()), 0);
-    EXPECT_EQ(Slurp(store), "new-sig");
+    EXPECT_EQ(ReadFile(store), "new-sig");
     EXPECT_FALSE(Exists(store + ".new"));
     EXPECT_EQ(Rows(path(), "SELECT count(*) FROM config_table"), Lines{"2"});
 }
@@ -428,14 +423,14 @@ TEST(EventDbFaults, EveryFailedFileOperationOfACommitLosesNothing) {
     scenario.after_fault = [&](int result) {
         if (result < 0) {
             EXPECT_EQ(sum(), "old");
-            EXPECT_EQ(Slurp(store), "old-sig");
-            EXPECT_EQ(Slurp(fresh), "new-sig");
+            EXPECT_EQ(ReadFile(store), "old-sig");
+            EXPECT_EQ(ReadFile(fresh), "new-sig");
             EXPECT_FALSE(Exists(store + ".new"));
             return;
         }
         EXPECT_EQ(sum(), "new");
-        EXPECT_NE(Slurp(store), "old-sig");
-        EXPECT_EQ(Slurp(Exists(store) ? store : store + ".new"), "new-sig");
+        EXPECT_NE(ReadFile(store), "old-sig");
+        EXPECT_EQ(ReadFile(Exists(store) ? store : store + ".new"), "new-sig");
     };
     scenario.recover = [&] {
         reopen();
@@ -443,7 +438,7 @@ TEST(EventDbFaults, EveryFailedFileOperationOfACommitLosesNothing) {
             ASSERT_EQ(commit(), 0);
         }
         EXPECT_EQ(sum(), "new");
-        EXPECT_EQ(Slurp(store), "new-sig");
+        EXPECT_EQ(ReadFile(store), "new-sig");
         EXPECT_FALSE(Exists(fresh));
         EXPECT_FALSE(Exists(store + ".new"));
         EXPECT_EQ(Rows(base + "/event-db.sqlite", "SELECT count(*) FROM config_table"), Lines{"2"});
@@ -464,11 +459,11 @@ TEST(EventDbDamage, AFileThatIsNoDatabaseIsReportedAndLeftAlone) {
     EXPECT_EQ(db.initialize((dir / "missing/event-db.sqlite").c_str()), -1);
     EXPECT_EQ(db.initialize(dir.path().c_str()), -1);  // a folder
     Logger::Destroy();
-    const std::string text = Slurp(log);
+    const std::string text = ReadFile(log);
     EXPECT_NE(text.find("Failed to initialize database at '" + path + "'"), std::string::npos)
         << text;
     EXPECT_NE(text.find("not a database"), std::string::npos) << text;
-    EXPECT_EQ(Slurp(path), junk);
+    EXPECT_EQ(ReadFile(path), junk);
 }
 
 // A child commits rows with signatures in a loop and reports each commit that returned;
@@ -497,7 +492,7 @@ class EventDbCrash : public EventDb {
             const int stored = std::stoi(row.fileCheckSum.str().substr(4));
             EXPECT_GE(stored, i) << p;
             EXPECT_EQ(static_cast<int>(row.syncID), stored);
-            EXPECT_EQ(Slurp(row.signaturePath.str()), row.fileCheckSum.str()) << p;
+            EXPECT_EQ(ReadFile(row.signaturePath.str()), row.fileCheckSum.str()) << p;
             ClientFileEventInfo parent;
             ASSERT_EQ(check.getEventInfo(p.substr(0, p.rfind('/')).c_str(), parent), 1);
             EXPECT_GE(parent.maxSyncID, row.syncID);

@@ -1,10 +1,8 @@
 // The file status table: what other processes read to badge files in progress.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
 
 #include <algorithm>
 #include <atomic>
-#include <cstdio>
 #include <string>
 #include <thread>
 #include <vector>
@@ -12,6 +10,7 @@
 #include "foundation/log.h"
 #include "peek.h"
 #include "state/file-status-db.h"
+#include "support/process.h"
 #include "support/temp-dir.h"
 
 namespace {
@@ -140,30 +139,25 @@ TEST(FileStatusDamage, AFileThatIsNoDatabaseIsKeptAsideAndReplaced) {
     EXPECT_EQ(FileStatusDB::setFileSyncStat(info), -1);  // forgotten until the next initialize
     EXPECT_EQ(FileStatusDB::initialize(""), -1);
 
-    const std::string text = Slurp(log);
+    const std::string text = ReadFile(log);
     EXPECT_NE(text.find("'" + path + "' is not a usable database"), std::string::npos) << text;
     const size_t kept = text.find("kept as '");
     ASSERT_NE(kept, std::string::npos);
     const std::string aside = text.substr(kept + 9, text.find('\'', kept + 9) - kept - 9);
-    EXPECT_EQ(Slurp(aside), junk);
+    EXPECT_EQ(ReadFile(aside), junk);
 }
 
 // Another process (the sqlite3 shell, without any busy timeout) reads the table the
 // whole time we write, remove and compact it.
 TEST_F(FileStatus, AnotherProcessReadsWhileWeWrite) {
     const int kQueries = 2000;
-    const std::string errors = dir / "reader.err";
     const std::string command = "yes 'SELECT count(*) FROM fstatinfo;' | head -n " +
-                                std::to_string(kQueries) + " | sqlite3 -bail '" + db() + "' 2> '" +
-                                errors + "'";
-    FILE* reader = ::popen(command.c_str(), "r");
-    ASSERT_NE(reader, nullptr);
+                                std::to_string(kQueries) + " | sqlite3 -bail '" + db() + "'";
+    ChildProcess reader({"/bin/sh", "-c", command}, {{}, dir / "reader.out", dir / "reader.err"});
 
     // The writer starts once the reader is connected: its own first open can meet ours
     // setting up the shared index, which only a busy timeout on its side would absorb.
-    char buffer[64];
-    ASSERT_NE(std::fgets(buffer, sizeof buffer, reader), nullptr);
-    int lines = 1;
+    ASSERT_TRUE(reader.WaitForOutput("\n")) << reader.Err();
     std::atomic<bool> reader_done{false};
     std::thread writer([&] {
         for (int i = 0; !reader_done.load() || i < 60; ++i) {
@@ -179,12 +173,11 @@ TEST_F(FileStatus, AnotherProcessReadsWhileWeWrite) {
             }
         }
     });
-    while (std::fgets(buffer, sizeof buffer, reader) != nullptr) ++lines;
+    const int status = reader.Wait(60);
     reader_done = true;
     writer.join();
-    const int status = ::pclose(reader);
-    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0) << Slurp(errors);
-    EXPECT_EQ(lines, kQueries);
+    EXPECT_EQ(status, 0) << reader.Err();
+    EXPECT_EQ(Lines(reader.Out()).size(), static_cast<size_t>(kQueries));
 }
 
 }  // namespace

@@ -18,7 +18,7 @@
 namespace {
 
 bool Logged(const std::string& log, const std::string& text) {
-    return Slurp(log).find(text) != std::string::npos;
+    return ReadFile(log).find(text) != std::string::npos;
 }
 
 class FilterDBFile : public ::testing::Test {
@@ -251,7 +251,7 @@ TEST_F(FilterDBFile, NonDatabaseIsRefusedLoggedAndLeftAlone) {
     EXPECT_EQ(refused.setResumeCondition({1, 1, FILTER_EXT_SELECTIVE_SYNC, "x"}, row), -1);
     EXPECT_EQ(refused.ConvertFilterDBToSelectiveSyncInfo(1, info), -1);
     EXPECT_TRUE(Logged(log(), "FilterDB setFilter fail: database is not open"));
-    EXPECT_EQ(Slurp(bad), text);
+    EXPECT_EQ(ReadFile(bad), text);
 
     EXPECT_EQ(refused.initialize(dir / "no/such/dir/filter.sqlite"), -1);
     EXPECT_TRUE(Logged(log(), "Failed to open database at"));
@@ -262,7 +262,7 @@ TEST_F(FilterDBFile, DamagedFileIsRefusedOrFailsEachCallAndIsKept) {
         ASSERT_EQ(db.setFilter(1, i, FILTER_NAME_SELECTIVE_SYNC, "name-" + std::to_string(i)), 0);
     db.destroy();
     // Scribble over every page but the first, which holds the schema.
-    std::string bytes = Slurp(path());
+    std::string bytes = ReadFile(path());
     ASSERT_GT(bytes.size(), 8192u);
     for (size_t i = 4096; i < bytes.size(); ++i) bytes[i] = static_cast<char>(0xa5 ^ (i * 7));
     dir.write("filter.sqlite", bytes);
@@ -270,7 +270,7 @@ TEST_F(FilterDBFile, DamagedFileIsRefusedOrFailsEachCallAndIsKept) {
     SelectiveSyncInfo info;
     EXPECT_TRUE(db.initialize(path()) != 0 || db.ConvertFilterDBToSelectiveSyncInfo(1, info) == -1);
     EXPECT_TRUE(info.black_name.empty());
-    EXPECT_EQ(Slurp(path()), bytes);
+    EXPECT_EQ(ReadFile(path()), bytes);
     EXPECT_TRUE(Logged(log(), "malformed"));
 }
 

@@ -1,18 +1,13 @@
-// peek.h: what the state tests read behind the modules' backs: a file's bytes, and the
-// rows a statement gives over a database connection of the test's own.
+// peek.h: what the state tests read behind the modules' backs: the rows a statement
+// gives over a database connection of the test's own (and, through files.h, a file's bytes).
 #pragma once
 
 #include <sqlite3.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
-inline std::string Slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
-}
+#include "support/files.h"
 
 // The first column of every row `sql` gives ("<null>" for NULL); a statement that gives
 // no rows is simply run.

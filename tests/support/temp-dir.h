@@ -7,9 +7,10 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
-#include <fstream>
 #include <stdexcept>
 #include <string>
+
+#include "support/files.h"
 
 class TempDir {
   public:
@@ -28,8 +29,7 @@ class TempDir {
 
     // Writes `content` to path()/name, replacing it.
     void write(const std::string& name, const std::string& content) const {
-        std::ofstream out(m_path + "/" + name, std::ios::binary | std::ios::trunc);
-        out << content;
+        WriteFile(m_path + "/" + name, content);
     }
 
   private:

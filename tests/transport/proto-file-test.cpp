@@ -46,7 +46,7 @@ TEST(ProtoFileWire, EachFormSendsItsBlocksAndReceivesThemBack) {
         SCOPED_TRACE(c.name);
         TempDir dir;
         Wired w;
-        std::string data = pattern(c.size);
+        std::string data = PatternBytes(c.size);
         dir.write("source", data);
         ustring source(dir / "source"), target(dir / "target");
         ASSERT_EQ(c.second_form ? ProtoWriteFile2(w.ch, c.is_delta, source, c.offset)
@@ -66,7 +66,7 @@ TEST(ProtoFileWire, EachFormSendsItsBlocksAndReceivesThemBack) {
                                 : ProtoReadFile(w.ch, is_delta, target),
                   0);
         EXPECT_EQ(is_delta, c.is_delta);
-        EXPECT_TRUE(slurp(dir / "target") == data);
+        EXPECT_TRUE(ReadFile(dir / "target") == data);
         EXPECT_EQ(w.unread(4), "next");  // the reader stopped at the announced length
     }
 }
@@ -100,19 +100,19 @@ TEST(ProtoFileRefusals, ReceiverRefusesBlocksThatDoNotFitAndKeepsWhatArrived) {
     EXPECT_EQ(Receive(head + var_section(SPROTO_ID_DELTADATA, "abcde"), dir / "over"), ERR_PROTO);
     // An empty block would never advance.
     EXPECT_EQ(Receive(head + var_section(SPROTO_ID_DELTADATA, ""), dir / "empty"), ERR_PROTO);
-    EXPECT_EQ(
-        Receive(file_wire(0, pattern(PROTO_FILE_BLOCK + 1), 0, PROTO_FILE_BLOCK + 1), dir / "wide"),
-        ERR_PROTO);
+    EXPECT_EQ(Receive(file_wire(0, PatternBytes(PROTO_FILE_BLOCK + 1), 0, PROTO_FILE_BLOCK + 1),
+                      dir / "wide"),
+              ERR_PROTO);
     // A length below the agreed offset.
     dir.write("ahead", "abcdef");
     EXPECT_EQ(Receive(file_wire(0, "abc", 3, PROTO_FILE_BLOCK2), dir / "ahead", 6), ERR_PROTO);
     // Resuming needs a temporary file of exactly the offset: a missing one is not resumed.
     EXPECT_EQ(Receive(file_wire(0, "abc", 1, PROTO_FILE_BLOCK2), dir / "absent", 1), ERR_SYS);
 
-    std::string data = pattern(3 * PROTO_FILE_BLOCK);
+    std::string data = PatternBytes(3 * PROTO_FILE_BLOCK);
     std::string wire = file_wire(0, data, 0, PROTO_FILE_BLOCK);
     EXPECT_EQ(Receive(wire.substr(0, wire.size() - 100), dir / "cut", -1, true), ERR_IO);
-    EXPECT_TRUE(slurp(dir / "cut") == data.substr(0, 2 * PROTO_FILE_BLOCK));
+    EXPECT_TRUE(ReadFile(dir / "cut") == data.substr(0, 2 * PROTO_FILE_BLOCK));
 }
 
 }  // namespace

@@ -7,12 +7,11 @@
 #include <unistd.h>
 
 #include <cstdint>
-#include <fstream>
 #include <initializer_list>
-#include <iterator>
 #include <string>
 
 #include "foundation/channel.h"
+#include "support/files.h"
 #include "support/loopback.h"
 #include "transport/proto-format.h"
 
@@ -70,12 +69,6 @@ inline std::string header(int cmd, int version = 60) {
     return bytes({0x25, 0x52, 0x18, 0x14, version, cmd, 0, 0});
 }
 
-inline std::string pattern(size_t n, unsigned seed = 7) {
-    std::string s(n, '\0');
-    for (size_t i = 0; i < n; ++i) s[i] = static_cast<char>((i * 131 + seed + i / 251) & 0xFF);
-    return s;
-}
-
 // A file on the wire: its type and whole length, then the blocks of what follows `offset`.
 inline std::string file_wire(int is_delta, const std::string& data, size_t offset,
                              size_t block_size) {
@@ -85,11 +78,6 @@ inline std::string file_wire(int is_delta, const std::string& data, size_t offse
         s += bytes({SPROTO_ID_DELTAID}) + be(id, 4) +
              var_section(SPROTO_ID_DELTADATA, data.substr(at, block_size));
     return s;
-}
-
-inline std::string slurp(const std::string& path) {
-    std::ifstream in(path, std::ios::binary);
-    return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
 }  // namespace prototest
