@@ -259,85 +259,97 @@ void Detector::ReadFromBuffer() {
 
 int Detector::Translate(Event& e, uint64_t sess_id, const ustring& watch,
                         const platform::ChangeNotice& notify, int following) {
-    ustring name(notify.path);
     const int action = notify.action;
     Logger::LogMsg(Logger::L_DEBUG, kLog,
                    "[DEBUG] detector-win2(%d): Notification: NextEntryOffset: %d, "
                    "FileNameLength: %d, %s, %s\n",
-                   __LINE__, following, static_cast<int>(name.size()), ActionText(action),
-                   name.c_str_utf8());
-    if (name.empty()) return -1;
-    ustring path = "/" + name;
-    ustring full_path = watch + path;
+                   __LINE__, following, static_cast<int>(notify.path.size()), ActionText(action),
+                   notify.path.c_str());
+    if (notify.path.empty()) return -1;
+    const RecordPath where = SpellAsOnDisk(sess_id, watch, notify.path, action);
+    if (DropWorkingDirectory(sess_id, watch, where, action)) return -1;
+    if (MapAction(e, sess_id, where.path, action) != 0) return -1;
+    if (LearnType(e, sess_id, where.full_path) != 0) return -1;
+    e.m_sess_id = sess_id;
+    return 0;
+}
 
+Detector::RecordPath Detector::SpellAsOnDisk(uint64_t sess_id, const ustring& watch,
+                                             const ustring& name, int action) {
+    RecordPath where{name, "/" + name, watch + "/" + name};
     auto info = index.find(sess_id);
     const bool folds_case = info != index.end() && info->second.folds_case;
-    if (folds_case && action != platform::kActionRemoved &&
-        action != platform::kActionRenamedOldName) {
-        // On a volume that ignores case the record may carry another spelling than
-        // the disk's; the server must see the disk's.
-        Logger::LogMsg(Logger::L_DEBUG, kLog,
-                       "[DEBUG] detector-win2(%d): original full path: '%s', path: '%s'\n",
-                       __LINE__, full_path.c_str_utf8(), path.c_str_utf8());
-        ustring real = full_path;
-        if (FSGetRealPath(real) == 0 && real.size() > watch.size() + 1) {
-            full_path = real;
-            name = real.substr(watch.size() + 1);
-            path = "/" + name;
-        }
-        Logger::LogMsg(Logger::L_DEBUG, kLog,
-                       "[DEBUG] detector-win2(%d): converted full path: '%s', path: '%s'\n",
-                       __LINE__, full_path.c_str_utf8(), path.c_str_utf8());
+    // A removed name has no spelling on disk any more.
+    if (!folds_case || action == platform::kActionRemoved ||
+        action == platform::kActionRenamedOldName)
+        return where;
+    // On a volume that ignores case the record may carry another spelling than the
+    // disk's; the server must see the disk's.
+    Logger::LogMsg(Logger::L_DEBUG, kLog,
+                   "[DEBUG] detector-win2(%d): original full path: '%s', path: '%s'\n", __LINE__,
+                   where.full_path.c_str_utf8(), where.path.c_str_utf8());
+    ustring real = where.full_path;
+    if (FSGetRealPath(real) == 0 && real.size() > watch.size() + 1) {
+        where.full_path = real;
+        where.name = real.substr(watch.size() + 1);
+        where.path = "/" + where.name;
     }
+    Logger::LogMsg(Logger::L_DEBUG, kLog,
+                   "[DEBUG] detector-win2(%d): converted full path: '%s', path: '%s'\n", __LINE__,
+                   where.full_path.c_str_utf8(), where.path.c_str_utf8());
+    return where;
+}
 
-    if (IsFromWorkingDirectory(name)) {
-        const bool taken_away =
-            action == platform::kActionRemoved || action == platform::kActionRenamedOldName;
-        if ((name.size() == ustring(kWorkingDirectory).size() || IsRecycleBin(path)) &&
-            taken_away) {
-            Logger::LogMsg(Logger::L_DEBUG, kLog,
-                           "[DEBUG] detector-win2(%d): recreating working directory (%d)\n",
-                           __LINE__, action);
-            CreateWorkingDirectory(watch);
-        }
-        // Something moved into the working directory (the recycle bin takes files
-        // so) has left the user's view without an event; its old name must not pair
-        // with a later record.
-        if (action == platform::kActionRenamedNewName) cache.erase(sess_id);
-        Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] detector-win2(%d): ignoring changes to %s\n",
-                       __LINE__, path.c_str_utf8());
-        return -1;
+bool Detector::DropWorkingDirectory(uint64_t sess_id, const ustring& watch, const RecordPath& where,
+                                    int action) {
+    if (!IsFromWorkingDirectory(where.name)) return false;
+    const bool taken_away =
+        action == platform::kActionRemoved || action == platform::kActionRenamedOldName;
+    if ((where.name.size() == ustring(kWorkingDirectory).size() || IsRecycleBin(where.path)) &&
+        taken_away) {
+        Logger::LogMsg(Logger::L_DEBUG, kLog,
+                       "[DEBUG] detector-win2(%d): recreating working directory (%d)\n", __LINE__,
+                       action);
+        CreateWorkingDirectory(watch);
     }
+    // Something moved into the working directory (the recycle bin takes files so) has
+    // left the user's view without an event; its old name must not pair with a later
+    // record.
+    if (action == platform::kActionRenamedNewName) cache.erase(sess_id);
+    Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] detector-win2(%d): ignoring changes to %s\n",
+                   __LINE__, where.path.c_str_utf8());
+    return true;
+}
 
+int Detector::MapAction(Event& e, uint64_t sess_id, const ustring& path, int action) {
     if (action == platform::kActionRenamedOldName) {
         Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] detector-win2(%d): hide rename event (%s)\n",
                        __LINE__, path.c_str_utf8());
         cache[sess_id] = path;
         return -1;
     }
-
     e.m_path = path;
     switch (action) {
         case platform::kActionAdded:
             e.m_type = Event::EV_CREATE;
-            break;
+            return 0;
         case platform::kActionModified:
             e.m_type = Event::EV_MODIFY;
-            break;
+            return 0;
         case platform::kActionRemoved:
             e.m_type = Event::EV_REMOVE;
-            break;
+            return 0;
         case platform::kActionRenamedNewName: {
             auto old = cache.find(sess_id);
             if (old == cache.end()) {
                 e.m_type = Event::EV_CREATE;  // moved in from outside the tree
-                break;
+                return 0;
             }
             e.m_type = Event::EV_RENAME;
             e.m_path = old->second;
             e.m_opt = path;
             cache.erase(old);
-            break;
+            return 0;
         }
         default:
             Logger::LogMsg(Logger::L_ERR, kLog,
@@ -345,35 +357,35 @@ int Detector::Translate(Event& e, uint64_t sess_id, const ustring& watch,
                            action);
             return -1;
     }
+}
 
+int Detector::LearnType(Event& e, uint64_t sess_id, const ustring& full_path) {
     FILE_INFO finfo;
     const bool exists = FSStat(full_path, finfo) == 0 && finfo.isExist;
     if (exists && finfo.type == FT_DIR) {
         e.setDir();
         // A directory's own modification only says that its entries changed, and
         // those have records of their own.
-        if (e.m_type == Event::EV_MODIFY) return -1;
-    } else if (exists && finfo.type != FT_FILE && e.m_type != Event::EV_REMOVE &&
-               e.m_type != Event::EV_RENAME) {
+        return e.m_type == Event::EV_MODIFY ? -1 : 0;
+    }
+    if (exists && finfo.type == FT_FILE) return 0;
+    if (exists && e.m_type != Event::EV_REMOVE && e.m_type != Event::EV_RENAME) {
         Logger::LogMsg(Logger::L_DEBUG, kLog,
                        "[DEBUG] detector-win2(%d): ignoring %s: neither a file nor "
                        "a directory\n",
-                       __LINE__, path.c_str_utf8());
+                       __LINE__, e.m_path.c_str_utf8());
         return -1;
-    } else if (!exists || finfo.type != FT_FILE) {
-        if (e.m_type == Event::EV_RENAME) {
-            // The new name is gone again, or is nothing we sync; what is certain is
-            // that the old name is gone, and that removal must not be lost.
-            Logger::LogMsg(Logger::L_DEBUG, kLog,
-                           "[DEBUG] detector-win2(%d): rename target %s is gone, removing %s\n",
-                           __LINE__, e.m_opt.c_str_utf8(), e.m_path.c_str_utf8());
-            e.m_type = Event::EV_REMOVE;
-            e.m_opt.clear();
-        }
-        if (TypeFromDatabase(e, sess_id, e.m_path) != 0) return -1;
     }
-    e.m_sess_id = sess_id;
-    return 0;
+    if (e.m_type == Event::EV_RENAME) {
+        // The new name is gone again, or is nothing we sync; what is certain is that
+        // the old name is gone, and that removal must not be lost.
+        Logger::LogMsg(Logger::L_DEBUG, kLog,
+                       "[DEBUG] detector-win2(%d): rename target %s is gone, removing %s\n",
+                       __LINE__, e.m_opt.c_str_utf8(), e.m_path.c_str_utf8());
+        e.m_type = Event::EV_REMOVE;
+        e.m_opt.clear();
+    }
+    return TypeFromDatabase(e, sess_id, e.m_path) == 0 ? 0 : -1;
 }
 
 int Detector::TypeFromDatabase(Event& e, uint64_t sess_id, const ustring& path) {

@@ -103,6 +103,28 @@ class Detector : public Task {
     void HandleNotice(platform::ChangeNotice& notice, session_info& info);
     // Translates and pushes every buffered record.
     void ReadFromBuffer();
+    // Where a record points: `name` relative to the root, `path` the same with a
+    // leading "/", `full_path` on disk.
+    struct RecordPath {
+        ustring name;
+        ustring path;
+        ustring full_path;
+    };
+    // The phases of Translate, in order; each logs why it ends the record.
+    // The record's path, spelt as on disk where the volume ignores case.
+    RecordPath SpellAsOnDisk(uint64_t sess_id, const ustring& watch, const ustring& name,
+                             int action);
+    // True when the record lies in the working directory and makes no event; the
+    // working directory is made again when it was taken away.
+    bool DropWorkingDirectory(uint64_t sess_id, const ustring& watch, const RecordPath& where,
+                              int action);
+    // Sets the event's type and path from the action, pairing rename halves through
+    // `cache`. 0; -1 for the first half of a rename or an unknown action.
+    int MapAction(Event& e, uint64_t sess_id, const ustring& path, int action);
+    // Marks a directory from the disk or, for what is gone, from the database; a
+    // rename whose target is gone becomes the removal of its source. 0; -1 when the
+    // record makes no event.
+    int LearnType(Event& e, uint64_t sess_id, const ustring& full_path);
     // The database's type of a path that is not on disk: 0 with F_DIR set or not,
     // -1 when unknown (logged).
     int TypeFromDatabase(Event& e, uint64_t sess_id, const ustring& path);
