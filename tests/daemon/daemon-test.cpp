@@ -27,9 +27,6 @@
 
 namespace {
 
-const std::string kDaemon =
-    std::string(TB_BINARY_DIR) + "/tools/tarnbridge-daemon/tarnbridge-daemon";
-const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
 const ustring kAck("{\"ack\": \"ok\"}");
 
 // A temporary folder with a configuration whose log and databases all live in it.
@@ -52,7 +49,7 @@ struct DaemonHome {
 };
 
 RunResult controller(std::vector<std::string> args) {
-    args.insert(args.begin(), kController);
+    args.insert(args.begin(), kControllerBinary);
     return RunProgram(args);
 }
 
@@ -227,7 +224,7 @@ TEST(DaemonStartup, FailuresBeforeServingEndTheProcess) {
     for (const Case& c : cases) {
         SCOPED_TRACE(c.name);
         DaemonHome home(c.bad_log ? "/nonexistent-dir/daemon.log" : "");
-        std::vector<std::string> argv = {kDaemon, home.config};
+        std::vector<std::string> argv = {kDaemonBinary, home.config};
         argv.insert(argv.end(), c.args.begin(), c.args.end());
         const RunResult run = RunProgram(argv);
         EXPECT_EQ(run.status, c.code);

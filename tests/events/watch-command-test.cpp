@@ -19,11 +19,9 @@ using namespace evtest;
 
 namespace {
 
-const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
-
 // The controller watching, its two output streams in files of `dir`.
 ChildProcess Watch(const TempDir& dir, std::vector<std::string> options) {
-    options.insert(options.begin(), {kController, "watch"});
+    options.insert(options.begin(), {kControllerBinary, "watch"});
     return ChildProcess(options, {{}, dir / "watch.out", dir / "watch.err"});
 }
 
@@ -40,7 +38,8 @@ int Interrupt(ChildProcess& watcher) {
 class WatchCommand : public ::testing::Test {
   protected:
     void SetUp() override {
-        ASSERT_TRUE(::access(kController.c_str(), X_OK) == 0) << "build the tarnbridge tool first";
+        ASSERT_TRUE(::access(kControllerBinary.c_str(), X_OK) == 0)
+            << "build the tarnbridge tool first";
         port = UnheardPort();
     }
     TempDir dir;

@@ -8,11 +8,10 @@
 
 namespace {
 
-const std::string kController = std::string(TB_BINARY_DIR) + "/tools/tarnbridge/tarnbridge";
-
 // The controller's filter command: its exit status and standard output.
 RunResult check(const std::string& args) {
-    ChildProcess run({"/bin/sh", "-c", kController + " filter " + args}, {{}, {}, "/dev/null"});
+    ChildProcess run({"/bin/sh", "-c", kControllerBinary + " filter " + args},
+                     {{}, {}, "/dev/null"});
     return {run.Wait(), run.Out()};
 }
 

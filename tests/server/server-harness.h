@@ -19,10 +19,9 @@
 #include "server-options.h"
 #include "server-store.h"
 #include "server.h"
+#include "support/process.h"
 #include "support/temp-dir.h"
 #include "transport/proto-common.h"
-
-inline const std::string kServerBinary = TB_BINARY_DIR "/tools/tarnbridge-server/tarnbridge-server";
 
 inline std::string Md4(const std::string& path) {
     std::string md4;

@@ -22,6 +22,11 @@
 
 extern char** environ;
 
+// The programs of this tree, as a person (or the end-to-end harness) runs them.
+inline const std::string kControllerBinary = TB_BINARY_DIR "/tools/tarnbridge/tarnbridge";
+inline const std::string kDaemonBinary = TB_BINARY_DIR "/tools/tarnbridge-daemon/tarnbridge-daemon";
+inline const std::string kServerBinary = TB_BINARY_DIR "/tools/tarnbridge-server/tarnbridge-server";
+
 class ChildProcess {
   public:
     // What Wait gives when the child did not end in time.
