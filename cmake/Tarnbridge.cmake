@@ -2,6 +2,11 @@
 # executable per test folder, warnings on everywhere.
 
 set(TB_WARNINGS -Wall -Wextra)
+# Clang proves the locking annotations of foundation/mutex.h; the beta set adds the
+# checks of the declared lock order (ACQUIRED_BEFORE).
+if(CMAKE_CXX_COMPILER_ID MATCHES "Clang")
+  list(APPEND TB_WARNINGS -Wthread-safety -Wthread-safety-beta -Werror=thread-safety)
+endif()
 
 if(TB_SANITIZE STREQUAL "asan")
   add_compile_options(-fsanitize=address,undefined -fno-omit-frame-pointer

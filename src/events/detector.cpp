@@ -74,13 +74,13 @@ int Detector::AddWatch(const ustring& path, uint64_t sess_id) {
     {
         // In the table before the source starts, so that no early record is
         // dropped.
-        std::lock_guard<std::mutex> guard(lock);
+        MutexLock guard(lock);
         index[sess_id] = std::move(info);
     }
     int err = 0;
     if (m_source->add(sess_id, root.str(), kWorkingDirectory, &err) != 0) {
         {
-            std::lock_guard<std::mutex> guard(lock);
+            MutexLock guard(lock);
             index.erase(sess_id);
         }
         Logger::LogMsg(Logger::L_ERR, kLog,
@@ -93,13 +93,13 @@ int Detector::AddWatch(const ustring& path, uint64_t sess_id) {
 }
 
 void Detector::RemoveWatch(uint64_t sess_id) {
-    std::lock_guard<std::mutex> guard(lock);
+    MutexLock guard(lock);
     if (index.erase(sess_id) == 0) return;
     if (m_source) m_source->remove(sess_id);
 }
 
 void Detector::Clear() {
-    std::lock_guard<std::mutex> guard(lock);
+    MutexLock guard(lock);
     for (const auto& [sess_id, info] : index) {
         Logger::LogMsg(Logger::L_DEBUG, kLog,
                        "[DEBUG] detector-win2(%d): session #%llu (%s) down\n", __LINE__,
@@ -145,7 +145,7 @@ int Detector::WaitHandle() {
     }
     bool empty = false;
     {
-        std::lock_guard<std::mutex> guard(lock);
+        MutexLock guard(lock);
         empty = index.empty();
     }
     int err = 0;
@@ -174,7 +174,7 @@ int Detector::WaitHandle() {
 
 void Detector::ReadFromHandle() {
     std::vector<platform::ChangeNotice> batch;
-    std::lock_guard<std::mutex> guard(lock);
+    MutexLock guard(lock);
     int err = 0;
     if (m_source->read(batch, &err) < 0) {
         Logger::LogMsg(Logger::L_ERR, kLog,
@@ -243,7 +243,7 @@ void Detector::HandleNotice(platform::ChangeNotice& notice, session_info& info) 
 }
 
 void Detector::ReadFromBuffer() {
-    std::lock_guard<std::mutex> guard(lock);
+    MutexLock guard(lock);
     for (auto& [sess_id, info] : index) {
         if (info.read_buffer.empty()) continue;
         std::vector<platform::ChangeNotice> records;

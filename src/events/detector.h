@@ -9,10 +9,11 @@
 #include <cstdint>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <vector>
 
+#include "events/event-manager.h"
 #include "events/event.h"
+#include "foundation/mutex.h"
 #include "foundation/ustring.h"
 #include "platform/change-source.h"
 #include "runtime/task.h"
@@ -131,7 +132,7 @@ class Detector : public Task {
 
     // Guards index, cache and the buffers; held while translating and pushing, so
     // it comes before the event manager's lock.
-    std::mutex lock;
+    Mutex lock ACQUIRED_BEFORE(EventManager::m_lock);
     std::map<uint64_t, session_info> index;
     // The old path of a rename whose new name has not been seen, per session.
     std::map<uint64_t, ustring> cache;

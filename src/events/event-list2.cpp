@@ -110,7 +110,7 @@ void EventList2::ClearAttribute(Attribute& attr) {
 }
 
 void EventList2::SetWatchPath(const ustring& path) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     watch_path = path;
 }
 
@@ -224,7 +224,7 @@ int EventList2::Push(const Event& e, Event& old_event) {
     ConvertEventToAttr(e, attr);
     Attribute old_attr;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         DirNode* parent = WalkCreate(dirs);
         if (IsDir(attr))
             AddDirectoryNode(parent, ustring(base), attr, old_attr);
@@ -409,7 +409,7 @@ void EventList2::RemoveSubFileNode(DirNode* node, bool is_server, int& refCount,
 int EventList2::Pop(Event& e) {
     Attribute attr;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         if (GetFirstWaiting(root.get(), attr) < 0) return -1;
     }
     e.clear();
@@ -540,7 +540,7 @@ int EventList2::Pop(const ustring& path, bool prefer_dir, Event& e) {
                    __LINE__, GetLocalEventCount(), GetServerEventCount());
     Attribute attr;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         if (TakeNode(path, prefer_dir, attr) < 0) return -1;
     }
     e.clear();
@@ -590,7 +590,7 @@ int EventList2::DoneEvent(const Event& e) {
     ConvertEventToAttr(e, attr);
     int ret;
     {
-        std::lock_guard<std::mutex> lock(mutex);
+        MutexLock lock(mutex);
         ret = IsDir(attr) ? UpdateDirDoneEvent(attr) : UpdateFileDoneEvent(attr);
     }
     if (On(Logger::L_DEBUG)) {
@@ -714,12 +714,12 @@ void EventList2::RemoveDoneEventDir(std::unique_ptr<DirNode> node) {
 // ---- Redo ----
 
 int EventList2::Redo(const ustring& path) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return SetWaitingStatusByPath(path, KIND_DIR_FIRST);
 }
 
 int EventList2::Redo(const ustring& path, bool is_dir) {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return SetWaitingStatusByPath(path, is_dir ? KIND_DIR_ONLY : KIND_FILE_ONLY);
 }
 
@@ -762,7 +762,7 @@ int EventList2::SetWaitingStatusByPath(const ustring& path, int kind) {
 // ---- clearing ----
 
 void EventList2::Clear() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     Logger::LogMsg(Logger::L_INFO, Category(), "[INFO] event-list2(%d): ========Clear=========\n",
                    __LINE__);
     if (On(Logger::L_DEBUG)) {
@@ -781,7 +781,7 @@ void EventList2::Clear() {
 }
 
 void EventList2::ClearLocalEvent() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     Logger::LogMsg(Logger::L_INFO, Category(),
                    "[INFO] event-list2(%d): ========RemoveLocalEvent=========\n", __LINE__);
     int kept = 0;
@@ -830,12 +830,12 @@ void EventList2::RemoveSubFileLocalEventNode(DirNode* node, int& refCount) {
 // ---- looking at the tree ----
 
 bool EventList2::IsEmpty() const {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return !HasChildren(root.get());
 }
 
 void EventList2::TraverseTree() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     Logger::LogMsg(Logger::L_INFO, Category(),
                    "[INFO] event-list2(%d): ========TraverseTree , server_event_count = [%d], "
                    "local_event_count=[%d] =========\n",
@@ -870,7 +870,7 @@ void EventList2::TraverseDir(const DirNode* node) {
 }
 
 std::vector<EventList2::NodeView> EventList2::Snapshot() const {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     std::vector<NodeView> out;
     SnapshotDir(root.get(), out);
     return out;

@@ -17,11 +17,11 @@
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "events/event.h"
+#include "foundation/mutex.h"
 #include "foundation/ustring.h"
 
 class EventList2 {
@@ -147,18 +147,20 @@ class EventList2 {
     using DirIter = std::list<std::unique_ptr<DirNode>>::iterator;
 
     static int BaseName(const ustring& path, std::vector<std::string>& dirs, std::string& base);
-    DirNode* WalkCreate(const std::vector<std::string>& dirs);
-    DirNode* WalkFind(const std::vector<std::string>& dirs) const;
+    DirNode* WalkCreate(const std::vector<std::string>& dirs) REQUIRES(mutex);
+    DirNode* WalkFind(const std::vector<std::string>& dirs) const REQUIRES(mutex);
 
     void AddFileNode(DirNode* parent, const ustring& name, const Attribute& attr,
                      Attribute& old_attr);
     void AddDirectoryNode(DirNode* parent, const ustring& name, const Attribute& attr,
-                          Attribute& old_attr);
+                          Attribute& old_attr) REQUIRES(mutex);
     static Attribute HandleConflict(const Attribute& old_attr, const Attribute& new_attr);
     static Attribute HandleTypeConflict(const Attribute& server, const Attribute& local);
 
-    void RemoveSubNode(DirNode* node, bool is_server, int& refCount, uint64_t base_sync_id);
-    void RemoveSubFileNode(DirNode* node, bool is_server, int& refCount, uint64_t base_sync_id);
+    void RemoveSubNode(DirNode* node, bool is_server, int& refCount, uint64_t base_sync_id)
+        REQUIRES(mutex);
+    void RemoveSubFileNode(DirNode* node, bool is_server, int& refCount, uint64_t base_sync_id)
+        REQUIRES(mutex);
     void RemoveLocalEventNode(DirNode* node, int& refCount);
     void RemoveSubFileLocalEventNode(DirNode* node, int& refCount);
 
@@ -168,21 +170,23 @@ class EventList2 {
     static void IncreaseRefCount(DirNode* dir, bool is_server);
     static void DecreaseRefCount(DirNode* dir, bool is_server);
 
-    int UpdateDirDoneEvent(const Attribute& attr);
-    int UpdateFileDoneEvent(const Attribute& attr);
+    int UpdateDirDoneEvent(const Attribute& attr) REQUIRES(mutex);
+    int UpdateFileDoneEvent(const Attribute& attr) REQUIRES(mutex);
     void RemoveDoneEventDir(std::unique_ptr<DirNode> node);
-    int SetWaitingStatusByPath(const ustring& path, int kind);
-    int TakeNode(const ustring& path, bool dir_first, Attribute& attr);
+    int SetWaitingStatusByPath(const ustring& path, int kind) REQUIRES(mutex);
+    int TakeNode(const ustring& path, bool dir_first, Attribute& attr) REQUIRES(mutex);
 
     void CountEvent(bool is_server, int delta);
-    void ForgetStatus(const ustring& rel_path);
+    void ForgetStatus(const ustring& rel_path) REQUIRES(mutex);
     static ustring DirPath(const DirNode* node);
     void TraverseDir(const DirNode* node);
     void SnapshotDir(const DirNode* node, std::vector<NodeView>& out) const;
 
-    mutable std::mutex mutex;
-    std::unique_ptr<DirNode> root;
+    // The manager names this mutex in its lock order.
+    friend class EventManager;
+    mutable Mutex mutex;
+    std::unique_ptr<DirNode> root GUARDED_BY(mutex);
     std::atomic<int> server_event_count{0};
     std::atomic<int> local_event_count{0};
-    ustring watch_path;
+    ustring watch_path GUARDED_BY(mutex);
 };

@@ -148,7 +148,7 @@ void EventManager::PushLocalEvent(const Event& e) {
     }
     bool notify = false;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        MutexLock lock(m_lock);
         NoteChangeToHeldPath(e, true);
         bool accepted = false;
         ustring full_path;
@@ -169,7 +169,7 @@ void EventManager::PushServerEvent(const Event& e) {
     }
     bool notify = false;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        MutexLock lock(m_lock);
         // A server change never interrupts a task: it sees the change when it is done.
         if (!new_ev.isExpand()) NoteChangeToHeldPath(new_ev, false);
         bool accepted = false;
@@ -182,7 +182,7 @@ void EventManager::PushServerEvent(const Event& e) {
 }
 
 int EventManager::PullEvent(Task* task, Event& e) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    MutexLock lock(m_lock);
     if (ready_queue.empty()) return -1;
     event_pool* pool = ready_queue.front();
     ready_queue.pop_front();
@@ -201,7 +201,7 @@ int EventManager::PullEvent(Task* task, Event& e) {
 }
 
 int EventManager::DoneEvent(Task* task, Event& e) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    MutexLock lock(m_lock);
     auto it = registry.find(task);
     if (it == registry.end()) return 0;
     registry_entry_t& entry = it->second;
@@ -245,7 +245,7 @@ int EventManager::DoneEvent(Task* task, Event& e) {
 int EventManager::RedoEvent(Task* task, const Event& e) {
     int ret = 0;
     {
-        std::lock_guard<std::mutex> lock(m_lock);
+        MutexLock lock(m_lock);
         event_pool* pool = FindPool(e.m_sess_id);
         if (pool == nullptr) {
             Logger::LogMsg(Logger::L_ERR, Category(),
@@ -299,13 +299,13 @@ void EventManager::IssueRescan(uint64_t sess_id, const ustring& path, bool do_me
 }
 
 int EventManager::GetPendingServerEvent(uint64_t sess_id) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    MutexLock lock(m_lock);
     event_pool* pool = FindPool(sess_id);
     return pool == nullptr ? 0 : pool->get_server_event_count();
 }
 
 int EventManager::GetAllPendingEventCount(uint64_t sess_id) {
-    std::lock_guard<std::mutex> lock(m_lock);
+    MutexLock lock(m_lock);
     event_pool* pool = FindPool(sess_id);
     if (pool == nullptr) {
         Logger::LogMsg(
@@ -349,7 +349,7 @@ int EventManager::SyncedEvent2FStatDB(const ustring& path) {
 }
 
 void EventManager::Clear() {
-    std::lock_guard<std::mutex> lock(m_lock);
+    MutexLock lock(m_lock);
     registry.clear();
     ready_queue.clear();
     pool_index.clear();

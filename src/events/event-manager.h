@@ -14,10 +14,10 @@
 #include <list>
 #include <map>
 #include <memory>
-#include <mutex>
 
 #include "events/event-list2.h"
 #include "events/event.h"
+#include "foundation/mutex.h"
 #include "foundation/ustring.h"
 
 class Registry;
@@ -66,32 +66,32 @@ class EventManager {
     // Queues a local event or an expand. An invalid UTF-8 path or an unknown session
     // drops the event (logged). A task holding the same path is told of the change; an
     // upload of a file now removed, or a walk of a directory asked again, is aborted.
-    void PushLocalEvent(const Event& e);
+    void PushLocalEvent(const Event& e) EXCLUDES(m_lock);
     // Queues a server event (F_SERVER is set here). A task holding the same path is told
     // of the change but never interrupted.
-    void PushServerEvent(const Event& e);
+    void PushServerEvent(const Event& e) EXCLUDES(m_lock);
 
     // 0 and the next event for `task`, the sessions taking turns one event at a time;
     // -1 when the session whose turn it is has nothing runnable at this moment.
-    int PullEvent(Task* task, Event& e);
+    int PullEvent(Task* task, Event& e) EXCLUDES(m_lock);
     // 0 when `task` is finished with its path (also for a task that holds nothing). -1
     // when the path changed meanwhile: `e` then holds the newer event, which the task
     // now holds and must carry out next.
-    int DoneEvent(Task* task, Event& e);
+    int DoneEvent(Task* task, Event& e) EXCLUDES(m_lock);
     // Gives the task's event back to its session, to run again later. 0; -1 when the
     // session or the path is not known (the event is then lost to the task).
-    int RedoEvent(Task* task, const Event& e);
+    int RedoEvent(Task* task, const Event& e) EXCLUDES(m_lock);
 
     // Queues a walk of directory `path` of session `key`.
-    void IssueExpand(uint64_t key, const ustring& path);
+    void IssueExpand(uint64_t key, const ustring& path) EXCLUDES(m_lock);
     // Queues a comparison of `path` with the database; `do_merge` merges instead of
     // replacing.
-    void IssueRescan(uint64_t sess_id, const ustring& path, bool do_merge);
+    void IssueRescan(uint64_t sess_id, const ustring& path, bool do_merge) EXCLUDES(m_lock);
 
     // Server events of the session in its tree, waiting or held; 0 for an unknown one.
-    int GetPendingServerEvent(uint64_t sess_id);
+    int GetPendingServerEvent(uint64_t sess_id) EXCLUDES(m_lock);
     // All pending work of the session; 0 for an unknown one (logged).
-    int GetAllPendingEventCount(uint64_t sess_id);
+    int GetAllPendingEventCount(uint64_t sess_id) EXCLUDES(m_lock);
 
     // Marks the absolute `path` as syncing in FileStatusDB. 0; -1.
     static int SyncingEvent2FStatDB(const ustring& path, bool is_dir);
@@ -99,20 +99,23 @@ class EventManager {
     static int SyncedEvent2FStatDB(const ustring& path);
 
     // Frees every pool and forgets every task.
-    void Clear();
+    void Clear() EXCLUDES(m_lock);
 
   private:
     // Which tasks see a change to a path they hold, and what is done to them.
-    void NoteChangeToHeldPath(const Event& e, bool may_abort);
+    void NoteChangeToHeldPath(const Event& e, bool may_abort) REQUIRES(m_lock);
     // Steps shared by both pushes once the task table has been looked at. False when the
     // session is unknown; otherwise `accepted` says whether the pool took the event and
     // `full_path` is the session root joined with the event's path.
-    bool PushToPool(const Event& e, bool is_server, bool& accepted, ustring& full_path);
-    event_pool* FindPool(uint64_t sess_id);
+    bool PushToPool(const Event& e, bool is_server, bool& accepted, ustring& full_path)
+        REQUIRES(m_lock);
+    event_pool* FindPool(uint64_t sess_id) REQUIRES(m_lock);
 
     Registry& m_registry;
-    std::map<Task*, registry_entry_t> registry;
-    std::map<uint64_t, std::unique_ptr<event_pool>> pool_index;
-    std::deque<event_pool*> ready_queue;
-    std::mutex m_lock;
+    // The detector names m_lock in its lock order.
+    friend class Detector;
+    Mutex m_lock ACQUIRED_BEFORE(EventList2::mutex);
+    std::map<Task*, registry_entry_t> registry GUARDED_BY(m_lock);
+    std::map<uint64_t, std::unique_ptr<event_pool>> pool_index GUARDED_BY(m_lock);
+    std::deque<event_pool*> ready_queue GUARDED_BY(m_lock);
 };

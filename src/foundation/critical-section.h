@@ -1,37 +1,38 @@
-// critical-section.h: a scoped lock over a mutex, with the descriptor form kept for
-// callers shared with platforms that lock files. Used by code that guards shared
-// state for one scope of one thread.
+// critical-section.h: a scoped lock over a Mutex that can be left and entered again
+// within its scope, with the descriptor form kept for callers shared with platforms that
+// lock files. Used by code that guards shared state for one scope of one thread.
 #pragma once
 
-#include <mutex>
-
 #include "foundation/log.h"
+#include "foundation/mutex.h"
 
-class CriticalSection {
+class SCOPED_CAPABILITY CriticalSection {
   public:
     // Locks `mutex` (null: nothing to lock) until end() or destruction.
-    explicit CriticalSection(std::mutex* mutex) : lock_mutex(mutex) { start(); }
+    explicit CriticalSection(Mutex* mutex) ACQUIRE(mutex) : lock_mutex(mutex) { start(); }
     // The descriptor form locks nothing on this platform (use_flock() is false).
-    explicit CriticalSection(int fd) : lock_fd(fd) { start(); }
-    ~CriticalSection() { end(); }
+    explicit CriticalSection(int fd) ACQUIRE(descriptor) : lock_fd(fd) { start(); }
+    ~CriticalSection() RELEASE() { end(); }
 
     CriticalSection(const CriticalSection&) = delete;
     CriticalSection& operator=(const CriticalSection&) = delete;
 
     // Enters unless already inside; never locks twice.
-    void start() {
+    void start() ACQUIRE() {
         if (in_lock) return;
         if (lock_mutex != nullptr) lock_mutex->lock();
+        if (use_flock() && lock_fd >= 0) lock(lock_fd);
         in_lock = true;
         Logger::LogMsg(Logger::L_DEBUG, "utility_debug",
                        "[DEBUG] utility(%d): entering critical section\n", __LINE__);
     }
 
     // Leaves if inside; safe to call more than once.
-    void end() {
+    void end() RELEASE() {
         if (!in_lock) return;
         Logger::LogMsg(Logger::L_DEBUG, "utility_debug",
                        "[DEBUG] utility(%d): leaving critical section\n", __LINE__);
+        if (use_flock() && lock_fd >= 0) unlock(lock_fd);
         if (lock_mutex != nullptr) lock_mutex->unlock();
         in_lock = false;
     }
@@ -41,7 +42,10 @@ class CriticalSection {
     static int unlock(int) { return 0; }
 
   private:
-    std::mutex* lock_mutex = nullptr;
+    // What the descriptor form holds as far as the analysis can tell: nothing is locked.
+    struct CAPABILITY("file lock") NoLock {
+    } descriptor;
+    Mutex* lock_mutex = nullptr;
     int lock_fd = -1;
     bool in_lock = false;
 };

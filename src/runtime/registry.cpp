@@ -11,12 +11,12 @@ Registry& Registry::getInstance() {
 }
 
 size_t Registry::Size() {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     return m_table.size();
 }
 
 int Registry::Find(uint64_t sess_id, Entry& entry) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     auto it = m_table.find(sess_id);
     if (it == m_table.end()) return 0;
     entry = it->second;
@@ -24,7 +24,7 @@ int Registry::Find(uint64_t sess_id, Entry& entry) {
 }
 
 int Registry::FindNext(uint64_t sess_id, Entry& entry) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     if (m_table.empty()) return 0;
     auto it = m_table.find(sess_id);
     if (it != m_table.end()) ++it;
@@ -34,12 +34,12 @@ int Registry::FindNext(uint64_t sess_id, Entry& entry) {
 }
 
 void Registry::Set(const Entry& entry) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     m_table[entry.sess_id] = entry;
 }
 
 void Registry::Remove(uint64_t sess_id) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     m_table.erase(sess_id);
 }
 
@@ -55,7 +55,7 @@ void Registry::FreeObjects(Entry& entry) {
 
 // Holding the mutex across the close makes a task that reads the table wait for it.
 void Registry::Clear(uint64_t sess_id) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     auto it = m_table.find(sess_id);
     if (it == m_table.end()) return;
     FreeObjects(it->second);
@@ -63,19 +63,19 @@ void Registry::Clear(uint64_t sess_id) {
 }
 
 void Registry::Clear() {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     for (auto& [id, entry] : m_table) FreeObjects(entry);
     m_table.clear();
 }
 
 void Registry::UpdateRecycleTime(const Entry& entry, uint32_t time) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     auto it = m_table.find(entry.sess_id);
     if (it != m_table.end()) it->second.recycle_time = time;
 }
 
 void Registry::InitRecycleTime(const Entry& entry, uint32_t time) {
-    std::lock_guard<std::mutex> guard(m_mutex);
+    MutexLock guard(m_mutex);
     auto it = m_table.find(entry.sess_id);
     if (it == m_table.end()) return;
     if (it->second.recycle_time == 0 || it->second.recycle_time > time)

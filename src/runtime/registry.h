@@ -5,8 +5,8 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 
+#include "foundation/mutex.h"
 #include "foundation/ustring.h"
 
 class BlackList2;
@@ -47,37 +47,37 @@ class Registry {
     Registry(const Registry&) = delete;
     Registry& operator=(const Registry&) = delete;
 
-    size_t Size();
+    size_t Size() EXCLUDES(m_mutex);
     // 1 and a copy of the session's entry; 0 when absent.
-    int Find(uint64_t sess_id, Entry& entry);
+    int Find(uint64_t sess_id, Entry& entry) EXCLUDES(m_mutex);
     // A circular walk in id order: the entry after `sess_id`, the first after the last,
     // and the first when `sess_id` isn't in the table. 1 unless the table is empty (0).
     // FindNext(0, e) starts a walk; it is over when it comes back to where it began.
-    int FindNext(uint64_t sess_id, Entry& entry);
+    int FindNext(uint64_t sess_id, Entry& entry) EXCLUDES(m_mutex);
     // Inserts or overwrites the entry at entry.sess_id. Pointers it replaces are not
     // freed. To change one field: Find, change the copy, Set (not atomic as a whole).
-    void Set(const Entry& entry);
+    void Set(const Entry& entry) EXCLUDES(m_mutex);
     // Takes the entry out without freeing anything.
-    void Remove(uint64_t sess_id);
+    void Remove(uint64_t sess_id) EXCLUDES(m_mutex);
     // Closes the session's database and deletes its database, white list and filter,
     // in that order, then takes the entry out. Nothing happens for an absent id.
-    void Clear(uint64_t sess_id);
+    void Clear(uint64_t sess_id) EXCLUDES(m_mutex);
     // The same for every entry; the table is then empty.
-    void Clear();
+    void Clear() EXCLUDES(m_mutex);
     // Sets recycle_time of entry.sess_id, when present.
-    void UpdateRecycleTime(const Entry& entry, uint32_t time);
+    void UpdateRecycleTime(const Entry& entry, uint32_t time) EXCLUDES(m_mutex);
     // Sets recycle_time of entry.sess_id, when present, only if it is 0 or later than
     // `time`: the earliest known time wins.
-    void InitRecycleTime(const Entry& entry, uint32_t time);
+    void InitRecycleTime(const Entry& entry, uint32_t time) EXCLUDES(m_mutex);
 
     // The table's mutex, for a caller that needs several steps in one go; no other
     // operation may be called while it is held.
-    void lock() { m_mutex.lock(); }
-    void unlock() { m_mutex.unlock(); }
+    void lock() ACQUIRE(m_mutex) { m_mutex.lock(); }
+    void unlock() RELEASE(m_mutex) { m_mutex.unlock(); }
 
   private:
     static void FreeObjects(Entry& entry);
 
-    std::mutex m_mutex;
-    std::map<uint64_t, Entry> m_table;
+    Mutex m_mutex;
+    std::map<uint64_t, Entry> m_table GUARDED_BY(m_mutex);
 };

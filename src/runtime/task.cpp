@@ -51,7 +51,7 @@ void Task::Exec(Task* task) {
 }
 
 int Task::Run() {
-    std::lock_guard<std::mutex> guard(m_state_mutex);
+    MutexLock guard(m_state_mutex);
     if (m_task_id.load() > -1) return -1;
     m_state = RUN;
     try {
@@ -78,13 +78,13 @@ Task::State Task::GetState() const {
 }
 
 void Task::SetState(State state) {
-    std::lock_guard<std::mutex> guard(m_state_mutex);
+    MutexLock guard(m_state_mutex);
     SetStateLocked(state);
 }
 
 void Task::SetStateLocked(State state) {
     m_state = state;
-    m_state_cond.notify_all();
+    m_state_cond.NotifyAll();
 }
 
 int Task::GetId() const {
@@ -110,21 +110,23 @@ Task::State Task::WaitWhilePaused(int64_t ms) {
 }
 
 bool Task::SleepWhile(State state, int64_t ms) {
-    std::unique_lock<std::mutex> lock(m_state_mutex);
+    MutexLock lock(m_state_mutex);
     const int64_t deadline = platform::TickMs() + ms;
     for (;;) {
         if (m_state.load() != state) return false;
         const int64_t left = deadline - platform::TickMs();
         if (left <= 0) return true;
-        m_state_cond.wait_for(lock, std::chrono::milliseconds(std::min(left, kWaitSliceMs)));
+        m_state_cond.WaitFor(m_state_mutex,
+                             std::chrono::milliseconds(std::min(left, kWaitSliceMs)));
     }
 }
 
+Mutex Task::s_id_mutex;
+int Task::s_next_id = 0;
+
 int Task::CreateTaskId() {
-    static std::mutex id_mutex;
-    static int next_id = 0;
-    std::lock_guard<std::mutex> guard(id_mutex);
-    return next_id++;
+    MutexLock guard(s_id_mutex);
+    return s_next_id++;
 }
 
 void Task::SetAbortFlag(int value) {

@@ -109,7 +109,7 @@ void ClientFileEventInfo::copyEventInfo(const ClientFileEventInfo& other) {
 }
 
 FileEventDB::~FileEventDB() {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     m_db.Close();
 }
 
@@ -132,7 +132,7 @@ ustring FileEventDB::signatureOf(uint64_t row_id) const {
 }
 
 int FileEventDB::initialize(const ustring& path) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     if (m_db.isOpen()) {
         EVENT_LOG(Logger::L_INFO, "[INFO] event-db(%d): FileEventDB has been initialized (no-op)\n",
                   __LINE__);
@@ -189,7 +189,7 @@ int FileEventDB::initialize(const ustring& path) {
 }
 
 int FileEventDB::destroy() {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     if (!m_db.isOpen()) {
         EVENT_LOG(Logger::L_INFO,
                   "[INFO] event-db(%d): FileEventDB has been deinitialzed (no-op)\n", __LINE__);
@@ -269,7 +269,7 @@ int FileEventDB::containsLocked(const ustring& path, EventInfo& info) {
 }
 
 int FileEventDB::contains(const ustring& path, EventInfo& info) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     return containsLocked(StripSlash(path), info);
 }
 
@@ -277,7 +277,7 @@ int FileEventDB::getEventInfo(const ustring& path, ClientFileEventInfo& info) {
     const ustring relative = StripSlash(path);
     info.path.clear();
     if (relative.empty()) return -1;
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     uint64_t id = 0;
     const int found = m_db.QueryFirst(
         "select * from eventinfo where path = ?;",
@@ -441,7 +441,7 @@ int FileEventDB::stageSignatureLocked(uint64_t row_id, const ustring& from, ustr
 int FileEventDB::setEventInfo(const ClientFileEventInfo& info) {
     const ustring path = StripSlash(info.path);
     if (path.empty()) return -1;
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     sqlite::Transaction txn(m_db);
     if (!txn.ok()) {
         LogSqlFailure(__LINE__, m_db.failure());
@@ -489,7 +489,7 @@ int FileEventDB::rmEventInfo(const ustring& path) {
                   "[ERROR] event-db(%d): The input strPath for rmEventInfo is empty.\n", __LINE__);
         return -1;
     }
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     if (!m_db.isOpen()) return -1;
     const std::string glob = GlobLiteral(relative.str());
     const sqlite::Text sql =
@@ -506,7 +506,7 @@ int FileEventDB::rmEventInfo(const ustring& path) {
 int FileEventDB::rmEventInfoV3(const ustring& path) {
     const ustring relative = StripSlash(path);
     if (relative.find('/') == ustring::npos) return rmEventInfo(relative);
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     const std::string glob = GlobLiteral(relative.str());
     const sqlite::Text sql =
         sqlite::Text::Format("DELETE FROM eventinfo WHERE (path = %Q OR path GLOB '%q/*');",
@@ -520,12 +520,12 @@ int FileEventDB::rmEventInfoV3(const ustring& path) {
 }
 
 int FileEventDB::rmAllFolders() {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     return execLocked("DELETE FROM eventinfo WHERE fileType = 1 OR path like '%%/%%';");
 }
 
 int FileEventDB::getSyncId(uint64_t& id) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     const int found = m_db.QueryFirst("SELECT value FROM config_table WHERE key = 'sync_id';",
                                       [&](const sqlite::Statement& row) { id = row.UInt64(0); });
     if (found < 0) LogSqlFailure(__LINE__, m_db.failure());
@@ -537,7 +537,7 @@ int FileEventDB::getSyncId(uint64_t& id) {
 }
 
 int FileEventDB::setSyncId(uint64_t id) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     const sqlite::Text sql =
         sqlite::Text::Format("UPDATE config_table SET value = '%llu' WHERE key = 'sync_id';",
                              static_cast<unsigned long long>(id));
@@ -546,7 +546,7 @@ int FileEventDB::setSyncId(uint64_t id) {
 }
 
 // Streams the rows of `query` (fileType, fileModTime, fileSize, path) into `list`, each
-// path without its first `prefix_length` bytes. Called with the mutex held.
+// path without its first `prefix_length` bytes.
 int FileEventDB::fillFileList(FileList* list, const char* query, size_t prefix_length) {
     if (list == nullptr || query == nullptr) return -1;
     const int rc = m_db.Query(query, [&](const sqlite::Statement& row) {
@@ -569,7 +569,7 @@ int FileEventDB::fillFileList(FileList* list, const char* query, size_t prefix_l
 
 int FileEventDB::getFileList(FileList* list, const ustring& path) {
     const ustring relative = StripSlash(path);
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     if (relative.empty()) {
         return fillFileList(
             list, "SELECT fileType, fileModTime, fileSize, path FROM eventinfo WHERE isExist = 1;",
@@ -585,7 +585,7 @@ int FileEventDB::getFileList(FileList* list, const ustring& path) {
 
 int FileEventDB::getFileListWithoutRecursive(FileList* list, const ustring& path) {
     const ustring relative = StripSlash(path);
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     if (relative.empty()) {
         return fillFileList(
             list,
@@ -606,7 +606,7 @@ int FileEventDB::getFileListWithoutRecursive(FileList* list, const ustring& path
                                              uint64_t sync_id) {
     const ustring relative = StripSlash(path);
     const unsigned long long limit = static_cast<unsigned long long>(sync_id);
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     if (relative.empty()) {
         const sqlite::Text sql = sqlite::Text::Format(
             "SELECT fileType, fileModTime, fileSize, path FROM eventinfo WHERE isExist = "
@@ -625,7 +625,7 @@ int FileEventDB::getFileListWithoutRecursive(FileList* list, const ustring& path
 int FileEventDB::getPathByHashFrom(const char* select, const char* tail, const ustring& file_hash,
                                    ustring& path) {
     if (file_hash.empty()) return 0;
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     // Quoted although hashes are hexadecimal: a malformed hash must not become SQL.
     const sqlite::Text sql =
         sqlite::Text::Format("%s'%q' %s", select, file_hash.c_str_utf8(), tail);
@@ -649,7 +649,7 @@ int FileEventDB::getFilePathByHashFromRecycle(const ustring& file_hash, const us
 
 int FileEventDB::addFileToRecycleBin(const ustring& unique_path, uint64_t file_size,
                                      const ustring& file_hash, const ustring& mac_hash) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     return execReportedLocked(
         "FileEventDB addFileToRecycleBin",
         sqlite::Text::Format(
@@ -663,7 +663,7 @@ int FileEventDB::addFileToRecycleBin(const ustring& unique_path, uint64_t file_s
 
 int FileEventDB::dumpFileToRecycleBin(const ustring& unique_path, const ustring& path) {
     const ustring relative = StripSlash(path);
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     // The record's time comes from the process clock, as every other recycle time does.
     return execReportedLocked(
         "FileEventDB dumpFileToRecycleBin",
@@ -681,7 +681,7 @@ int FileEventDB::dumpDirToRecycleBin(const ustring& unique_prefix, const ustring
     const ustring relative = StripSlash(path);
     const unsigned long now = static_cast<unsigned long>(platform::Now());
     const std::string glob = GlobLiteral(relative.str());
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     return execReportedLocked(
         "FileEventDB dumpDirToRecycleBin",
         sqlite::Text::Format(
@@ -700,7 +700,7 @@ int FileEventDB::dumpDirToRecycleBin(const ustring& unique_prefix, const ustring
 }
 
 int FileEventDB::rmRecycleByPath(const ustring& path) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     const sqlite::Text sql =
         sqlite::Text::Format("DELETE FROM recycle_bin_table WHERE path = '%q';", path.c_str_utf8());
     if (!sql) {
@@ -714,12 +714,12 @@ int FileEventDB::rmRecycleByPath(const ustring& path) {
 }
 
 int FileEventDB::resetRecycleBin() {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     return execReportedLocked("FileEventDB resetRecycleBin", "DELETE FROM recycle_bin_table;");
 }
 
 int FileEventDB::getRotateList(uint32_t criteria_time, std::set<ustring>& rotate_list) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     const sqlite::Text sql = sqlite::Text::Format(
         "SELECT path FROM recycle_bin_table WHERE path NOT LIKE '/%%/%%' AND time <= %lu;",
         static_cast<unsigned long>(criteria_time));
@@ -731,7 +731,7 @@ int FileEventDB::getRotateList(uint32_t criteria_time, std::set<ustring>& rotate
 }
 
 int FileEventDB::rmRotateRecords(uint32_t criteria_time) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     return execReportedLocked(
         "FileEventDB : rmRotateRecords",
         sqlite::Text::Format("DELETE FROM recycle_bin_table WHERE time <= %lu;",
@@ -740,7 +740,7 @@ int FileEventDB::rmRotateRecords(uint32_t criteria_time) {
 }
 
 int FileEventDB::getOldestRecyleTime(uint32_t& time) {
-    std::lock_guard<std::mutex> guard(m_dbMutex);
+    MutexLock guard(m_dbMutex);
     const int found = m_db.QueryFirst(
         "SELECT MIN(time) FROM recycle_bin_table;",
         [&](const sqlite::Statement& row) { time = static_cast<uint32_t>(row.Int64(0)); });

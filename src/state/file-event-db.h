@@ -11,9 +11,9 @@
 #pragma once
 
 #include <cstdint>
-#include <mutex>
 #include <set>
 
+#include "foundation/mutex.h"
 #include "foundation/ustring.h"
 #include "state/sqlite-db.h"
 
@@ -142,25 +142,28 @@ class FileEventDB {
     static void path_convert(uint64_t id, char* buffer);
 
   private:
-    int containsLocked(const ustring& path, EventInfo& info);
+    int containsLocked(const ustring& path, EventInfo& info) REQUIRES(m_dbMutex);
     int writeRowLocked(const ClientFileEventInfo& info, const ustring& path, uint64_t& row_id,
-                       bool& written);
-    int raiseAncestorsLocked(const ustring& path, uint64_t sync_id, uint32_t mtime);
-    int stageSignatureLocked(uint64_t row_id, const ustring& from, ustring& staged);
-    int recoverSignaturesLocked();
-    int clearMarkerLocked(uint64_t row_id);
+                       bool& written) REQUIRES(m_dbMutex);
+    int raiseAncestorsLocked(const ustring& path, uint64_t sync_id, uint32_t mtime)
+        REQUIRES(m_dbMutex);
+    int stageSignatureLocked(uint64_t row_id, const ustring& from, ustring& staged)
+        REQUIRES(m_dbMutex);
+    int recoverSignaturesLocked() REQUIRES(m_dbMutex);
+    int clearMarkerLocked(uint64_t row_id) REQUIRES(m_dbMutex);
     // Runs `sql`; a failure is logged as "<call>: [<code>] <message>". 0; -1.
-    int execLocked(const char* sql);
+    int execLocked(const char* sql) REQUIRES(m_dbMutex);
     // Runs `sql` (null when it could not be formatted), a failure logged as "<op> fail";
     // `atomic` for a script with its own transaction, rolled back when it fails. 0; -1.
-    int execReportedLocked(const char* op, const char* sql, bool atomic = false);
-    int fillFileList(FileList* list, const char* query, size_t prefix_length);
+    int execReportedLocked(const char* op, const char* sql, bool atomic = false)
+        REQUIRES(m_dbMutex);
+    int fillFileList(FileList* list, const char* query, size_t prefix_length) REQUIRES(m_dbMutex);
     int getPathByHashFrom(const char* select, const char* tail, const ustring& file_hash,
                           ustring& path);
     ustring signatureOf(uint64_t row_id) const;
 
     ustring m_eventDBPath;
     ustring m_signPath;
-    std::mutex m_dbMutex;
-    sqlite::Database m_db;
+    Mutex m_dbMutex;
+    sqlite::Database m_db GUARDED_BY(m_dbMutex);
 };

@@ -2,11 +2,11 @@
 #include "state/file-status-db.h"
 
 #include <algorithm>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "foundation/log.h"
+#include "foundation/mutex.h"
 #include "platform/clock.h"
 #include "platform/fs.h"
 #include "state/file-status-db-schema.h"
@@ -25,11 +25,11 @@ const int kBusyTimeoutMs = 300000;
 // The separator of stored paths: the platform's own.
 const char kSeparator = '/';
 
-std::mutex g_path_mutex;
-ustring g_db_path;
+Mutex g_path_mutex;
+ustring g_db_path GUARDED_BY(g_path_mutex);
 
 ustring StoredPath() {
-    std::lock_guard<std::mutex> guard(g_path_mutex);
+    MutexLock guard(g_path_mutex);
     return g_db_path;
 }
 
@@ -174,7 +174,7 @@ int FileStatusDB::initialize(const ustring& location) {
         return -1;
     }
     {
-        std::lock_guard<std::mutex> guard(g_path_mutex);
+        MutexLock guard(g_path_mutex);
         g_db_path = location;
     }
     int rc = CreateSchema(location);
@@ -183,7 +183,7 @@ int FileStatusDB::initialize(const ustring& location) {
 }
 
 void FileStatusDB::destroy() {
-    std::lock_guard<std::mutex> guard(g_path_mutex);
+    MutexLock guard(g_path_mutex);
     g_db_path.clear();
 }
 
