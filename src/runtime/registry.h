@@ -3,8 +3,10 @@
 // database. Read by every task (through copies), written by the control thread.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <map>
+#include <memory>
 
 #include "foundation/mutex.h"
 #include "foundation/ustring.h"
@@ -15,9 +17,27 @@ class FileEventDB;
 
 class Registry {
   public:
-    // One session. A value: copies share the three objects but don't own them; they
-    // stay valid while the session is in the table and isn't being removed (sessions
-    // are removed only after they are paused and their workers have let go).
+    // Counts the live copies of one stored entry, the table's own among them, so that
+    // the table can tell whether anyone may still be using the session's objects. It
+    // travels with every copy and assignment of an Entry; Entry::clear lets go.
+    class CopyCount {
+      public:
+        CopyCount() = default;
+        CopyCount(const CopyCount& other);
+        CopyCount& operator=(const CopyCount& other);
+        ~CopyCount();
+        // Live copies sharing this count; 0 for an entry that was never in a table.
+        int copies() const;
+
+      private:
+        friend class Registry;
+        void Join(const std::shared_ptr<std::atomic<int>>& count);
+        std::shared_ptr<std::atomic<int>> m_count;
+    };
+
+    // One session. A value: copies share the three objects but don't own them. Clear
+    // frees them only when no copy of the entry is left outside the table, so a task
+    // that holds a copy can use them until it lets go of it.
     struct Entry {
         uint64_t sess_id = 0;  // never 0: 0 means "all sessions" in commands
         uint64_t view_id = 0;
@@ -32,8 +52,10 @@ class Registry {
         BlackList2* black_list = nullptr;
         WhiteListCpp* white_list = nullptr;
         FileEventDB* event_db = nullptr;
+        // Set by the table: an entry built by hand and given to Set starts a new count.
+        CopyCount copies;
 
-        // Empties every field; frees nothing.
+        // Empties every field and lets go of the session; frees nothing.
         void clear() { *this = Entry(); }
     };
 
@@ -60,10 +82,14 @@ class Registry {
     // Takes the entry out without freeing anything.
     void Remove(uint64_t sess_id) EXCLUDES(m_mutex);
     // Closes the session's database and deletes its database, white list and filter,
-    // in that order, then takes the entry out. Nothing happens for an absent id.
-    void Clear(uint64_t sess_id) EXCLUDES(m_mutex);
-    // The same for every entry; the table is then empty.
-    void Clear() EXCLUDES(m_mutex);
+    // in that order, then takes the entry out. 0, also for an absent id. -1 (logged,
+    // nothing freed, the entry stays) while a copy of the entry is held outside the
+    // table: the caller's own copies count too, so let go of them (Entry::clear) first,
+    // and try again once the task holding one has let go.
+    int Clear(uint64_t sess_id) EXCLUDES(m_mutex);
+    // The same for every entry. 0 and an empty table; -1 when some entry was held and
+    // stays.
+    int Clear() EXCLUDES(m_mutex);
     // Sets recycle_time of entry.sess_id, when present.
     void UpdateRecycleTime(const Entry& entry, uint32_t time) EXCLUDES(m_mutex);
     // Sets recycle_time of entry.sess_id, when present, only if it is 0 or later than
@@ -76,7 +102,9 @@ class Registry {
     void unlock() RELEASE(m_mutex) { m_mutex.unlock(); }
 
   private:
-    static void FreeObjects(Entry& entry);
+    // Frees the objects of the stored `entry` unless a copy of it is held elsewhere.
+    // True when freed (or there was nothing to free).
+    static bool FreeObjects(Entry& entry);
 
     Mutex m_mutex;
     std::map<uint64_t, Entry> m_table GUARDED_BY(m_mutex);

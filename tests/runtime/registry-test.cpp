@@ -1,5 +1,6 @@
 // The session table: the circular walk, what Set replaces, recycle times, what Remove
-// and Clear do with a session's objects, and readers and writers on many threads.
+// and Clear do with a session's objects, how copies held by tasks keep those objects
+// alive, and readers and writers on many threads.
 #include <gtest/gtest.h>
 #include <unistd.h>
 
@@ -93,6 +94,32 @@ TEST(RegistryObjects, RemoveLeavesTheDatabaseOpenClearClosesIt) {
     EXPECT_FALSE(open(1));
     EXPECT_FALSE(open(3));
     EXPECT_EQ(table.Size(), 0u);
+}
+
+// A task's copy of an entry, and any copy made of it, keeps the session's objects: Clear
+// refuses until every one is let go, and frees them then.
+TEST(RegistryObjects, ClearRefusesWhileACopyIsHeld) {
+    TempDir dir;
+    const std::string db_path = dir / "db";
+    Registry table;
+    Registry::Entry e = MakeEntry(1);
+    e.event_db = new FileEventDB();
+    ASSERT_EQ(e.event_db->initialize(db_path.c_str()), 0);
+    e.white_list = new WhiteListCpp();
+    table.Set(e);
+    Registry::Entry held;
+    ASSERT_EQ(table.Find(1, held), 1);
+    Registry::Entry passed_on = held;
+    held.clear();
+    EXPECT_EQ(table.Clear(1), -1);
+    EXPECT_EQ(table.Clear(), -1);
+    EXPECT_EQ(table.Size(), 1u);
+    uint64_t sync_id = 1;
+    EXPECT_EQ(passed_on.event_db->getSyncId(sync_id), 0);  // still open
+    passed_on.clear();
+    EXPECT_EQ(table.Clear(1), 0);
+    EXPECT_EQ(table.Size(), 0u);
+    EXPECT_NE(::access((db_path + "-wal").c_str(), F_OK), 0);  // closed
 }
 
 TEST(RegistryConcurrency, ReadersAlwaysSeeWholeEntries) {
