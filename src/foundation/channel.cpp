@@ -4,7 +4,6 @@
 #include <algorithm>
 #include <atomic>
 #include <cstring>
-#include <mutex>
 
 #include "foundation/error-code.h"
 #include "foundation/log.h"
@@ -20,11 +19,6 @@ using clock_type = std::chrono::steady_clock;
 
 bool silence_exceeded(clock_type::time_point since, uint32_t limit_seconds) {
     return limit_seconds != 0 && clock_type::now() - since >= std::chrono::seconds(limit_seconds);
-}
-
-platform::socket_t plain_fd(const void* context) {
-    return context == nullptr ? platform::kInvalidSocket
-                              : *static_cast<const platform::socket_t*>(context);
 }
 
 // One wait of a read or write slice: 0 when the socket is ready, else the slice's code.
@@ -71,74 +65,44 @@ int slice_result(long n, int err, bool for_write) {
     return ERR_IO;
 }
 
-int plain_read(void* context, char* buf, size_t len, int timeout_ms) {
+}  // namespace
+
+platform::socket_t ChannelMode::get_fd() const {
+    return m_carrier ? m_carrier->get_fd() : platform::kInvalidSocket;
+}
+
+void ChannelMode::close() {
+    if (m_carrier) m_carrier->close();
+}
+
+int PlainMode::read_(char* buf, size_t len, int timeout_ms) {
     if (len == 0) {
         Logger::LogMsg(Logger::L_WARNING, component(), "[WARNING] channel(%d): ReadFd: request 0\n",
                        __LINE__);
         return ERR_INVAL;
     }
-    platform::socket_t fd = plain_fd(context);
-    if (int rc = wait_slice(fd, false, timeout_ms); rc != 0) return rc;
+    if (int rc = wait_slice(m_socket, false, timeout_ms); rc != 0) return rc;
     int err = 0;
-    long n = platform::recv_some(fd, buf, len, &err);
+    long n = platform::recv_some(m_socket, buf, len, &err);
     return slice_result(n, err, false);
 }
 
-int plain_write(void* context, const char* buf, size_t len, int timeout_ms) {
+int PlainMode::write(const char* buf, size_t len, int timeout_ms) {
     if (len == 0) return 0;
-    platform::socket_t fd = plain_fd(context);
-    if (int rc = wait_slice(fd, true, timeout_ms); rc != 0) return rc;
+    if (int rc = wait_slice(m_socket, true, timeout_ms); rc != 0) return rc;
     int err = 0;
-    long n = platform::send_some(fd, buf, len, &err);
+    long n = platform::send_some(m_socket, buf, len, &err);
     return slice_result(n, err, true);
 }
 
-platform::socket_t plain_get_fd(void* context) {
-    return plain_fd(context);
+void PlainMode::close() {
+    platform::shutdown_close(m_socket);
+    m_socket = platform::kInvalidSocket;
 }
-
-// The plain handle is a heap-held socket so that another mode can put its own object
-// in the same slot.
-void plain_close(void*& context) {
-    auto* fd = static_cast<platform::socket_t*>(context);
-    if (fd == nullptr) return;
-    platform::shutdown_close(*fd);
-    delete fd;
-    context = nullptr;
-}
-
-bool plain_is_invalid(const void* context) {
-    return context == nullptr;
-}
-
-ChannelOps plain_ops() {
-    ChannelOps ops;
-    ops.read_ = plain_read;
-    ops.write = plain_write;
-    ops.get_fd = plain_get_fd;
-    ops.close = plain_close;
-    ops.isInvalid = plain_is_invalid;
-    return ops;
-}
-
-// The operations of the encrypted mode, installed once by the module that provides it.
-struct ModeRegistry {
-    std::mutex lock;
-    ChannelOps ops;
-    bool present = false;
-};
-
-ModeRegistry& registry() {
-    static ModeRegistry r;
-    return r;
-}
-
-}  // namespace
 
 Channel::Channel(size_t capacity_)
     : w_buf(new char[capacity_]), r_buf(new char[capacity_]), capacity(capacity_) {
     platform::net_init();
-    SwitchChannelOp(CHANNEL_PLAIN_MODE);
 }
 
 Channel::~Channel() {
@@ -160,7 +124,7 @@ int Channel::Open(platform::socket_t socket, bool configure) {
     }
     if (socket == platform::kInvalidSocket) return ERR_INVAL;
     if (configure && (SetLinger(socket, 1) < 0 || SetNonBlock(socket) < 0)) return ERR_SYS;
-    AttachSocket(socket);
+    Attach(std::make_unique<PlainMode>(socket));
     ClearRead();
     ClearWrite();
     return 0;
@@ -186,7 +150,7 @@ int Channel::Open(const char* host, int port) {
         platform::close_socket(s);
         return ERR_IO;
     }
-    AttachSocket(s);
+    Attach(std::make_unique<PlainMode>(s));
     ClearRead();
     ClearWrite();
     return 0;
@@ -198,12 +162,12 @@ int Channel::Close() {
         if (rc < 0)
             Logger::LogMsg(Logger::L_WARNING, component(),
                            "[WARNING] channel(%d): FlushWrite: %s\n", __LINE__, GetErrorString(rc));
-        m_ops.close(m_ops.context);
+        m_ops->close();
+        m_ops.reset();
     }
     ClearRead();
     ClearWrite();
     m_isSSL = false;
-    SwitchChannelOp(CHANNEL_PLAIN_MODE);
     return 0;
 }
 
@@ -305,7 +269,7 @@ int Channel::ReadMore(size_t want) {
         if (Aborted()) return ERR_INT;
         size_t tail = (r_head + r_size) % capacity;
         size_t run = tail >= r_head ? capacity - tail : r_head - tail;
-        int rc = m_ops.read_(m_ops.context, r_buf.get() + tail, run, WaitSliceMs());
+        int rc = m_ops->read_(r_buf.get() + tail, run, WaitSliceMs());
         if (rc == ERR_TIMEOUT) {
             if (!silence_exceeded(t0, channel_timeout)) continue;
             Logger::LogMsg(Logger::L_DEBUG, component(),
@@ -353,7 +317,7 @@ int Channel::FlushWrite(size_t n) {
     while (sent < target) {
         if (Aborted()) return ERR_INT;
         size_t run = std::min(w_size, capacity - w_head);
-        int rc = m_ops.write(m_ops.context, w_buf.get() + w_head, run, WaitSliceMs());
+        int rc = m_ops->write(w_buf.get() + w_head, run, WaitSliceMs());
         if (rc == ERR_TIMEOUT) {
             if (!silence_exceeded(t0, channel_timeout)) continue;
             Logger::LogMsg(Logger::L_WARNING, component(),
@@ -386,7 +350,7 @@ int Channel::GetPeerInfo(char*, size_t, int&) {
 }
 
 bool Channel::IsClosed() const {
-    return m_ops.isInvalid(m_ops.context);
+    return m_ops == nullptr;
 }
 
 uint64_t Channel::Convert(uint64_t v) const {
@@ -400,7 +364,7 @@ uint16_t Channel::Convert(uint16_t v) const {
 }
 
 platform::socket_t Channel::GetSocket() const {
-    return IsClosed() ? platform::kInvalidSocket : m_ops.get_fd(m_ops.context);
+    return IsClosed() ? platform::kInvalidSocket : m_ops->get_fd();
 }
 
 platform::socket_t Channel::CreateSock() {
@@ -444,38 +408,14 @@ int Channel::ConnectWithTimeout(platform::socket_t socket, const char* ip, int p
     }
 }
 
-void Channel::RegisterModeOps(int mode, const ChannelOps& ops) {
-    if (mode != CHANNEL_SSL_MODE) return;
-    ModeRegistry& r = registry();
-    std::lock_guard<std::mutex> guard(r.lock);
-    r.ops = ops;
-    r.present = true;
-}
-
-int Channel::SwitchChannelOp(int mode) {
-    ChannelOps next = plain_ops();
-    if (mode != CHANNEL_PLAIN_MODE) {
-        ModeRegistry& r = registry();
-        std::lock_guard<std::mutex> guard(r.lock);
-        if (mode != CHANNEL_SSL_MODE || !r.present) return ERR_INVAL;
-        next = r.ops;
-    }
-    next.context = m_ops.context;
-    m_ops = next;
+int Channel::SwitchChannelOp(std::unique_ptr<ChannelMode> mode) {
+    if (IsClosed() || m_isSSL || mode == nullptr) return ERR_INVAL;
+    mode->m_carrier = std::move(m_ops);
+    m_ops = std::move(mode);
+    m_isSSL = m_ops->kind() == CHANNEL_SSL_MODE;
     return 0;
 }
 
-int Channel::InstallMode(int mode, void* context) {
-    if (IsClosed() || m_isSSL || context == nullptr || mode == CHANNEL_PLAIN_MODE) return ERR_INVAL;
-    void* plain = m_ops.context;
-    if (SwitchChannelOp(mode) != 0) return ERR_INVAL;
-    // The socket lives on inside the new handle; only its plain holder goes.
-    delete static_cast<platform::socket_t*>(plain);
-    m_ops.context = context;
-    m_isSSL = true;
-    return 0;
-}
-
-void Channel::AttachSocket(platform::socket_t socket) {
-    m_ops.context = new platform::socket_t(socket);
+void Channel::Attach(std::unique_ptr<ChannelMode> mode) {
+    m_ops = std::move(mode);
 }

@@ -1,8 +1,9 @@
 // channel.h: Channel, a buffered, time-limited byte stream over a non-blocking TCP
 // socket with an abort flag. PStream encodes values on it; the control socket, the
 // notification socket and the server connections all use it. The socket work goes
-// through a table of operations (m_ops) so that an encrypted mode can replace it in
-// place on the same object and socket.
+// through the channel's current mode (m_ops, a ChannelMode the channel owns), so that an
+// encrypted mode can take over in place on the same object, buffers and socket, and
+// channels that reach the server another way can open with a mode of their own.
 //
 // Results: 0 or a positive count on success, a negative ERR_ code on failure (-1 abort
 // flag set, -2 I/O failure or closed, -3 system error, -4 invalid argument, -9 time-out).
@@ -16,21 +17,7 @@
 
 #include "platform/net.h"
 
-// The socket operations of one mode. `context` is the mode's handle: for the plain
-// mode a heap-held socket, null when closed. Each function gets the context; the
-// wait functions get the length of one wait slice in milliseconds.
-struct ChannelOps {
-    void* context = nullptr;
-    // One wait of up to `timeout_ms` and one read: the count, -9 when nothing came in
-    // the slice, or -2/-3/-4.
-    int (*read_)(void* context, char* buf, size_t len, int timeout_ms) = nullptr;
-    // The same for sending.
-    int (*write)(void* context, const char* buf, size_t len, int timeout_ms) = nullptr;
-    platform::socket_t (*get_fd)(void* context) = nullptr;
-    // Shuts the connection and frees the handle; sets `context` to null.
-    void (*close)(void*& context) = nullptr;
-    bool (*isInvalid)(const void* context) = nullptr;
-};
+class ChannelMode;
 
 class Channel {
   public:
@@ -100,19 +87,6 @@ class Channel {
     platform::socket_t GetSocket() const;
     bool IsSSL() const { return m_isSSL; }
 
-    // Turns an open plain channel into one of `mode` in place: the registered operations
-    // of the mode take over with `context` (which owns the same socket from now on, and
-    // is freed by the mode's close), and the plain handle is dropped without closing the
-    // socket. The rings stay as they are, so nothing may be pending. 0, or -4 when the
-    // channel is closed or not plain, `context` is null, or the mode has no operations
-    // (nothing changes then).
-    int InstallMode(int mode, void* context);
-
-    // Registers the operations of CHANNEL_SSL_MODE (the module that provides encryption
-    // installs its set this way at start-up); SwitchChannelOp then uses it. Other modes
-    // are ignored. The context field of `ops` is not used.
-    static void RegisterModeOps(int mode, const ChannelOps& ops);
-
     // Socket set-up helpers of the connect side; derived channels replace them.
     // A new TCP socket, or kInvalidSocket.
     virtual platform::socket_t CreateSock();
@@ -121,18 +95,22 @@ class Channel {
     virtual int SetNonBlock(platform::socket_t socket);
     // 0 when connected; -4 bad arguments, -9 time-out, -3 any other failure.
     virtual int ConnectWithTimeout(platform::socket_t socket, const char* ip, int port);
-    // Installs the functions of `mode`, keeping the context: the plain set for
-    // CHANNEL_PLAIN_MODE, the registered set for CHANNEL_SSL_MODE. 0, or -4 when the mode
-    // has no registered set (nothing changes then).
-    virtual int SwitchChannelOp(int mode);
+    // Puts `mode` over the one carrying the bytes now, in place: `mode` takes ownership
+    // of the current mode (as its carrier) and every read and write goes through it
+    // from then on, on the same socket and rings, so nothing may be pending. A channel
+    // turns encrypted once. 0; -4 when the channel is closed or already encrypted or
+    // `mode` is null (the channel is unchanged and `mode`, dropped, closes nothing).
+    virtual int SwitchChannelOp(std::unique_ptr<ChannelMode> mode);
 
   protected:
-    // Adopts `socket` as the open handle of the plain mode.
-    void AttachSocket(platform::socket_t socket);
+    // Makes `mode` the open channel's (the channel must be closed): the plain mode on a
+    // socket for Open, another for a channel that reaches its peer some other way.
+    void Attach(std::unique_ptr<ChannelMode> mode);
     bool Aborted() const;
     int WaitSliceMs() const { return static_cast<int>(m_timeout.count()); }
 
-    ChannelOps m_ops;
+    // The current mode; null while the channel is closed.
+    std::unique_ptr<ChannelMode> m_ops;
     std::unique_ptr<char[]> w_buf;
     size_t w_head = 0;
     size_t w_size = 0;
@@ -148,4 +126,54 @@ class Channel {
 
   private:
     size_t TakeFromRing(char* buf, size_t len);
+};
+
+// One mode of a Channel: how bytes move on the socket, and what the mode holds to do it.
+// The plain mode holds the socket alone. An encrypted mode holds its session and
+// context and runs over the mode it replaced, which keeps the socket; a channel reached
+// through a proxy starts with a mode whose close gives the socket back to the proxy.
+// The channel owns its mode. Dropping a mode frees what it holds but never closes the
+// socket: only close() ends the connection.
+class ChannelMode {
+  public:
+    ChannelMode() = default;
+    virtual ~ChannelMode() = default;
+    ChannelMode(const ChannelMode&) = delete;
+    ChannelMode& operator=(const ChannelMode&) = delete;
+
+    // One wait of up to `timeout_ms` and one read: the count, -9 when nothing came in
+    // the slice, or -2/-3/-4.
+    virtual int read_(char* buf, size_t len, int timeout_ms) = 0;
+    // The same for sending.
+    virtual int write(const char* buf, size_t len, int timeout_ms) = 0;
+    // The socket under the mode. Base: the carrier's.
+    virtual platform::socket_t get_fd() const;
+    // Ends the connection: the mode's own farewell, then its carrier's close. Base: the
+    // carrier's close.
+    virtual void close();
+    // CHANNEL_SSL_MODE for an encrypting mode, CHANNEL_PLAIN_MODE for any other.
+    virtual int kind() const { return Channel::CHANNEL_PLAIN_MODE; }
+
+  protected:
+    // The mode under this one; null for a mode that holds the socket itself.
+    ChannelMode* carrier() const { return m_carrier.get(); }
+
+  private:
+    // SwitchChannelOp hands the replaced mode over as the carrier.
+    friend class Channel;
+    std::unique_ptr<ChannelMode> m_carrier;
+};
+
+// The mode of a plain TCP socket: a slice is one wait for readiness and one recv or send.
+class PlainMode : public ChannelMode {
+  public:
+    explicit PlainMode(platform::socket_t socket) : m_socket(socket) {}
+    int read_(char* buf, size_t len, int timeout_ms) override;
+    int write(const char* buf, size_t len, int timeout_ms) override;
+    platform::socket_t get_fd() const override { return m_socket; }
+    // Shuts the socket down both ways and closes it.
+    void close() override;
+
+  private:
+    platform::socket_t m_socket;
 };

@@ -1,6 +1,7 @@
 // Channel over real loopback sockets: time-outs, the abort flag, ring limits, connects.
 #include "foundation/channel.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/socket.h>
 
@@ -195,39 +196,51 @@ TEST(ChannelConcurrency, RingsWrapWithoutLosingBytes) {
     EXPECT_TRUE(got == data);
 }
 
-// Operations of another mode come in through the table, on the same socket, with a
-// context of that mode's own (here a heap copy of the socket).
-bool other_closed = false;
+// A mode that stands for an encrypting one: it turns every byte read into 'T', and its
+// close says whether its farewell came before the socket was closed.
+class MarkingMode : public ChannelMode {
+  public:
+    explicit MarkingMode(std::string& closes) : m_closes(closes) {}
+    int read_(char* buf, size_t len, int timeout_ms) override {
+        int n = carrier()->read_(buf, len, timeout_ms);
+        for (int i = 0; i < n; ++i) buf[i] = 'T';
+        return n;
+    }
+    int write(const char* buf, size_t len, int timeout_ms) override {
+        return carrier()->write(buf, len, timeout_ms);
+    }
+    void close() override {
+        m_closes += ::fcntl(get_fd(), F_GETFD) != -1 ? "farewell on the open socket" : "too late";
+        ChannelMode::close();
+    }
+    int kind() const override { return Channel::CHANNEL_SSL_MODE; }
 
-TEST(ChannelModes, InstallingAModeHandsTheSocketToItsTable) {
+  private:
+    std::string& m_closes;
+};
+
+TEST(ChannelModes, ANewModeTakesOverInPlaceAndClosesDownToTheSocket) {
+    std::string closes;
+    Channel closed;
+    EXPECT_EQ(closed.SwitchChannelOp(std::make_unique<MarkingMode>(closes)), ERR_INVAL);
     Wired w;
-    auto* handle = new platform::socket_t(w.ch.GetSocket());
-    EXPECT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), ERR_INVAL);  // not registered
-    ChannelOps other;
-    other.read_ = [](void* c, char* buf, size_t, int) {
-        char ignored;
-        ::recv(*static_cast<platform::socket_t*>(c), &ignored, 1, 0);
-        *buf = 'T';  // what this mode makes of the byte
-        return 1;
-    };
-    other.get_fd = [](void* c) { return *static_cast<platform::socket_t*>(c); };
-    other.close = [](void*& c) {
-        platform::shutdown_close(*static_cast<platform::socket_t*>(c));
-        delete static_cast<platform::socket_t*>(c);
-        c = nullptr;
-        other_closed = true;
-    };
-    other.isInvalid = [](const void* c) { return c == nullptr; };
-    Channel::RegisterModeOps(Channel::CHANNEL_SSL_MODE, other);
-    ASSERT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), 0);
+    const platform::socket_t socket = w.ch.GetSocket();
+    ASSERT_EQ(w.ch.SwitchChannelOp(std::make_unique<MarkingMode>(closes)), 0);
     EXPECT_TRUE(w.ch.IsSSL());
-    EXPECT_EQ(w.ch.InstallMode(Channel::CHANNEL_SSL_MODE, handle), ERR_INVAL);  // once only
-    loopback::write_all(w.peer, "z");
-    char c = 0;
-    ASSERT_EQ(w.ch.Read(&c, 1), 0);
-    EXPECT_EQ(c, 'T');
+    EXPECT_EQ(w.ch.GetSocket(), socket);
+    // Once encrypted, always: a refused mode is dropped without touching the socket.
+    EXPECT_EQ(w.ch.SwitchChannelOp(std::make_unique<MarkingMode>(closes)), ERR_INVAL);
+    loopback::write_all(w.peer, "zz");
+    char got[2] = {};
+    ASSERT_EQ(w.ch.Read(got, 2), 0);
+    EXPECT_EQ(std::string(got, 2), "TT");
+    ASSERT_EQ(w.ch.Write("up", 2), 0);
+    ASSERT_EQ(w.ch.FlushWrite(0), 2);
+    EXPECT_EQ(loopback::read_some(w.peer, 2), "up");
     w.ch.Close();
-    EXPECT_TRUE(other_closed);
+    EXPECT_EQ(closes, "farewell on the open socket");
+    EXPECT_TRUE(loopback::closed_without_bytes(w.peer));
+    EXPECT_TRUE(w.ch.IsClosed());
     EXPECT_FALSE(w.ch.IsSSL());
 }
 
