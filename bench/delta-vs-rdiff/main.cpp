@@ -1,7 +1,9 @@
 // delta-vs-rdiff: times tarnbridge-delta against rdiff (original rolling sum, MD4, blocks of
 // 2048, 8-byte strong sums) on a large file and an edited copy, in one run, and prints for
-// each operation the seconds, the throughput, the peak memory and the ratios. It also times
-// the daemon's one-pass read (MD4 and signature together) against OpenSSL's MD4 alone.
+// each operation the seconds, the throughput, the peak memory and the ratios. Deltas are
+// made in both modes, the default (chunked) one and the realigned one (--realign), and the
+// realigned delta's size is compared with rdiff's. It also times the daemon's one-pass read
+// (MD4 and signature together) against OpenSSL's MD4 alone.
 //
 //   delta-vs-rdiff [--size MIB] [--dir DIR] [--reps N]
 //
@@ -224,13 +226,13 @@ bool md4Alone(const std::string& path) {
 }
 
 bool onePass(const std::string& path, const std::string& sig, const std::string& delta_sig,
-             const std::string& delta) {
+             const std::string& delta, DeltaMode mode = DeltaMode::CHUNKED) {
     SimpleFileReader reader;
     reader.setFile(path.c_str());
     ustring hash;
     reader.setHashString(hash);
     reader.setSignature(sig.c_str(), 2048, 8);
-    if (!delta.empty()) reader.setDelta(delta.c_str(), delta_sig.c_str());
+    if (!delta.empty()) reader.setDelta(delta.c_str(), delta_sig.c_str(), mode);
     return reader.readFile() == 0;
 }
 
@@ -303,7 +305,11 @@ int main(int argc, char** argv) {
                           {ours, "delta", at("sig.ours"), at("new"), at("delta.ours")});
     Measure d_theirs = best(opt.reps, removing(at("delta.rdiff")),
                             {rdiff, "-f", "delta", at("sig.rdiff"), at("new"), at("delta.rdiff")});
-    printRow("delta (edited copy)", new_size, d_ours, d_theirs, ">= 1.20x");
+    printRow("delta (edited copy)", new_size, d_ours, d_theirs, "n/a");
+    Measure r_ours =
+        best(opt.reps, removing(at("realigned.ours")),
+             {ours, "delta", "--realign", at("sig.ours"), at("new"), at("realigned.ours")});
+    printRow("delta --realign (edited copy)", new_size, r_ours, d_theirs, ">= 1.20x");
 
     runOnce({ours, "signature", at("other"), at("other.sig")});
     Measure n_ours = best(opt.reps, removing(at("nomatch.ours")),
@@ -331,13 +337,28 @@ int main(int argc, char** argv) {
     patched_ok = patched_ok && readFile(at("patched2.ours")) == readFile(at("new")) &&
                  readFile(at("patched2.rdiff")) == readFile(at("new"));
 
+    Measure a_ours = best(opt.reps, removing(at("patched3.ours")),
+                          {ours, "patch", at("old"), at("realigned.ours"), at("patched3.ours")});
+    Measure a_theirs =
+        best(opt.reps, removing(at("patched3.rdiff")),
+             {rdiff, "-f", "patch", at("old"), at("realigned.ours"), at("patched3.rdiff")});
+    printRow("patch (our realigned delta, both)", new_size, a_ours, a_theirs, ">= 1.20x");
+    patched_ok = patched_ok && readFile(at("patched3.ours")) == readFile(at("new")) &&
+                 readFile(at("patched3.rdiff")) == readFile(at("new"));
+
+    const uint64_t rdiff_size = fileSize(at("delta.rdiff"));
+    const uint64_t realigned_size = fileSize(at("realigned.ours"));
     std::printf(
-        "\ndelta sizes: ours %llu bytes, rdiff %llu bytes; no-match: ours %llu, rdiff %llu\n",
+        "\ndelta sizes: ours %llu bytes, realigned %llu bytes, rdiff %llu bytes; realigned / "
+        "rdiff = %.3fx (target <= 1.05x)\n",
         static_cast<unsigned long long>(fileSize(at("delta.ours"))),
-        static_cast<unsigned long long>(fileSize(at("delta.rdiff"))),
-        static_cast<unsigned long long>(fileSize(at("nomatch.ours"))),
-        static_cast<unsigned long long>(fileSize(at("nomatch.rdiff"))));
-    std::printf("signatures byte-identical: %s; both patches rebuild the new file: %s\n",
+        static_cast<unsigned long long>(realigned_size),
+        static_cast<unsigned long long>(rdiff_size),
+        static_cast<double>(realigned_size) / static_cast<double>(rdiff_size));
+    std::printf("no-match delta sizes: ours %llu, rdiff %llu\n",
+                static_cast<unsigned long long>(fileSize(at("nomatch.ours"))),
+                static_cast<unsigned long long>(fileSize(at("nomatch.rdiff"))));
+    std::printf("signatures byte-identical: %s; every patch rebuilds the new file: %s\n",
                 same_sig ? "yes" : "NO", patched_ok ? "yes" : "NO");
 
     Measure md4 = bestInProcess(opt.reps, [&] { return md4Alone(at("old")); });
@@ -345,6 +366,10 @@ int main(int argc, char** argv) {
         bestInProcess(opt.reps, [&] { return onePass(at("old"), at("pass.sig"), "", ""); });
     Measure upload = bestInProcess(opt.reps, [&] {
         return onePass(at("new"), at("pass.sig"), at("sig.ours"), at("pass.delta"));
+    });
+    Measure upload_realigned = bestInProcess(opt.reps, [&] {
+        return onePass(at("new"), at("pass.sig"), at("sig.ours"), at("pass.delta"),
+                       DeltaMode::REALIGNED);
     });
     std::printf("\none read of %llu bytes, in process:\n",
                 static_cast<unsigned long long>(old_size));
@@ -356,19 +381,22 @@ int main(int argc, char** argv) {
         pass.seconds, mbps(old_size, pass.seconds), 100.0 * md4.seconds / pass.seconds);
     std::printf("  MD4 + signature + delta (upload)  %8.3f s %8.1f MB/s  (edited copy)\n",
                 upload.seconds, mbps(new_size, upload.seconds));
+    std::printf("  the same, realigned delta         %8.3f s %8.1f MB/s  (edited copy)\n",
+                upload_realigned.seconds, mbps(new_size, upload_realigned.seconds));
 
     // The same operations on a quarter of the data: the peak should not follow the size.
     runOnce({ours, "signature", at("old.q"), at("sig.q")});
     Measure sq = runOnce({ours, "signature", at("old.q"), at("sig.q")});
     Measure dq = runOnce({ours, "delta", at("sig.q"), at("new.q"), at("delta.q")});
+    Measure rq = runOnce({ours, "delta", "--realign", at("sig.q"), at("new.q"), at("delta.q")});
     ::unlink(at("patched.q").c_str());
     Measure pq = runOnce({ours, "patch", at("old.q"), at("delta.q"), at("patched.q")});
     std::printf(
         "\nours, peak MiB at %zu MiB vs %zu MiB: signature %.1f vs %.1f, delta %.1f vs "
-        "%.1f, patch %.1f vs %.1f\n",
+        "%.1f, realigned delta %.1f vs %.1f, patch %.1f vs %.1f\n",
         opt.size >> 22, opt.size >> 20, sq.peak_kib / 1024.0, s_ours.peak_kib / 1024.0,
-        dq.peak_kib / 1024.0, d_ours.peak_kib / 1024.0, pq.peak_kib / 1024.0,
-        q_ours.peak_kib / 1024.0);
+        dq.peak_kib / 1024.0, d_ours.peak_kib / 1024.0, rq.peak_kib / 1024.0,
+        r_ours.peak_kib / 1024.0, pq.peak_kib / 1024.0, q_ours.peak_kib / 1024.0);
 
     std::string cleanup = "rm -rf '" + root + "'";
     if (std::system(cleanup.c_str()) != 0)

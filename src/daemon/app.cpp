@@ -177,6 +177,8 @@ void Tarnbridge::print_settings() {
 }
 
 int Tarnbridge::do_link(const PObject&, PObject& reply) {
+    Logger::LogMsg(Logger::L_INFO, component(), "[INFO] app(%d): upload delta mode: %s\n", __LINE__,
+                   Settings::getInstance().useDeltaRealign() ? "realigned" : "chunked");
     if (init_env() != 0) {
         Logger::LogMsg(Logger::L_ERR, component(),
                        "[ERROR] app(%d): failed to initialize environment\n", __LINE__);

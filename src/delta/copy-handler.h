@@ -23,6 +23,7 @@ class CopyHandler {
     // Closes the file and forgets its path. Returns 0.
     int end();
 
+  private:
     xio_string_type file;
     fd_t fd;
     fd_aio_t aio;

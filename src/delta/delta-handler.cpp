@@ -8,10 +8,10 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 
+#include "delta/md4-lanes.h"
 #include "delta/rs-constant.h"
 
 namespace {
@@ -33,18 +33,6 @@ unsigned ceilLog2(size_t n) {
     return bits;
 }
 
-// Grows `data` to exactly `needed` bytes; on failure the capacity becomes 0.
-bool growExact(uint8_t*& data, size_t& capacity, size_t needed) {
-    auto* grown = static_cast<uint8_t*>(std::realloc(data, needed));
-    if (grown == nullptr) {
-        capacity = 0;
-        return false;
-    }
-    data = grown;
-    capacity = needed;
-    return true;
-}
-
 }  // namespace
 
 DeltaHandler::~DeltaHandler() {
@@ -55,28 +43,19 @@ DeltaHandler::~DeltaHandler() {
 }
 
 void DeltaHandler::release() {
-    std::free(sig_body);
-    sig_body = nullptr;
+    sig_body.release();
     std::vector<DeltaBlock>().swap(sig_stat);
     m_weak.reset(0);
     std::vector<WeakSlot>().swap(m_slots);
-    std::free(read_buffer);
-    read_buffer = nullptr;
-    read_buffer_capacity = 0;
-    std::free(write_buffer);
-    write_buffer = nullptr;
-    write_buffer_capacity = 0;
-    std::free(m_spare);
-    m_spare = nullptr;
-    m_spare_capacity = 0;
+    read_buffer.release();
+    write_buffer.release();
+    m_spare.release();
 }
 
 int DeltaHandler::begin() {
-    write_buffer = static_cast<uint8_t*>(std::malloc(kInitialBuffer));
-    read_buffer = static_cast<uint8_t*>(std::malloc(kInitialBuffer));
-    if (write_buffer == nullptr || read_buffer == nullptr) return -1;
-    write_buffer_capacity = kInitialBuffer;
-    read_buffer_capacity = kInitialBuffer;
+    if (!write_buffer.reserveExact(kInitialBuffer) || !read_buffer.reserveExact(kInitialBuffer)) {
+        return -1;
+    }
     if (loadSignature() < 0) return -1;
     if (fd_open_write(delta_file, fd) < 0) return -1;
     uint8_t magic[4];
@@ -134,11 +113,10 @@ int DeltaHandler::loadBody(fd_t& sig) {
         return -1;
     }
     sig_block_count = static_cast<size_t>(count);
-    sig_body = static_cast<uint8_t*>(std::malloc(body_size == 0 ? 1 : body_size));
-    if (sig_body == nullptr) return -1;
+    if (!sig_body.reserveExact(body_size == 0 ? 1 : body_size)) return -1;
     sig_stat.resize(sig_block_count);
     for (uint64_t got = 0; got < body_size;) {
-        int64_t n = fd_read(sig, sig_body + got, static_cast<size_t>(body_size - got));
+        int64_t n = fd_read(sig, sig_body.data() + got, static_cast<size_t>(body_size - got));
         if (n <= 0) {
             // A signature that shrinks while it is read is as unusable as an unreadable one.
             std::fprintf(stderr, "api (%d): fd_read: Error Code %d\n", __LINE__,
@@ -148,7 +126,7 @@ int DeltaHandler::loadBody(fd_t& sig) {
         got += static_cast<uint64_t>(n);
     }
     for (size_t i = 0; i < sig_block_count; ++i) {
-        sig_stat[i].weaksum = RSConstant::getBE32(sig_body + i * (hash_size + 4));
+        sig_stat[i].weaksum = RSConstant::getBE32(sig_body.data() + i * (hash_size + 4));
         sig_stat[i].index = static_cast<uint32_t>(i);
     }
     std::sort(sig_stat.begin(), sig_stat.end(), [](const DeltaBlock& x, const DeltaBlock& y) {
@@ -210,20 +188,20 @@ int DeltaHandler::wait() {
 // written out. Runs on the lane's thread for large chunks.
 int DeltaHandler::process(const uint8_t* input, size_t length) {
     size_t size = read_buffer_size + length;
-    if (size > read_buffer_capacity && !growExact(read_buffer, read_buffer_capacity, size)) {
-        return -1;
-    }
-    std::memcpy(read_buffer + read_buffer_size, input, length);
+    if (!read_buffer.reserveExact(size)) return -1;
+    std::memcpy(read_buffer.data() + read_buffer_size, input, length);
     read_buffer_size = size;
-    const uint8_t* head = read_buffer;
+    const uint8_t* head = read_buffer.data();
+    m_input_end = head + size;
+    m_ahead.count = 0;
     if (checksum.size() < block_size) {
         size_t left = block_size - checksum.size();
-        const uint8_t* fresh = read_buffer + size - length;
+        const uint8_t* fresh = head + size - length;
         if (length < left) {
-            checksum.update(fresh, length);
+            extendWindow(fresh, length);
             return 0;
         }
-        checksum.update(fresh, left);
+        extendWindow(fresh, left);
     }
     for (;;) {
         int matched = matchBlock(head);
@@ -249,9 +227,18 @@ int DeltaHandler::process(const uint8_t* input, size_t length) {
         write_buffer_size = 0;
         return -1;
     }
-    std::memmove(read_buffer, head, size);
+    std::memmove(read_buffer.data(), head, size);
     read_buffer_size = size;
     return startWrite();
+}
+
+// Takes the first bytes of a new chunk into the window carried over from the last one. The
+// window's bytes are already summed in `checksum`, so each new byte's prefix sum also holds
+// that window's `a`: the realigned mode adds len * a to `b` for it, which keeps the sum the
+// window's own, while the chunked mode keeps update's result as it is (see the header).
+void DeltaHandler::extendWindow(const uint8_t* bytes, size_t len) {
+    if (m_mode == DeltaMode::REALIGNED) checksum.b += static_cast<uint32_t>(len) * checksum.a;
+    checksum.update(bytes, len);
 }
 
 // Sends the chunk's commands to the writer thread and takes the other buffer for the next
@@ -259,10 +246,9 @@ int DeltaHandler::process(const uint8_t* input, size_t length) {
 int DeltaHandler::startWrite() {
     if (write_buffer_size == 0) return 0;
     if (finishWrite() < 0) return -1;
-    if (fd_aio_write(m_aio, fd, write_buffer, write_buffer_size) < 0) return -1;
+    if (fd_aio_write(m_aio, fd, write_buffer.data(), write_buffer_size) < 0) return -1;
     m_write_pending = true;
     std::swap(write_buffer, m_spare);
-    std::swap(write_buffer_capacity, m_spare_capacity);
     write_buffer_size = 0;
     return 0;
 }
@@ -327,7 +313,7 @@ size_t DeltaHandler::scanRange(const uint8_t* p, size_t windows, uint32_t& a, ui
             continue;
         }
         moved += step;
-        if (strongMatch(p + moved, (a & 0xFFFF) | (b << 16), nullptr)) return moved;
+        if (strongMatch(p + moved, block_size, (a & 0xFFFF) | (b << 16), nullptr)) return moved;
     }
     return 0;
 }
@@ -356,16 +342,18 @@ size_t DeltaHandler::scanSplit(const uint8_t* p, size_t windows, uint32_t& a, ui
     return m_split.found == 0 ? 0 : half + m_split.found;
 }
 
-// Whether a signature block with weak sum `digest` has the strong sum of `window`; the
-// first such block in sig_stat order goes to `index`.
-bool DeltaHandler::strongMatch(const uint8_t* window, uint32_t digest, size_t* index) const {
+// Whether a signature block with weak sum `digest` has the strong sum of the `len` bytes at
+// `window`; the first such block in sig_stat order goes to `index`.
+bool DeltaHandler::strongMatch(const uint8_t* window, size_t len, uint32_t digest,
+                               size_t* index) const {
     size_t pos = firstWithWeak(digest);
     if (pos == kNotFound) return false;
     uint8_t strong[MD4_DIGEST_LENGTH];
-    MD4(window, block_size, strong);
+    MD4(window, len, strong);
     for (; pos < sig_block_count && sig_stat[pos].weaksum == digest; ++pos) {
         size_t candidate = sig_stat[pos].index;
-        if (std::memcmp(sig_body + candidate * (hash_size + 4) + 4, strong, hash_size) == 0) {
+        if (std::memcmp(sig_body.data() + candidate * (hash_size + 4) + 4, strong, hash_size) ==
+            0) {
             if (index != nullptr) *index = candidate;
             return true;
         }
@@ -391,7 +379,7 @@ int DeltaHandler::findMatch(const uint8_t* buffer) {
     match_start = 0;
     match_count = 0;
     size_t index = 0;
-    if (!mayMatch(digest) || !strongMatch(buffer, digest, &index)) return 0;
+    if (!mayMatch(digest) || !strongMatch(buffer, block_size, digest, &index)) return 0;
     match_possibility.push_back(index);
     checksum.clear();
     match_start = index;
@@ -401,19 +389,15 @@ int DeltaHandler::findMatch(const uint8_t* buffer) {
 
 int DeltaHandler::extendMatch(const uint8_t* buffer) {
     uint32_t digest = checksum.digest();
-    uint8_t strong[MD4_DIGEST_LENGTH];
-    bool hashed = false;
+    const uint8_t* strong = nullptr;
     for (auto it = match_possibility.begin(); it != match_possibility.end();) {
         size_t next = *it + match_count;
         bool keep = false;
         // The block after the last entry doesn't exist: the run can't go on.
         if (next < sig_block_count) {
-            const uint8_t* entry = sig_body + next * (hash_size + 4);
+            const uint8_t* entry = sig_body.data() + next * (hash_size + 4);
             if (RSConstant::getBE32(entry) == digest) {
-                if (!hashed) {
-                    MD4(buffer, block_size, strong);
-                    hashed = true;
-                }
+                if (strong == nullptr) strong = strongAhead(buffer);
                 keep = std::memcmp(entry + 4, strong, hash_size) == 0;
             }
         }
@@ -426,17 +410,43 @@ int DeltaHandler::extendMatch(const uint8_t* buffer) {
     return 1;
 }
 
+// The strong sum of the block at `window`, which continues the current run if anything does.
+// A run that has lasted n blocks is taken to last up to n more: their sums are computed
+// together with this one's and kept for the next calls, as long as the bytes stay put.
+const uint8_t* DeltaHandler::strongAhead(const uint8_t* window) {
+    if (m_ahead.count != 0 && window >= m_ahead.first) {
+        size_t offset = static_cast<size_t>(window - m_ahead.first);
+        if (offset % block_size == 0 && offset / block_size < m_ahead.count) {
+            return m_ahead.sums[offset / block_size];
+        }
+    }
+    size_t available = static_cast<size_t>(m_input_end - window) / block_size;
+    size_t lanes = std::min({Md4Lanes::MAX_LANES, available, match_count});
+    Md4Lanes::hash(window, block_size, block_size, lanes, m_ahead.sums);
+    m_ahead.first = window;
+    m_ahead.count = lanes;
+    return m_ahead.sums[0];
+}
+
 int DeltaHandler::clearMatch() {
     if (match_count == 0) return 0;
-    uint32_t start = static_cast<uint32_t>(match_start) * static_cast<uint32_t>(block_size);
-    uint32_t length = static_cast<uint32_t>(match_count) * static_cast<uint32_t>(block_size);
-    uint8_t command[RSConstant::MAX_COPY_COMMAND];
-    size_t n = RSConstant::encodeCopy(start, length, command);
-    if (appendWriteBuffer(command, n) < 0) return -1;
+    if (appendCopy(uint64_t{match_start} * block_size, uint64_t{match_count} * block_size) < 0) {
+        return -1;
+    }
     match_count = 0;
     match_start = 0;
     match_possibility.clear();
     return 0;
+}
+
+int DeltaHandler::appendCopy(uint64_t start, uint64_t length) {
+    if (m_mode == DeltaMode::CHUNKED) {
+        start = static_cast<uint32_t>(start);
+        length = static_cast<uint32_t>(length);
+    }
+    uint8_t command[RSConstant::MAX_COPY_COMMAND];
+    size_t n = RSConstant::encodeCopy(start, length, command);
+    return appendWriteBuffer(command, n);
 }
 
 int DeltaHandler::clearMismatch(const uint8_t* match_buffer_head) {
@@ -453,10 +463,8 @@ int DeltaHandler::clearMismatch(const uint8_t* match_buffer_head) {
 
 int DeltaHandler::appendWriteBuffer(const void* buffer, size_t length) {
     size_t needed = write_buffer_size + length;
-    if (needed > write_buffer_capacity && !growExact(write_buffer, write_buffer_capacity, needed)) {
-        return -1;
-    }
-    std::memcpy(write_buffer + write_buffer_size, buffer, length);
+    if (!write_buffer.reserveExact(needed)) return -1;
+    std::memcpy(write_buffer.data() + write_buffer_size, buffer, length);
     write_buffer_size = needed;
     return 0;
 }
@@ -468,9 +476,10 @@ int DeltaHandler::end() {
         fd_close(fd);
         return -1;
     }
-    if (match_count != 0) {
-        if (clearMatch() < 0) return -1;
-        if (fd_write(fd, write_buffer, write_buffer_size) !=
+    if (m_mode == DeltaMode::REALIGNED && matchTail() < 0) return -1;
+    if (clearMatch() < 0) return -1;
+    if (write_buffer_size != 0) {
+        if (fd_write(fd, write_buffer.data(), write_buffer_size) !=
             static_cast<int64_t>(write_buffer_size)) {
             std::fprintf(stderr, "api (%d): fd_write: Error Code %d\n", __LINE__, errno);
             return -1;
@@ -481,7 +490,8 @@ int DeltaHandler::end() {
         uint8_t command[RSConstant::MAX_LITERAL_COMMAND];
         size_t n = RSConstant::encodeLiteral(read_buffer_size, command);
         if (fd_write(fd, command, n) != static_cast<int64_t>(n) ||
-            fd_write(fd, read_buffer, read_buffer_size) != static_cast<int64_t>(read_buffer_size)) {
+            fd_write(fd, read_buffer.data(), read_buffer_size) !=
+                static_cast<int64_t>(read_buffer_size)) {
             std::fprintf(stderr, "api (%d): fd_write: Error Code %d\n", __LINE__, errno);
             return -1;
         }
@@ -494,5 +504,34 @@ int DeltaHandler::end() {
     }
     release();
     fd_close(fd);
+    return 0;
+}
+
+// The bytes left at the end, fewer than one block, may still end with the old file's short
+// last block. The window, which holds exactly those bytes, shrinks from the front one byte at
+// a time until a signature entry of its length matches; the bytes before it become a literal
+// and the block a copy, joined to the pending run when it follows on from it.
+int DeltaHandler::matchTail() {
+    const uint8_t* head = read_buffer.data();
+    size_t size = read_buffer_size;
+    size_t index = 0;
+    for (; size != 0; checksum.roll_out(*head++), --size) {
+        uint32_t digest = checksum.digest();
+        if (mayMatch(digest) && strongMatch(head, size, digest, &index)) break;
+    }
+    if (size == 0) return 0;
+    if (head == read_buffer.data() && match_count != 0 && index == match_start + match_count) {
+        uint64_t length = uint64_t{match_count} * block_size + size;
+        if (appendCopy(uint64_t{match_start} * block_size, length) < 0) return -1;
+        match_count = 0;
+        match_possibility.clear();
+    } else {
+        if (clearMatch() < 0) return -1;
+        mismatch_start = head == read_buffer.data() ? nullptr : read_buffer.data();
+        if (clearMismatch(head) < 0 || appendCopy(index * uint64_t{block_size}, size) < 0) {
+            return -1;
+        }
+    }
+    read_buffer_size = 0;
     return 0;
 }

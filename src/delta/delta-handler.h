@@ -1,15 +1,20 @@
 // delta-handler.h: the FileReader handler that reads the signature of an older version of a
 // file and, while the new version streams past, writes a delta: literal bytes for what is
 // new and copy commands for the blocks the older version already has. Used by uploads (the
-// server holds the older version) and by the delta tool.
+// server holds the older version), by the reference server's downloads and the delta tool.
 //
-// The bytes of the delta for a given input and chunking are part of the contract:
-// - a literal never spans two update() calls; a run of copied blocks does;
-// - the window sum carried over a chunk boundary is extended with RSRollingChecksum::update,
-//   which leaves its `b` half off once the window is out of step with the chunk boundary, so
-//   after a shift the rest of the file tends to go out as literals (still a valid delta);
-// - among signature blocks with equal weak sums the lowest block index is tried first;
-// - copy offsets and lengths are formed in 32 bits, so bases of 4 GiB or more wrap.
+// Two modes write the same format, which any patcher applies. The bytes of the delta for a
+// given input, chunking and mode are part of the contract.
+// - DeltaMode::CHUNKED, the default: the window sum carried over a chunk boundary is extended
+//   with RSRollingChecksum::update, which leaves its `b` half off once the window is out of
+//   step with the chunk boundary, so after a shift the rest of the file tends to go out as
+//   literals (still a valid delta). Copy offsets and lengths are formed in 32 bits, so bases
+//   of 4 GiB or more wrap.
+// - DeltaMode::REALIGNED: the carried window keeps its exact sum, so after an insert or a
+//   delete the old blocks are found again wherever they now lie, and at the end of the input
+//   the old file's short last block is looked for too. Offsets are 64-bit.
+// In both, a literal never spans two update() calls while a run of copied blocks does, and
+// among signature blocks with equal weak sums the lowest block index is tried first.
 #pragma once
 
 #include <atomic>
@@ -18,6 +23,9 @@
 #include <vector>
 
 #include "delta/background-lane.h"
+#include "delta/byte-buffer.h"
+#include "delta/file-reader.h"
+#include "delta/md4-lanes.h"
 #include "delta/rolling-checksum.h"
 #include "delta/weak-filter.h"
 #include "delta/xio.h"
@@ -29,8 +37,9 @@ struct DeltaBlock {
 
 class DeltaHandler {
   public:
-    DeltaHandler(const xio_string_type& delta_path, const xio_string_type& signature_path)
-        : delta_file(delta_path), signature_file(signature_path) {}
+    DeltaHandler(const xio_string_type& delta_path, const xio_string_type& signature_path,
+                 DeltaMode mode = DeltaMode::CHUNKED)
+        : delta_file(delta_path), signature_file(signature_path), m_mode(mode) {}
     ~DeltaHandler();
     DeltaHandler(const DeltaHandler&) = delete;
     DeltaHandler& operator=(const DeltaHandler&) = delete;
@@ -47,27 +56,26 @@ class DeltaHandler {
     // closes the file. -1 on a write failure.
     int end();
 
+  private:
     xio_string_type delta_file;
     xio_string_type signature_file;
     fd_t fd;
     size_t block_size = 0;
     size_t hash_size = 0;
-    uint8_t* sig_body = nullptr;
+    ByteBuffer sig_body;               // the signature's entries, as read
     std::vector<DeltaBlock> sig_stat;  // sorted by weak sum, then index
     size_t sig_block_count = 0;
-    uint8_t* read_buffer = nullptr;
+    ByteBuffer read_buffer;  // input not yet consumed: read_buffer_size bytes
     size_t read_buffer_size = 0;
-    size_t read_buffer_capacity = 0;
-    uint8_t* write_buffer = nullptr;
+    ByteBuffer write_buffer;  // commands waiting to go out: write_buffer_size bytes
     size_t write_buffer_size = 0;
-    size_t write_buffer_capacity = 0;
     std::vector<size_t> match_possibility;
     size_t match_start = 0;
     size_t match_count = 0;
     const uint8_t* mismatch_start = nullptr;
     RSRollingChecksum checksum;
+    const DeltaMode m_mode;
 
-  private:
     struct WeakSlot {
         uint32_t weaksum;
         uint32_t position_plus_one;  // 0: empty slot
@@ -79,9 +87,10 @@ class DeltaHandler {
     void buildPrefilter();
     bool mayMatch(uint32_t digest) const;
     size_t firstWithWeak(uint32_t digest) const;
-    bool strongMatch(const uint8_t* window, uint32_t digest, size_t* index) const;
+    bool strongMatch(const uint8_t* window, size_t len, uint32_t digest, size_t* index) const;
 
     int process(const uint8_t* input, size_t length);
+    void extendWindow(const uint8_t* bytes, size_t len);
     bool scanForMatch(const uint8_t*& head, size_t& size);
     size_t scanRange(const uint8_t* p, size_t windows, uint32_t& a, uint32_t& b,
                      const std::atomic<bool>* stop) const;
@@ -89,7 +98,10 @@ class DeltaHandler {
     int matchBlock(const uint8_t* buffer);
     int findMatch(const uint8_t* buffer);
     int extendMatch(const uint8_t* buffer);
+    const uint8_t* strongAhead(const uint8_t* window);
     int clearMatch();
+    int appendCopy(uint64_t start, uint64_t length);
+    int matchTail();
     int clearMismatch(const uint8_t* match_buffer_head);
     int appendWriteBuffer(const void* buffer, size_t length);
     int startWrite();
@@ -102,10 +114,19 @@ class DeltaHandler {
     std::vector<WeakSlot> m_slots;
     unsigned m_slot_bits = 0;
 
+    // Strong sums of the blocks from `first` on, block_size apart, computed ahead of a run;
+    // they hold for the bytes of one process() call, which end at m_input_end.
+    struct StrongAhead {
+        const uint8_t* first = nullptr;
+        size_t count = 0;
+        uint8_t sums[Md4Lanes::MAX_LANES][Md4Lanes::DIGEST_SIZE];
+    };
+    StrongAhead m_ahead;
+    const uint8_t* m_input_end = nullptr;
+
     // The commands of the previous chunk, still being written by m_aio while the next chunk
     // is matched into write_buffer.
-    uint8_t* m_spare = nullptr;
-    size_t m_spare_capacity = 0;
+    ByteBuffer m_spare;
     bool m_write_pending = false;
     fd_aio_t m_aio;
 

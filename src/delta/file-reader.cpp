@@ -37,8 +37,8 @@ void FileReader::setSignatureHandler(const xio_string_type& file, size_t block_s
 }
 
 void FileReader::setDeltaHandler(const xio_string_type& delta_file,
-                                 const xio_string_type& signature_file) {
-    delta_handler = std::make_unique<DeltaHandler>(delta_file, signature_file);
+                                 const xio_string_type& signature_file, DeltaMode mode) {
+    delta_handler = std::make_unique<DeltaHandler>(delta_file, signature_file, mode);
 }
 
 bool FileReader::aborted() const {

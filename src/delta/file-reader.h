@@ -15,6 +15,11 @@ class MD4HashHandler;
 class SignatureHandler;
 class DeltaHandler;
 
+// How a delta follows the new file across the reader's chunks (see delta-handler.h).
+// CHUNKED is the default wherever the daemon computes an upload delta; REALIGNED finds the
+// old blocks again after inserts and deletes, at the same cost per byte.
+enum class DeltaMode { CHUNKED, REALIGNED };
+
 class FileReader {
   public:
     enum {
@@ -46,7 +51,8 @@ class FileReader {
     void setMD4HashHandler(ustring& hash);
     // Block size 0 and hash sizes outside 1 to 16 keep the defaults (2048 and 8).
     void setSignatureHandler(const xio_string_type& file, size_t block_size, size_t hash_size);
-    void setDeltaHandler(const xio_string_type& delta_file, const xio_string_type& signature_file);
+    void setDeltaHandler(const xio_string_type& delta_file, const xio_string_type& signature_file,
+                         DeltaMode mode = DeltaMode::CHUNKED);
 
   protected:
     // Fan-out to every handler that is set, in the order copy, delta, signature, MD4; no
@@ -74,8 +80,9 @@ class SimpleFileReader : public FileReader {
     void setSignature(const xio_string_type& path, size_t block_size, size_t hash_size) {
         setSignatureHandler(path, block_size, hash_size);
     }
-    void setDelta(const xio_string_type& delta_file, const xio_string_type& signature_file) {
-        setDeltaHandler(delta_file, signature_file);
+    void setDelta(const xio_string_type& delta_file, const xio_string_type& signature_file,
+                  DeltaMode mode = DeltaMode::CHUNKED) {
+        setDeltaHandler(delta_file, signature_file, mode);
     }
 
     // ERROR_ARGUMENT without a file; ERROR_HANDLER_CALL when a handler fails (the pass then

@@ -27,6 +27,7 @@ class MD4HashHandler {
     // The 16 bytes of `result` as 32 lower-case hex digits, high nibble first.
     ustring getResult() const;
 
+  private:
     MD4_CTX mdfour;
     uint8_t result[16] = {};
     ustring* result_string;

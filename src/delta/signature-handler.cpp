@@ -6,7 +6,6 @@
 #include <openssl/md4.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "delta/rolling-checksum.h"
@@ -21,8 +20,6 @@ constexpr size_t kBackgroundBlocksMin = 64;
 
 SignatureHandler::~SignatureHandler() {
     m_lane.wait();
-    std::free(write_buffer);
-    std::free(read_buffer);
     fd_close(fd);
 }
 
@@ -35,8 +32,7 @@ void SignatureHandler::setHashSize(size_t size) {
 }
 
 int SignatureHandler::begin() {
-    read_buffer = static_cast<uint8_t*>(std::malloc(2 * block_size));
-    if (read_buffer == nullptr) return -1;
+    if (!read_buffer.reserveExact(2 * block_size)) return -1;
     if (fd_open_write(file, fd) < 0) return -1;
     uint8_t header[RSConstant::SIGNATURE_HEADER_SIZE];
     RSConstant::putBE32(header, RSConstant::MAGIC_SIGNATURE);
@@ -57,7 +53,7 @@ void SignatureHandler::writeEntry(const uint8_t* block, size_t len, uint8_t* out
 }
 
 void SignatureHandler::updateBlock(const uint8_t* block, size_t len) {
-    writeEntry(block, len, write_buffer + write_buffer_size);
+    writeEntry(block, len, write_buffer.data() + write_buffer_size);
     write_buffer_size += hash_size + 4;
 }
 
@@ -70,25 +66,16 @@ void SignatureHandler::hashSlice(size_t slice) {
 }
 
 int SignatureHandler::update(const void* buffer, size_t length) {
-    size_t needed = getSignatureSize(length);
-    if (write_buffer_capacity < needed) {
-        auto* grown = static_cast<uint8_t*>(std::realloc(write_buffer, needed));
-        if (grown == nullptr) {
-            write_buffer_capacity = 0;
-            return -1;
-        }
-        write_buffer = grown;
-        write_buffer_capacity = needed;
-    }
+    if (!write_buffer.reserveExact(getSignatureSize(length))) return -1;
     const auto* input = static_cast<const uint8_t*>(buffer);
     if (read_buffer_size != 0) {
         size_t take = std::min(block_size - read_buffer_size, length);
-        std::memcpy(read_buffer + read_buffer_size, input, take);
+        std::memcpy(read_buffer.data() + read_buffer_size, input, take);
         read_buffer_size += take;
         input += take;
         length -= take;
         if (read_buffer_size >= block_size) {
-            updateBlock(read_buffer, block_size);
+            updateBlock(read_buffer.data(), block_size);
             read_buffer_size = 0;
         }
     }
@@ -96,11 +83,11 @@ int SignatureHandler::update(const void* buffer, size_t length) {
     // this point means the carried block was completed, so the tail starts a new one.
     m_pending_blocks = length / block_size;
     m_pending_src = input;
-    m_pending_dst = write_buffer + write_buffer_size;
+    m_pending_dst = write_buffer.data() + write_buffer_size;
     write_buffer_size += m_pending_blocks * (hash_size + 4);
     size_t whole = m_pending_blocks * block_size;
     if (length > whole) {
-        std::memcpy(read_buffer, input + whole, length - whole);
+        std::memcpy(read_buffer.data(), input + whole, length - whole);
         read_buffer_size = length - whole;
     }
     size_t slices = (m_pending_blocks + kBlocksPerSlice - 1) / kBlocksPerSlice;
@@ -111,7 +98,8 @@ int SignatureHandler::update(const void* buffer, size_t length) {
 int SignatureHandler::wait() {
     m_lane.wait();
     if (write_buffer_size == 0) return 0;
-    if (fd_write(fd, write_buffer, write_buffer_size) != static_cast<int64_t>(write_buffer_size)) {
+    if (fd_write(fd, write_buffer.data(), write_buffer_size) !=
+        static_cast<int64_t>(write_buffer_size)) {
         return -1;
     }
     write_buffer_size = 0;
@@ -122,7 +110,7 @@ int SignatureHandler::end() {
     int result = 0;
     if (read_buffer_size != 0 && fd_is_open(fd)) {
         uint8_t entry[4 + RSConstant::MD4_SIZE];
-        writeEntry(read_buffer, read_buffer_size, entry);
+        writeEntry(read_buffer.data(), read_buffer_size, entry);
         size_t size = hash_size + 4;
         if (fd_write(fd, entry, size) != static_cast<int64_t>(size)) result = -1;
         read_buffer_size = 0;

@@ -7,6 +7,7 @@
 #include <cstdint>
 
 #include "delta/background-lane.h"
+#include "delta/byte-buffer.h"
 #include "delta/rs-constant.h"
 #include "delta/xio.h"
 
@@ -37,26 +38,24 @@ class SignatureHandler {
     // Writes the entry of a final short block and closes the file. -1 if that write failed.
     int end();
 
+  private:
     // Appends the entry of one block of `len` bytes to the write buffer.
     void updateBlock(const uint8_t* block, size_t len);
-
-    xio_string_type file;
-    fd_t fd;
-    size_t block_size = RSConstant::DEFAULT_BLOCK_SIZE;
-    size_t hash_size = RSConstant::DEFAULT_HASH_SIZE;
-    uint8_t* write_buffer = nullptr;
-    size_t write_buffer_size = 0;
-    size_t write_buffer_capacity = 0;
-    uint8_t* read_buffer = nullptr;
-    size_t read_buffer_size = 0;
-
-  private:
     void writeEntry(const uint8_t* block, size_t len, uint8_t* out) const;
     void hashSlice(size_t slice);
 
     // Whole blocks of the current chunk, hashed in slices into the write buffer.
     BackgroundLane m_lane;
     BackgroundLane::SliceFn m_slice_fn;
+    xio_string_type file;
+    fd_t fd;
+    size_t block_size = RSConstant::DEFAULT_BLOCK_SIZE;
+    size_t hash_size = RSConstant::DEFAULT_HASH_SIZE;
+    ByteBuffer write_buffer;  // entries waiting to go out: write_buffer_size bytes
+    size_t write_buffer_size = 0;
+    ByteBuffer read_buffer;  // the unfinished block carried to the next update
+    size_t read_buffer_size = 0;
+
     const uint8_t* m_pending_src = nullptr;
     uint8_t* m_pending_dst = nullptr;
     size_t m_pending_blocks = 0;

@@ -45,6 +45,7 @@ int Settings::loadConfigSettings(const ustring& path) {
     text("session", session);
     number("server_port", server_port);
     text("server_ip", server_ip);
+    flag("delta_realign", delta_realign);
     return 0;
 }
 
@@ -71,5 +72,6 @@ TB_GETTER(int, getServerPort, server_port)
 TB_GETTER(ustring, getServerIp, server_ip)
 TB_GETTER(ustring, getSession, session)
 TB_GETTER(ustring, getClientName, client_name)
+TB_GETTER(bool, useDeltaRealign, delta_realign)
 
 #undef TB_GETTER

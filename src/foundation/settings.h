@@ -31,6 +31,9 @@ class Settings {
     ustring getServerIp() const;
     ustring getSession() const;
     ustring getClientName() const;
+    // Whether upload deltas find blocks again after inserts and deletes ("delta_realign",
+    // false unless the text is exactly "true"); otherwise they keep the default form.
+    bool useDeltaRealign() const;
 
     Settings(const Settings&) = delete;
     Settings& operator=(const Settings&) = delete;
@@ -56,4 +59,5 @@ class Settings {
     ustring session = "InvalidSession";
     int server_port = 0;
     ustring server_ip = "InvalidAddress";
+    bool delta_realign = false;
 };

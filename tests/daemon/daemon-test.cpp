@@ -195,10 +195,11 @@ TEST_F(ControlledDaemon, RequestsAreAckedBrokenOnesDroppedAndLinkSetsUpTheEnviro
               ustring("Failed to initialize environment"));
     Stop();
     const std::string log = home.log_text();
-    for (const char* text : {"recieve msg >>> {\"action\": \"nonsense\"}",
-                             "======= Settings =======",  // "link" logged them
-                             "Failed to recieve message from channel.",
-                             "Failed to load system filter from", "main thread down"}) {
+    for (const char* text :
+         {"recieve msg >>> {\"action\": \"nonsense\"}",
+          "======= Settings =======",  // "link" logged them
+          "upload delta mode: chunked", "Failed to recieve message from channel.",
+          "Failed to load system filter from", "main thread down"}) {
         EXPECT_NE(log.find(text), std::string::npos) << text;
     }
 }

@@ -38,10 +38,11 @@ inline int makeSignature(const std::string& basis, const std::string& sig, size_
     return reader.readFile();
 }
 
-inline int makeDelta(const std::string& sig, const std::string& newfile, const std::string& delta) {
+inline int makeDelta(const std::string& sig, const std::string& newfile, const std::string& delta,
+                     DeltaMode mode = DeltaMode::CHUNKED) {
     SimpleFileReader reader;
     reader.setFile(newfile.c_str());
-    reader.setDelta(delta.c_str(), sig.c_str());
+    reader.setDelta(delta.c_str(), sig.c_str(), mode);
     return reader.readFile();
 }
 

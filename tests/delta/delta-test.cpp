@@ -5,6 +5,7 @@
 #include <string>
 
 #include "delta-test-support.h"
+#include "delta/delta-handler.h"
 #include "support/temp-dir.h"
 
 using namespace deltatest;
@@ -23,7 +24,7 @@ class DeltaFixture : public ::testing::Test {
         WriteFile(dir / "old", old);
         WriteFile(dir / "new", next);
         EXPECT_EQ(makeSignature(dir / "old", dir / "sig", block, hash), 0);
-        EXPECT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
+        EXPECT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta", mode), 0);
         PatchOutcome outcome = applyPatch(dir / "old", dir / "delta", dir / "rebuilt");
         EXPECT_EQ(outcome.result, 0);
         EXPECT_EQ(outcome.patch_result, 0);
@@ -32,7 +33,17 @@ class DeltaFixture : public ::testing::Test {
     }
 
     TempDir dir;
+    DeltaMode mode = DeltaMode::CHUNKED;
 };
+
+// The copies of a delta, which stay the same when the input is cut into other pieces (the
+// literals are cut with it).
+std::vector<std::pair<uint64_t, uint64_t>> copiesOf(const std::string& delta) {
+    std::vector<std::pair<uint64_t, uint64_t>> out;
+    for (const Command& c : parseDelta(delta).value_or(std::vector<Command>{}))
+        if (c.kind == Command::COPY) out.emplace_back(c.start, c.length);
+    return out;
+}
 
 }  // namespace
 
@@ -164,4 +175,55 @@ TEST_F(DeltaFixture, SignatureWithTrailingBytesOrAHugeBlockSizeIsStillUsed) {
     WriteFile(dir / "new", RandomBytes(3 * kChunk, 33));
     ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta"), 0);
     expectCommands(ReadFile(dir / "delta"), {literalOf(3 * kChunk)});
+}
+
+TEST_F(DeltaFixture, ShiftBeforeAChunkBoundaryKeepsTheChunkedBytesAndIsRealignedOnRequest) {
+    std::string old = RandomBytes(3 * kChunk, 26);
+    std::string next = old;
+    next.insert(kChunk - 1000, 1, 'x');
+    EXPECT_EQ(md4Hex(roundTrip(old, next)), "960cd8bed4a7e4da05280a5d278a5ac0");
+
+    mode = DeltaMode::REALIGNED;
+    // The old block around the insert goes out as a literal, cut where the chunk ends.
+    expectCommands(roundTrip(old, next), {copyOf(0, 511 * kBlock), literalOf(1), literalOf(kBlock),
+                                          copyOf(512 * kBlock, old.size() - 512 * kBlock)});
+}
+
+// Fed straight to the handler in odd pieces (single bytes included, so the window fills over
+// several calls), the realigned mode makes the same copies as from the reader's 1 MiB chunks.
+TEST_F(DeltaFixture, RealignedCopiesDoNotDependOnHowTheInputIsCut) {
+    std::string old = RandomBytes(3 * kChunk + 5000, 41);
+    std::string next = old;
+    for (size_t k = 3; k-- > 0;) next.erase(k * kChunk + kChunk / 2, 1);
+    next = "!" + next.substr(0, 2 * kChunk) + RandomBytes(3000, 42) + next.substr(2 * kChunk);
+    mode = DeltaMode::REALIGNED;
+    auto whole = copiesOf(roundTrip(old, next));
+    EXPECT_GT(whole.size(), 3u);
+
+    DeltaHandler handler((dir / "pieces").c_str(), (dir / "sig").c_str(), DeltaMode::REALIGNED);
+    ASSERT_EQ(handler.begin(), 0);
+    const size_t pieces[] = {1, 1, 2047, 2049, 4099, 300001, 1};
+    for (size_t pos = 0, i = 0, n; pos < next.size(); pos += n, ++i) {
+        n = std::min(pieces[i % std::size(pieces)], next.size() - pos);
+        ASSERT_EQ(handler.update(next.data() + pos, n), 0);
+        ASSERT_EQ(handler.wait(), 0);
+    }
+    ASSERT_EQ(handler.end(), 0);
+    EXPECT_EQ(copiesOf(ReadFile(dir / "pieces")), whole);
+    EXPECT_EQ(applyPatch(dir / "old", dir / "pieces", dir / "rebuilt").patch_result, 0);
+    EXPECT_TRUE(ReadFile(dir / "rebuilt") == next);
+}
+
+// A block 4 GiB into the old file: the realigned mode writes its true offset, the chunked
+// mode the offset wrapped to 32 bits.
+TEST_F(DeltaFixture, CopyOffsetsPast4GiB) {
+    WriteFile(dir / "new", RandomBytes(kBlock, 43));
+    ASSERT_EQ(makeSignature(dir / "new", dir / "sig"), 0);
+    std::string sig = ReadFile(dir / "sig");
+    WriteFile(dir / "sig", sig.insert(12, (size_t{1} << 32) / kBlock * 12, '\0'));
+    for (auto [m, start] : {std::pair{DeltaMode::REALIGNED, uint64_t{1} << 32},
+                            std::pair{DeltaMode::CHUNKED, uint64_t{0}}}) {
+        ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta", m), 0);
+        expectCommands(ReadFile(dir / "delta"), {copyOf(start, kBlock)});
+    }
 }

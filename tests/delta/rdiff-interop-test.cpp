@@ -99,3 +99,32 @@ TEST_F(RdiffInterop, OurPatchAppliesRdiffDeltasAndReversesThem) {
         EXPECT_TRUE(ReadFile(dir / "restored") == old);
     }
 }
+
+// The realigned mode finds blocks again after inserts and deletes, as rdiff does: its deltas
+// apply through either patcher and come out about the size of rdiff's own. Besides the usual
+// shapes: a byte inserted at the front and one deleted inside each chunk, and a short old
+// tail found again after new bytes.
+TEST_F(RdiffInterop, RealignedDeltasApplyEverywhereAndStayAsSmallAsRdiffs) {
+    std::string old = RandomBytes(3 * 1048576 + 1234, 64);
+    std::string shifted = old;
+    for (size_t k = 3; k-- > 0;) shifted.erase(k * 1048576 + 524288, 1);
+    auto shapes = cases();
+    shapes.push_back({old, "!" + shifted});
+    shapes.push_back({old.substr(0, 5000), old.substr(0, 4096) + "new" + old.substr(4096, 904)});
+    for (const auto& [before, after] : shapes) {
+        SCOPED_TRACE("new file of " + std::to_string(after.size()) + " bytes");
+        WriteFile(dir / "old", before);
+        WriteFile(dir / "new", after);
+        ASSERT_EQ(makeSignature(dir / "old", dir / "sig"), 0);
+        ASSERT_EQ(makeDelta(dir / "sig", dir / "new", dir / "delta", DeltaMode::REALIGNED), 0);
+        ASSERT_TRUE(
+            rdiff("-f patch " + (dir / "old") + " " + (dir / "delta") + " " + (dir / "theirs")));
+        EXPECT_TRUE(ReadFile(dir / "theirs") == after);
+        EXPECT_EQ(applyPatch(dir / "old", dir / "delta", dir / "ours").patch_result, 0);
+        EXPECT_TRUE(ReadFile(dir / "ours") == after);
+        ASSERT_TRUE(
+            rdiff("-f delta " + (dir / "sig") + " " + (dir / "new") + " " + (dir / "rdiff.delta")));
+        size_t theirs = ReadFile(dir / "rdiff.delta").size();
+        EXPECT_LE(ReadFile(dir / "delta").size(), theirs + theirs / 20 + 64);
+    }
+}

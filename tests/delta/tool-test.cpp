@@ -59,6 +59,10 @@ TEST_F(DeltaTool, SignatureDeltaPatchAndHashEndToEnd) {
     ToolRun hash = tool("hash", {"new"});
     EXPECT_EQ(hash.status, 0);
     EXPECT_EQ(hash.output, md4Hex(next) + "\n");
+    // A realigned delta of a copy shifted by one byte still copies nearly all of it.
+    WriteFile(dir / "new", "!" + next);
+    EXPECT_EQ(tool("delta --realign", {"sig", "new", "delta"}).status, 0);
+    EXPECT_LT(std::filesystem::file_size(dir / "delta"), 20000u);
     EXPECT_EQ(entries(), 8u);  // nothing but the inputs, the outputs and the tool's output
 }
 
@@ -82,6 +86,7 @@ TEST_F(DeltaTool, BadInputIsRefusedWithAMessageAndNoOutput) {
         {"", "", "hash", {""}, 1, ""},
         {"", "", "", {}, 2, ""},
         {"", "", "patch", {"basis", "delta"}, 2, ""},
+        {"", "", "delta --realign", {"sig", "basis"}, 2, ""},
         {"", "", "frobnicate", {"basis", "delta"}, 2, ""},
     };
     WriteFile(dir / "basis", RandomBytes(10000, 72));

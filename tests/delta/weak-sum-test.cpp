@@ -1,13 +1,16 @@
 // The weak rolling sum and the weak-sum filter: fresh sums over a block, and window scans
 // that stop at the same window with the vector and the portable kernel. A filter that drops
 // an added sum shows as missing copies in the delta commands (delta-test.cpp), as does the
-// way update extends a window that already holds bytes.
+// way update extends a window that already holds bytes. Last, the strong sums of several
+// blocks at once, which must be OpenSSL's MD4 whatever the length and spacing.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <random>
 #include <string>
 
 #include "delta-test-support.h"
+#include "delta/md4-lanes.h"
 #include "delta/rolling-checksum.h"
 #include "delta/weak-filter.h"
 
@@ -87,6 +90,24 @@ TEST(WeakFilter, VectorAndPortableKernelsAgree) {
             size_t moved = portable.offset == 0 ? count : portable.offset;
             from += moved;
             windows -= moved;
+        }
+    }
+}
+
+TEST(Md4Lanes, VectorKernelGivesOpenSslDigests) {
+    if (!Md4Lanes::vectorKernelAvailable()) GTEST_SKIP() << "no AVX2 on this processor";
+    std::string data = RandomBytes(20000, 91);
+    for (size_t length : {0, 1, 55, 56, 63, 64, 65, 119, 120, 700, 2047, 2048}) {
+        for (size_t stride : {length, length + 13}) {
+            for (size_t lanes = 1; lanes <= Md4Lanes::MAX_LANES; ++lanes) {
+                uint8_t got[Md4Lanes::MAX_LANES][Md4Lanes::DIGEST_SIZE];
+                Md4Lanes::hash(bytes(data) + 5, stride, length, lanes, got);
+                for (size_t i = 0; i < lanes; ++i) {
+                    uint8_t want[Md4Lanes::DIGEST_SIZE];
+                    MD4(bytes(data) + 5 + i * stride, length, want);
+                    ASSERT_EQ(0, std::memcmp(got[i], want, sizeof want)) << length << " " << i;
+                }
+            }
         }
     }
 }

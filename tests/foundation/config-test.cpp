@@ -83,15 +83,17 @@ TEST(ConfigFile, MissingFilesFailAndLaterKeysReplaceEarlier) {
 TEST(SettingsLoad, SetsPresentKeysAndKeepsFieldsOnFailure) {
     TempDir dir;
     Settings& s = Settings::getInstance();
+    EXPECT_FALSE(s.useDeltaRealign());
     dir.write("conf",
               "db_path = /data/db\nworker_count = 5\nuse_ssl = True\nui_port = 4000\n"
-              "is_daemon = true\nserver_ip = '10.0.0.1'\n");
+              "is_daemon = true\nserver_ip = '10.0.0.1'\ndelta_realign = true\n");
     ASSERT_EQ(s.loadConfigSettings(dir.path() + "/conf"), 0);
     EXPECT_EQ(s.getDbPath(), ustring("/data/db"));
     EXPECT_EQ(s.getWorkerCount(), 5u);
     EXPECT_FALSE(s.useSSL());  // only the exact text "true" is true
     EXPECT_TRUE(s.isDaemon());
     EXPECT_EQ(s.getServerIp(), ustring("10.0.0.1"));
+    EXPECT_TRUE(s.useDeltaRealign());
 
     dir.write("bad", "db_path = /other\nworker_count = two words\n");
     EXPECT_EQ(s.loadConfigSettings(dir.path() + "/bad"), -1);

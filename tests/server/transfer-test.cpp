@@ -215,6 +215,22 @@ TEST_F(TransferFixture, DownloadWholeAsDeltaAndResumedFromAnOffset) {
     EXPECT_EQ(WireClient::Code(Download("/d/f", 0, o2.sync_id, token, 100)), SPROTO_ERR_RESUME);
 }
 
+TEST_F(TransferFixture, DownloadAfterAnInsertAtTheFrontIsASmallDelta) {
+    std::string v1_bytes = RandomBytes(16 << 20, 12);
+    ServerObject o1, o2;
+    ASSERT_EQ(admin::Put(h.store, h.user.view_id, h.LocalFile("v1", v1_bytes), "/big", 1, o1), 0);
+    ASSERT_EQ(admin::Put(h.store, h.user.view_id, h.LocalFile("v2", "!" + v1_bytes), "/big", 2, o2),
+              0);
+    PObject reply = Download("/big", o1.sync_id, o2.sync_id);
+    ASSERT_EQ(WireClient::Code(reply), 0u);
+    ASSERT_TRUE(reply["file"]["is_delta"].asBool());
+    std::string delta_file = reply["file"]["data"].asBinary().path.str();
+    EXPECT_LT(fs::file_size(delta_file), v1_bytes.size() / 20);
+    std::string md4;
+    ASSERT_EQ(delta_ops::Patch(delta_file, h.dir / "v1", h.dir / "patched", md4), 0);
+    EXPECT_EQ(md4, o2.md4);
+}
+
 TEST_F(TransferFixture, RemovalRefusesWhatTheClientHasNotSeen) {
     ServerObject f, g, d;
     ASSERT_EQ(admin::Put(h.store, h.user.view_id, h.LocalFile("x", "1"), "/d/f", 1, f), 0);

@@ -43,10 +43,12 @@ void fail(const std::string& message) {
 int usage() {
     std::fprintf(stderr,
                  "usage: tarnbridge-delta signature BASIS SIGNATURE\n"
-                 "       tarnbridge-delta delta SIGNATURE NEWFILE DELTA\n"
+                 "       tarnbridge-delta delta [--realign] SIGNATURE NEWFILE DELTA\n"
                  "       tarnbridge-delta patch BASIS DELTA NEWFILE [REVERSE-DELTA]\n"
                  "       tarnbridge-delta hash FILE\n"
-                 "Signatures use blocks of 2048 bytes and 8 bytes of MD4 per block.\n");
+                 "Signatures use blocks of 2048 bytes and 8 bytes of MD4 per block.\n"
+                 "--realign finds old blocks again after inserts and deletes, as the daemon\n"
+                 "does with delta_realign = true; without it the delta is the daemon's default.\n");
     return EXIT_USAGE;
 }
 
@@ -190,14 +192,15 @@ int runSignature(const std::string& basis, const std::string& signature) {
     return status == 0 && !out.commit() ? 1 : status;
 }
 
-int runDelta(const std::string& signature, const std::string& newfile, const std::string& delta) {
+int runDelta(const std::string& signature, const std::string& newfile, const std::string& delta,
+             DeltaMode mode) {
     if (!checkSignature(signature) || !checkInput(newfile)) return 1;
     PendingOutput out(delta);
     if (!out.create()) return 1;
     SimpleFileReader reader;
     reader.setAbortFlag(&g_abort);
     reader.setFile(newfile.c_str());
-    reader.setDelta(out.temp().c_str(), signature.c_str());
+    reader.setDelta(out.temp().c_str(), signature.c_str(), mode);
     int status = finish(reader.readFile(), "delta " + quoted(delta));
     return status == 0 && !out.commit() ? 1 : status;
 }
@@ -258,7 +261,13 @@ int main(int argc, char** argv) {
     const std::string& command = args[0];
     size_t operands = args.size() - 1;
     if (command == "signature" && operands == 2) return runSignature(args[1], args[2]);
-    if (command == "delta" && operands == 3) return runDelta(args[1], args[2], args[3]);
+    if (command == "delta") {
+        bool realign = operands > 0 && args[1] == "--realign";
+        if (operands != (realign ? 4u : 3u)) return usage();
+        size_t at = realign ? 2 : 1;
+        return runDelta(args[at], args[at + 1], args[at + 2],
+                        realign ? DeltaMode::REALIGNED : DeltaMode::CHUNKED);
+    }
     if (command == "patch" && (operands == 3 || operands == 4)) {
         return runPatch(args[1], args[2], args[3], operands == 4 ? args[4] : std::string());
     }

@@ -62,7 +62,7 @@ int MakeDelta(const std::string& basis, const std::string& target, const std::st
     if (rc == 0) {
         SimpleFileReader diff;
         diff.setFile(target.c_str());
-        diff.setDelta(delta_out.c_str(), signature_tmp.c_str());
+        diff.setDelta(delta_out.c_str(), signature_tmp.c_str(), DeltaMode::REALIGNED);
         rc = diff.readFile();
     }
     std::remove(signature_tmp.c_str());

@@ -17,7 +17,9 @@ int CopyAndHash(const std::string& from, const std::string& to, std::string& md4
 int Patch(const std::string& delta, const std::string& basis, const std::string& out,
           std::string& md4);
 // Writes to `delta_out` a delta from `basis` to `target`; `signature_tmp` is a scratch file
-// for the basis's signature, removed afterwards.
+// for the basis's signature, removed afterwards. The delta is realigned: blocks are found
+// again after inserts and deletes, so a shifted file still downloads as a small delta (the
+// client's patch applies any valid delta).
 int MakeDelta(const std::string& basis, const std::string& target, const std::string& signature_tmp,
               const std::string& delta_out);
 
