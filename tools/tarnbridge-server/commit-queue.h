@@ -1,0 +1,67 @@
+// commit-queue.h: the running server's one writer. Request threads hand it their changes;
+// it applies every change that is pending in one WriteBatch, a savepoint each, commits once
+// (one log flush for the lot) and only then tells each request how its change went, so
+// that nothing is acknowledged before it is on disk. While a batch commits, the next one
+// gathers. Used by the upload and remove handlers of every connection of a Server.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+
+#include "server-store.h"
+#include "tree-writer.h"
+
+class CommitQueue {
+  public:
+    // A change works on the writer it is given and returns TREE_OK to keep its work,
+    // anything else to have it undone. It runs on the queue's thread while its caller waits.
+    using Change = std::function<int(TreeWriter&)>;
+
+    // Counts since Start.
+    struct Stats {
+        uint64_t changes = 0;      // changes applied, kept or not
+        uint64_t batches = 0;      // transactions that wrote something
+        uint64_t log_flushes = 0;  // commits and checkpoints of the database's log
+    };
+
+    CommitQueue() = default;
+    ~CommitQueue() { Stop(); }
+    CommitQueue(const CommitQueue&) = delete;
+    CommitQueue& operator=(const CommitQueue&) = delete;
+
+    // Opens the queue's own connection to the store and starts its thread. 0 or -1.
+    int Start(const std::string& data_dir, size_t versions_kept);
+    // Lets pending changes finish, then ends the thread. Idempotent.
+    void Stop();
+    // Runs the change in the next batch and returns once that batch has committed: what the
+    // change returned, or TREE_FAIL when its writer could not begin, the batch could not
+    // commit or the queue is stopped (nothing of the change stays then).
+    int Apply(uint64_t view_id, const Change& change);
+    Stats stats();
+
+  private:
+    struct Pending {
+        uint64_t view_id;
+        const Change* change;
+        int result = TREE_FAIL;
+        bool done = false;
+    };
+    void Loop();
+    void RunBatch(std::deque<Pending*>& batch);
+    // SQLite calls it after each commit on the queue's connection.
+    static int OnCommit(void* self, sqlite3* db, const char* name, int pages);
+
+    ServerStore m_store;
+    std::mutex m_mutex;  // guards what follows
+    std::condition_variable m_wake;
+    std::condition_variable m_done;
+    std::deque<Pending*> m_pending;
+    bool m_running = false;
+    Stats m_stats;
+    std::thread m_thread;
+};
