@@ -38,6 +38,16 @@ int CommitQueue::Apply(uint64_t view_id, const Change& change) {
     return pending.result;
 }
 
+void CommitQueue::Writing(bool starts) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    if (starts) {
+        ++m_writing;
+    } else if (m_writing > 0) {
+        --m_writing;
+    }
+    m_wake.notify_one();
+}
+
 CommitQueue::Stats CommitQueue::stats() {
     std::lock_guard<std::mutex> lock(m_mutex);
     return m_stats;
@@ -48,15 +58,26 @@ void CommitQueue::Loop() {
     for (;;) {
         m_wake.wait(lock, [&] { return !m_pending.empty() || !m_running; });
         if (m_pending.empty()) return;
+        Gather(lock);
         std::deque<Pending*> batch;
         batch.swap(m_pending);
         lock.unlock();
+        auto start = std::chrono::steady_clock::now();
         RunBatch(batch);
+        auto took = std::chrono::steady_clock::now() - start;
         lock.lock();
+        m_last_commit = took;
         m_stats.changes += batch.size();
         for (Pending* p : batch) p->done = true;
         m_done.notify_all();
     }
+}
+
+void CommitQueue::Gather(std::unique_lock<std::mutex>& lock) {
+    auto wait = std::min<std::chrono::steady_clock::duration>(m_last_commit / 2, kMaxGather);
+    auto deadline = std::chrono::steady_clock::now() + wait;
+    m_wake.wait_until(lock, deadline,
+                      [&] { return m_pending.size() >= m_writing || !m_running; });
 }
 
 void CommitQueue::RunBatch(std::deque<Pending*>& batch) {

@@ -138,6 +138,7 @@ void Session::Run(platform::socket_t socket) {
         std::string scratch;
         uint32_t code = SPROTO_ERR_VERSION;  // for a request that is not a map
         if (rc == 0) {
+            NoteWriting(action, request);
             m_keep_alive.Busy(m_channel);
             code = Dispatch(cmd, action, request, reply, scratch);
             rc = m_keep_alive.Idle(m_channel);
@@ -149,6 +150,7 @@ void Session::Run(platform::socket_t socket) {
         if (!scratch.empty()) std::filesystem::remove(scratch, ec);
         if (rc < 0) break;
     }
+    if (m_writing) m_queue.Writing(false);
     {
         std::lock_guard<std::mutex> lock(m_socket_mutex);
         m_channel.Close();
@@ -286,6 +288,14 @@ uint32_t Session::Serve(const std::string& action, const PObject& request, int64
     if (action == "resume_download")
         return HandleDownload(m_store, account_id, view_id, request, reply, scratch);
     return SPROTO_ERR_VERSION;
+}
+
+void Session::NoteWriting(const std::string& action, const PObject& request) {
+    bool writes = (action == "upload" || action == "resume_upload" || action == "remove") &&
+                  !request["dry_run"].asBool();
+    if (writes == m_writing) return;
+    m_writing = writes;
+    m_queue.Writing(writes);
 }
 
 int Session::Answer(const std::string& action, uint32_t code, PObject& reply) {

@@ -54,6 +54,8 @@ class Session {
                       PObject& reply, std::string& scratch);
     uint32_t Serve(const std::string& action, const PObject& request, int64_t account_id,
                    uint64_t view_id, PObject& reply, std::string& scratch);
+    // Tells the commit queue whether this connection is sending changes now.
+    void NoteWriting(const std::string& action, const PObject& request);
     // Sends the answer to a request: the page of a pull, or the reply map. 0 or a code.
     int Answer(const std::string& action, uint32_t code, PObject& reply);
     int Send(const PObject& value);
@@ -66,6 +68,7 @@ class Session {
     ServerStore m_store;
     UploadBody m_body;  // of the request being served
     PullPage m_page;    // the answer of a pull being served
+    bool m_writing = false;  // the last request was a change
     CountingChannel m_channel;
     PStream m_stream;
     std::mutex m_socket_mutex;  // guards the socket against Stop while Run closes it
