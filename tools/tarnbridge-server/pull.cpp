@@ -142,56 +142,75 @@ bool PullCondition::Matches(const std::string& rel_path, bool is_dir, bool is_re
     return false;
 }
 
-uint32_t HandlePull(ServerStore& store, uint64_t view_id, const PObject& request,
-                    const PullLimits& limits, PullPage& page) {
-    std::string root;
-    if (!server_path::Normalize(request["path"].asString().str(), root))
-        return SPROTO_ERR_VIEW_INVALID_PATH;
-    bool recursive = !request.hasMember("recursive") || request["recursive"].asBool();
-    PullCondition condition;
-    bool filtered =
-        request["condition"].isMap() && PullCondition::Parse(request["condition"], condition);
-    uint64_t from = request["sync_id"].asUInt64();
+namespace {
 
-    sqlite::Transaction snapshot(store.db(), "BEGIN;");
-    if (!snapshot.ok()) return SPROTO_ERR_INTERNAL;
-    int64_t last_signed = store.LastSyncId(view_id);
-    if (last_signed < 0) return SPROTO_ERR_INTERNAL;
-    uint64_t last = static_cast<uint64_t>(last_signed);
-    if (root != "/") {
+// What a pull asks for.
+struct PullRequest {
+    std::string root;
+    bool recursive = true;
+    bool filtered = false;
+    PullCondition condition;
+    uint64_t from = 0;
+    bool restarted = false;  // the client was ahead of the view: a pull from 0 again
+    uint64_t last = 0;       // the view's newest id in the snapshot
+};
+
+// Phase 1: the request's path, recursion, condition and mark. 0 or an error code.
+uint32_t ReadRequest(const PObject& request, PullRequest& out) {
+    if (!server_path::Normalize(request["path"].asString().str(), out.root))
+        return SPROTO_ERR_VIEW_INVALID_PATH;
+    out.recursive = !request.hasMember("recursive") || request["recursive"].asBool();
+    out.filtered =
+        request["condition"].isMap() && PullCondition::Parse(request["condition"], out.condition);
+    out.from = request["sync_id"].asUInt64();
+    return 0;
+}
+
+// Phase 2, inside the snapshot: the view's newest id, and the pulled path is a directory.
+uint32_t CheckView(ServerStore& store, uint64_t view_id, PullRequest& req) {
+    int64_t last = store.LastSyncId(view_id);
+    if (last < 0) return SPROTO_ERR_INTERNAL;
+    req.last = static_cast<uint64_t>(last);
+    if (req.root != "/") {
         ServerObject dir;
-        int rc = store.GetObject(view_id, root, dir);
+        int rc = store.GetObject(view_id, req.root, dir);
         if (rc < 0) return SPROTO_ERR_INTERNAL;
         if (rc == 0 || !dir.is_dir) return SPROTO_ERR_VIEW_INVALID_PATH;
     }
     // A client ahead of the view holds the state of another history: it gets the whole
     // present state again.
-    bool restarted = from > last;
-    if (restarted) from = 0;
+    req.restarted = req.from > req.last;
+    if (req.restarted) req.from = 0;
+    return 0;
+}
 
-    sqlite::Statement* q = store.db().Reuse(PullQuery(from == 0, recursive, root == "/").c_str());
+// Phase 3: the events after the mark, whole sync ids at a time, as many as fit a page.
+// Sets `complete` when nothing was left unread. 0 or an error code.
+uint32_t ReadEvents(ServerStore& store, uint64_t view_id, const PullRequest& req, size_t max_events,
+                    PullPage& page, bool& complete) {
+    const std::string& root = req.root;
+    sqlite::Statement* q =
+        store.db().Reuse(PullQuery(req.from == 0, req.recursive, root == "/").c_str());
     if (!q) {
         store.Fail("pull");
         return SPROTO_ERR_INTERNAL;
     }
-    q->BindAll(view_id, from);
-    if (!recursive)
+    q->BindAll(view_id, req.from);
+    if (!req.recursive)
         q->Bind(5, root);
     else if (root != "/")
         q->Bind(3, server_path::DescendantLow(root)).Bind(4, server_path::DescendantHigh(root));
-
     std::vector<PullEvent>& list = page.events;
-    list.clear();
     std::vector<PullEvent> group;  // the events of the sync id being read
     uint64_t group_id = 0;
-    uint64_t next = from;
-    bool complete = true;
+    page.next_sync_id = req.from;
+    complete = true;
     // Takes the group whole, or not at all when that would overfill a non-empty reply.
     auto take_group = [&]() -> bool {
-        if (!list.empty() && list.size() + group.size() > limits.max_events) return false;
+        if (!list.empty() && list.size() + group.size() > max_events) return false;
         for (PullEvent& ev : group) list.push_back(std::move(ev));
         group.clear();
-        next = group_id;
+        page.next_sync_id = group_id;
         return true;
     };
     int rc;
@@ -207,7 +226,8 @@ uint32_t HandlePull(ServerStore& store, uint64_t view_id, const PObject& request
             group_id = ev.obj.sync_id;
         }
         ev.rel = server_path::Relative(ev.obj.path, root);
-        if (filtered && !condition.Matches(ev.rel, ev.obj.is_dir, ev.is_removed, ev.obj.size))
+        if (req.filtered &&
+            !req.condition.Matches(ev.rel, ev.obj.is_dir, ev.is_removed, ev.obj.size))
             continue;
         group.push_back(std::move(ev));
     }
@@ -217,11 +237,27 @@ uint32_t HandlePull(ServerStore& store, uint64_t view_id, const PObject& request
         return SPROTO_ERR_INTERNAL;
     }
     if (complete && group_id != 0 && !take_group()) complete = false;
-    // With everything read, the mark is the view's newest id (changes outside this path or
-    // condition are no business of the caller), except that a reply with no event gives
-    // the request's own id back: that is how a caller knows it is up to date.
-    if (complete) next = (list.empty() && !restarted) ? from : last;
-    page.next_sync_id = next;
+    return 0;
+}
+
+}  // namespace
+
+uint32_t HandlePull(ServerStore& store, uint64_t view_id, const PObject& request,
+                    const PullLimits& limits, PullPage& page) {
+    page = PullPage();
+    PullRequest req;
+    uint32_t code = ReadRequest(request, req);
+    if (code != 0) return code;
+    sqlite::Transaction snapshot(store.db(), "BEGIN;");
+    if (!snapshot.ok()) return SPROTO_ERR_INTERNAL;
+    bool complete = false;
+    code = CheckView(store, view_id, req);
+    if (code == 0) code = ReadEvents(store, view_id, req, limits.max_events, page, complete);
+    if (code != 0) return code;
+    // Phase 4, the mark. With everything read, it is the view's newest id (changes outside
+    // this path or condition are no business of the caller), except that a reply with no
+    // event gives the request's own id back: that is how a caller knows it is up to date.
+    if (complete) page.next_sync_id = (page.events.empty() && !req.restarted) ? req.from : req.last;
     return 0;
 }
 
