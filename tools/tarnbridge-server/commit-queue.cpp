@@ -76,8 +76,7 @@ void CommitQueue::Loop() {
 void CommitQueue::Gather(std::unique_lock<std::mutex>& lock) {
     auto wait = std::min<std::chrono::steady_clock::duration>(m_last_commit / 2, kMaxGather);
     auto deadline = std::chrono::steady_clock::now() + wait;
-    m_wake.wait_until(lock, deadline,
-                      [&] { return m_pending.size() >= m_writing || !m_running; });
+    m_wake.wait_until(lock, deadline, [&] { return m_pending.size() >= m_writing || !m_running; });
 }
 
 void CommitQueue::RunBatch(std::deque<Pending*>& batch) {

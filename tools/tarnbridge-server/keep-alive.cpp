@@ -21,8 +21,10 @@ KeepAlive::~KeepAlive() {
 
 void KeepAlive::Busy(Channel& channel) {
     std::lock_guard<std::mutex> lock(m_mutex);
+    bool was_idle = m_busy.empty();
     m_busy[&channel] = Busyness{Clock::now() + m_interval, false};
-    m_wake.notify_all();
+    // Otherwise the timer is already waiting for an earlier moment than this one's.
+    if (was_idle) m_wake.notify_all();
 }
 
 int KeepAlive::Idle(Channel& channel) {
@@ -43,7 +45,9 @@ void KeepAlive::Loop() {
             if (busy.failed) continue;
             if (busy.due <= now) {
                 busy.failed = m_stream.Send(*channel, m_message) < 0;
-                busy.due = now + m_interval;
+                // Every interval from the start, unless the timer fell behind.
+                busy.due += m_interval;
+                if (busy.due <= now) busy.due = now + m_interval;
             }
             next = std::min(next, busy.due);
         }

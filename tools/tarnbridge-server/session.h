@@ -66,8 +66,8 @@ class Session {
     CommitQueue& m_queue;
     KeepAlive& m_keep_alive;
     ServerStore m_store;
-    UploadBody m_body;  // of the request being served
-    PullPage m_page;    // the answer of a pull being served
+    UploadBody m_body;       // of the request being served
+    PullPage m_page;         // the answer of a pull being served
     bool m_writing = false;  // the last request was a change
     CountingChannel m_channel;
     PStream m_stream;

@@ -17,6 +17,8 @@
 namespace {
 
 const char* const kLog = "server_debug";
+// How much of a large body is received before its writing to disk is started.
+constexpr uint64_t kWriteBehind = 8 << 20;
 
 int FileFailure(const char* what, const std::string& path) {
     Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] upload-body(%d): %s %s: %s\n", __LINE__, what,
@@ -60,11 +62,11 @@ int ReceiveBytes(Channel& ch, uint64_t incoming, MD4HashHandler& md4, UploadBody
     return 0;
 }
 
-// Receives into the open file; on failure, what arrived is in the file.
-int ReceiveToFile(Channel& ch, int fd, const std::string& path, uint64_t incoming,
+// Receives into the open file from `offset`; on failure, what arrived is in the file.
+int ReceiveToFile(Channel& ch, int fd, const std::string& path, uint64_t offset, uint64_t incoming,
                   MD4HashHandler& md4) {
     std::vector<char> buf(Channel::kCapacity);
-    uint64_t received = 0;
+    uint64_t received = 0, started = 0;
     while (received < incoming) {
         size_t want = static_cast<size_t>(std::min<uint64_t>(buf.size(), incoming - received));
         size_t got = 0;
@@ -73,6 +75,13 @@ int ReceiveToFile(Channel& ch, int fd, const std::string& path, uint64_t incomin
         md4.update(buf.data(), got);
         received += got;
         if (rc < 0) return ERR_IO;
+        // Starts the disk on what came so far, so that the flush before the commit finds
+        // little left to write.
+        if (received - started >= kWriteBehind) {
+            ::sync_file_range(fd, static_cast<off_t>(offset + started),
+                              static_cast<off_t>(received - started), SYNC_FILE_RANGE_WRITE);
+            started = received;
+        }
     }
     return 0;
 }
@@ -105,7 +114,7 @@ int ReceiveUploadBody(Channel& ch, const std::string& spool, uint64_t offset,
             ::lseek(fd, static_cast<off_t>(offset), SEEK_SET) < 0)
             rc = FileFailure("cut back", out.file);
         if (rc == 0 && offset > 0) rc = HashPrefix(out.file, offset, md4);
-        if (rc == 0) rc = ReceiveToFile(ch, fd, out.file, incoming, md4);
+        if (rc == 0) rc = ReceiveToFile(ch, fd, out.file, offset, incoming, md4);
         if (::close(fd) != 0 && rc == 0) rc = FileFailure("close", out.file);
         if (rc < 0) out.Discard();
     }
