@@ -45,7 +45,9 @@ int ContentStore::Open(const std::string& data_dir) {
     m_spool = data_dir + "/spool";
     m_resume = data_dir + "/resume";
     std::error_code ec;
-    if (fs::is_directory(m_root + "/" + Bucket(kBuckets - 1), ec) && fs::is_directory(m_temp, ec))
+    if (fs::is_directory(m_root + "/" + Bucket(kBuckets - 1), ec) &&
+        fs::is_directory(m_temp, ec) && fs::is_directory(m_spool, ec) &&
+        fs::is_directory(m_resume, ec))
         return 0;
     // Every bucket exists from the start, so that adopting a content never makes a folder.
     for (const std::string& dir : {m_root, m_temp, m_spool, m_resume})
