@@ -56,6 +56,15 @@ Statement& Statement::Bind(int index, const char* text, size_t length) {
     return *this;
 }
 
+Statement& Statement::BindBlob(int index, const void* data, size_t length) {
+    if (m_stmt == nullptr || m_bind_rc != SQLITE_OK) return *this;
+    m_bind_rc = data == nullptr
+                    ? sqlite3_bind_null(m_stmt, index)
+                    : sqlite3_bind_blob64(m_stmt, index, data, length, SQLITE_TRANSIENT);
+    m_bind_call = "sqlite3_bind_blob64";
+    return *this;
+}
+
 int Statement::Step() {
     if (m_stmt == nullptr) return -1;
     if (m_bind_rc != SQLITE_OK) return m_db->Fail(m_bind_call, m_bind_rc);
@@ -63,6 +72,12 @@ int Statement::Step() {
     if (rc == SQLITE_ROW) return 1;
     if (rc == SQLITE_DONE) return 0;
     return m_db->Fail("sqlite3_step", rc);
+}
+
+int Statement::Execute() {
+    const int rc = Step();
+    Rewind();
+    return rc < 0 ? -1 : 0;
 }
 
 void Statement::Rewind() {
@@ -80,6 +95,14 @@ std::string Statement::String(int column) const {
     const char* text = Chars(column);
     if (text == nullptr) return std::string();
     return std::string(text, static_cast<size_t>(sqlite3_column_bytes(m_stmt, column)));
+}
+
+bool Statement::Blob(int column, std::string& out) const {
+    if (sqlite3_column_type(m_stmt, column) == SQLITE_NULL) return false;
+    const void* bytes = sqlite3_column_blob(m_stmt, column);
+    const size_t length = static_cast<size_t>(sqlite3_column_bytes(m_stmt, column));
+    out.assign(length == 0 ? "" : static_cast<const char*>(bytes), length);
+    return true;
 }
 
 int Database::Open(const char* path, int flags) {
@@ -156,6 +179,10 @@ int Database::Fail(const char* call, int rc) {
     return -1;
 }
 
+int DisableMemoryStatistics() {
+    return sqlite3_config(SQLITE_CONFIG_MEMSTATUS, 0) == SQLITE_OK ? 0 : -1;
+}
+
 Transaction::Transaction(Database& db, const char* begin) : m_db(db) {
     m_open = m_db.Exec(begin) == 0;
 }
@@ -167,6 +194,21 @@ Transaction::~Transaction() {
 
 int Transaction::Commit() {
     if (!m_open || m_db.Exec("COMMIT;") < 0) return -1;
+    m_open = false;
+    return 0;
+}
+
+Savepoint::Savepoint(Database& db) : m_db(db) {
+    m_open = m_db.Exec("SAVEPOINT change;") == 0;
+}
+
+Savepoint::~Savepoint() {
+    if (!m_open) return;
+    sqlite3_exec(m_db.handle(), "ROLLBACK TO change; RELEASE change;", nullptr, nullptr, nullptr);
+}
+
+int Savepoint::Release() {
+    if (!m_open || m_db.Exec("RELEASE change;") < 0) return -1;
     m_open = false;
     return 0;
 }

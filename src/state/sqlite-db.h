@@ -73,6 +73,8 @@ class Statement {
     Statement& Bind(int index, const ustring& text) {
         return Bind(index, text.c_str_utf8(), text.length());
     }
+    // Binds bytes as a blob (copied); a null `data` binds NULL.
+    Statement& BindBlob(int index, const void* data, size_t length);
     // Binds each argument in turn, from index 1.
     template <typename... Args>
     Statement& BindAll(const Args&... args) {
@@ -89,6 +91,8 @@ class Statement {
     // Calls row(*this) for the first row only, then rewinds. 1 found, 0 none, -1.
     template <typename Fn>
     int First(Fn&& row);
+    // Steps a statement that gives no rows, then rewinds it. 0; -1.
+    int Execute();
     // Rewinds and clears the bindings, for a run with new ones.
     void Reset();
 
@@ -102,6 +106,8 @@ class Statement {
     }
     // The column's bytes, empty for NULL.
     std::string String(int column) const;
+    // The column's bytes as a blob; false for NULL.
+    bool Blob(int column, std::string& out) const;
 
   private:
     friend class Database;
@@ -180,6 +186,10 @@ class Database {
     Failure m_failure;
 };
 
+// Turns off SQLite's accounting of its memory, which takes a process-wide lock on every
+// allocation. Process-wide and only before any connection opens: 0; -1 when too late.
+int DisableMemoryStatistics();
+
 // A transaction, rolled back on scope exit unless committed.
 class Transaction {
   public:
@@ -193,6 +203,24 @@ class Transaction {
     bool ok() const { return m_open; }
     // 0; -1 when it can't commit, and then it is rolled back on scope exit.
     int Commit();
+
+  private:
+    Database& m_db;
+    bool m_open = false;
+};
+
+// A savepoint inside an open transaction: on scope exit, unless released, what was done
+// since it began is undone and the transaction goes on without it.
+class Savepoint {
+  public:
+    explicit Savepoint(Database& db);
+    ~Savepoint();
+    Savepoint(const Savepoint&) = delete;
+    Savepoint& operator=(const Savepoint&) = delete;
+
+    bool ok() const { return m_open; }
+    // Keeps the changes as part of the transaction. 0; -1 (then undone on scope exit).
+    int Release();
 
   private:
     Database& m_db;

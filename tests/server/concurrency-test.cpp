@@ -46,7 +46,7 @@ TEST(ServerConcurrency, ManyClientsUploadAtOnce) {
         ServerObject obj;
         ASSERT_EQ(h.store.GetObject(h.user.view_id, path, obj), 1) << path;
         EXPECT_EQ(obj.sync_id, ack.first) << path;
-        EXPECT_TRUE(ReadFile(h.store.contents().PathOf(obj.content_id)) == ack.second) << path;
+        EXPECT_TRUE(ContentBytes(h.store, obj.content_id) == ack.second) << path;
         ids.insert(ack.first);
     }
     EXPECT_EQ(ids.size(), acked.size());

@@ -10,10 +10,29 @@
 
 #include "pull.h"
 #include "server-harness.h"
+#include "support/loopback.h"
 
 namespace {
 
 using Paths = std::vector<std::string>;
+
+// The page as a client reads it: written by the server's encoder on a real socket.
+PObject OverTheWire(const PullPage& page) {
+    loopback::Listener listener;
+    Channel client, server;
+    EXPECT_EQ(client.Open("127.0.0.1", listener.port()), 0);
+    EXPECT_EQ(server.Open(listener.accept(), true), 0);
+    std::thread sender([&] {
+        PStream stream;
+        EXPECT_EQ(SendPullReply(server, stream, page, 600), 0);
+    });
+    PObject reply;
+    PStream stream;
+    EXPECT_EQ(stream.Recv(client, reply), 0);
+    sender.join();
+    EXPECT_EQ(reply["alive"].asUInt32(), 600u);
+    return reply;
+}
 
 class PullFixture : public ::testing::Test {
   protected:
@@ -34,11 +53,11 @@ class PullFixture : public ::testing::Test {
         req["path"] = path.c_str();
         req["recursive"] = recursive;
         if (condition) req["condition"] = *condition;
-        PObject reply;
+        PullPage page;
         PullLimits limits;
         limits.max_events = limit;
-        EXPECT_EQ(HandlePull(store, view, req, limits, reply), 0u);
-        return reply;
+        EXPECT_EQ(HandlePull(store, view, req, limits, page), 0u);
+        return OverTheWire(page);
     }
     // "path" of each event in order, ":rm" behind removals.
     static Paths Names(const PObject& reply) {
@@ -118,9 +137,10 @@ TEST_F(PullFixture, PathAndRecursionLimitWhatIsReportedAndPathsAreRelative) {
     EXPECT_EQ(Names(Pull(0, "docs")), (Paths{"/a.txt", "/deep", "/deep/b.txt"}));
     EXPECT_EQ(Names(Pull(0, "/docs/", false)), (Paths{"/a.txt", "/deep"}));
     EXPECT_EQ(Names(Pull(0, "", false)), (Paths{"/docs", "/other.txt"}));
-    PObject req, reply;
+    PObject req;
+    PullPage page;
     req["path"] = "/other.txt";
-    EXPECT_EQ(HandlePull(store, view, req, PullLimits(), reply), SPROTO_ERR_VIEW_INVALID_PATH);
+    EXPECT_EQ(HandlePull(store, view, req, PullLimits(), page), SPROTO_ERR_VIEW_INVALID_PATH);
 }
 
 TEST_F(PullFixture, PagesHoldAtMostTheLimitAndNeverSplitASyncId) {
@@ -195,8 +215,9 @@ TEST(PullConcurrency, HighWaterMarkNeverSkipsAChangeUnderConcurrentWriters) {
         bool writers_done = running == 0;
         PObject req;
         req["sync_id"] = mark;
-        PObject reply;
-        ASSERT_EQ(HandlePull(reader, user.view_id, req, PullLimits(), reply), 0u);
+        PullPage page;
+        ASSERT_EQ(HandlePull(reader, user.view_id, req, PullLimits(), page), 0u);
+        PObject reply = OverTheWire(page);
         for (const PObject& ev : reply["event_list"].asArray()) {
             EXPECT_GT(ev["sync_id"].asUInt64(), mark);
             seen[ev["path"].asString().str()] = ev["sync_id"].asUInt64();

@@ -13,6 +13,7 @@
 
 #include "admin.h"
 #include "delta-ops.h"
+#include "delta/md4-hash-handler.h"
 #include "foundation/channel.h"
 #include "foundation/object.h"
 #include "foundation/stream.h"
@@ -23,10 +24,25 @@
 #include "support/temp-dir.h"
 #include "transport/proto-common.h"
 
+inline std::string Md4Of(const std::string& bytes) {
+    MD4HashHandler md4;
+    md4.begin();
+    md4.update(bytes.data(), bytes.size());
+    md4.end();
+    return md4.getResult().str();
+}
+
 inline std::string Md4(const std::string& path) {
     std::string md4;
     EXPECT_EQ(delta_ops::HashFile(path, md4), 0) << path;
     return md4;
+}
+
+// The bytes of a stored content, wherever the store keeps them.
+inline std::string ContentBytes(ServerStore& store, int64_t content_id) {
+    std::string bytes;
+    EXPECT_EQ(store.ReadContent(content_id, bytes), 1) << "content " << content_id;
+    return bytes;
 }
 
 // A request map with the action, the account's session and its view.
@@ -85,7 +101,7 @@ class ServerHarness {
     std::string Stored(const std::string& path) {
         ServerObject obj;
         EXPECT_EQ(store.GetObject(user.view_id, path, obj), 1) << path;
-        return ReadFile(store.contents().PathOf(obj.content_id));
+        return ContentBytes(store, obj.content_id);
     }
     bool Exists(const std::string& path) {
         ServerObject obj;

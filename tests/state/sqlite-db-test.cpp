@@ -1,6 +1,6 @@
 // The SQLite helper beneath the databases: statements kept for reuse answer each run afresh
-// and hold no lock between runs, failures name their call, and what a transaction or an
-// atomic script began is undone when it fails.
+// and hold no lock between runs, failures name their call, what a transaction or an atomic
+// script began is undone when it fails, and a savepoint undoes only its own part.
 #include <gtest/gtest.h>
 
 #include <string>
@@ -72,6 +72,36 @@ TEST_F(SqliteHelper, FailuresNameTheirCallAndChangeNothing) {
     ASSERT_EQ(db.Exec("DELETE FROM t WHERE k = 'b';"), 0);
     ASSERT_EQ(txn.Commit(), 0);
     EXPECT_EQ(Keys(), (std::vector<std::string>{"a", "a"}));
+}
+
+TEST_F(SqliteHelper, SavepointUndoesOnlyItsOwnPartAndBlobsKeepEmptyApartFromNull) {
+    sqlite::Transaction txn(db);
+    ASSERT_EQ(db.Exec("DELETE FROM t WHERE k = 'b';"), 0);
+    {
+        sqlite::Savepoint kept(db);
+        ASSERT_EQ(db.Exec("INSERT INTO t VALUES ('c', 4);"), 0);
+        ASSERT_EQ(kept.Release(), 0);
+    }
+    {
+        sqlite::Savepoint undone(db);
+        ASSERT_TRUE(undone.ok());
+        ASSERT_EQ(db.Exec("DELETE FROM t;"), 0);
+    }
+    ASSERT_EQ(db.Exec("CREATE TABLE b (v BLOB);"), 0);
+    sqlite::Statement* ins = db.Reuse("INSERT INTO b VALUES (?);");
+    ASSERT_EQ(ins->BindBlob(1, "x\0y", 3).Execute(), 0);
+    ASSERT_EQ(db.Reuse("INSERT INTO b VALUES (?);")->BindBlob(1, "", 0).Execute(), 0);
+    ASSERT_EQ(db.Reuse("INSERT INTO b VALUES (?);")->BindBlob(1, nullptr, 0).Execute(), 0);
+    ASSERT_EQ(txn.Commit(), 0);
+    EXPECT_EQ(Keys(), (std::vector<std::string>{"a", "a", "c"}));
+    std::vector<std::string> blobs;
+    EXPECT_EQ(db.Query("SELECT v FROM b ORDER BY rowid;",
+                       [&](const sqlite::Statement& r) {
+                           std::string bytes;
+                           blobs.push_back(r.Blob(0, bytes) ? "[" + bytes + "]" : "null");
+                       }),
+              0);
+    EXPECT_EQ(blobs, (std::vector<std::string>{std::string("[x\0y]", 5), "[]", "null"}));
 }
 
 }  // namespace

@@ -10,12 +10,49 @@
 #include "delta-ops.h"
 #include "server-path.h"
 #include "tree-writer.h"
+#include "write-batch.h"
 
 namespace admin {
 
+namespace {
+
+// Runs one change in a batch of its own: 0 once committed, what the change returned when
+// that was not TREE_OK, or -1.
+template <typename Change>
+int RunChange(ServerStore& store, uint64_t view_id, Change change) {
+    WriteBatch batch(store);
+    TreeWriter tree(batch, view_id);
+    if (!tree.ok()) return -1;
+    int rc = change(tree);
+    if (rc != TREE_OK) return rc;
+    return tree.Keep() == TREE_OK && batch.Commit() == 0 ? 0 : -1;
+}
+
+// The local file as a content: its bytes when small, else a flushed copy in the store.
+int ReadLocal(ServerStore& store, const std::string& local_file, NewContent& out) {
+    std::string temp = store.contents().NewTempPath();
+    std::error_code ec;
+    if (delta_ops::CopyAndHash(local_file, temp, out.md4) < 0) {
+        std::filesystem::remove(temp, ec);
+        return -1;
+    }
+    out.size = std::filesystem::file_size(temp, ec);
+    bool small = !ec && out.size <= ContentStore::kInlineLimit;
+    if (small && ContentStore::ReadFile(temp, out.bytes) == 0) {
+        std::filesystem::remove(temp, ec);
+        return 0;
+    }
+    out.temp = temp;
+    if (!ec && !small && ContentStore::Sync(temp) == 0) return 0;
+    std::filesystem::remove(temp, ec);
+    return -1;
+}
+
+}  // namespace
+
 int Init(ServerStore& store, const std::string& account_name, const std::string& view_name,
          InitResult& out) {
-    SqliteWriteTxn txn(store.db());
+    sqlite::Transaction txn(store.db());
     if (!txn.ok()) return -1;
     if (store.CreateAccount(account_name, out.account_id, out.session) < 0) return -1;
     if (store.CreateView(view_name, out.view_id) < 0) return -1;
@@ -50,63 +87,46 @@ int Put(ServerStore& store, uint64_t view_id, const std::string& local_file,
         const std::string& path, uint32_t mtime, ServerObject& out) {
     std::string norm;
     if (!server_path::Normalize(path, norm) || norm == "/") return TREE_CLASH;
-    std::string temp = store.contents().NewTempPath();
-    std::string md4;
+    NewContent content;
+    if (ReadLocal(store, local_file, content) < 0) return -1;
+    int rc = RunChange(store, view_id, [&](TreeWriter& tree) -> int {
+        PathState state;
+        if (tree.LookUp(norm, state) < 0) return TREE_FAIL;
+        const ServerObject& cur = state.obj;
+        if (state.found == 1 && !cur.is_dir && cur.md4 == content.md4 && cur.size == content.size) {
+            out = cur;
+            return TREE_EXISTS;
+        }
+        FileContent stored;
+        if (tree.ImportContent(content, stored) != TREE_OK) return TREE_FAIL;
+        return tree.PutFile(norm, state, stored, mtime, false, out);
+    });
     std::error_code ec;
-    if (delta_ops::CopyAndHash(local_file, temp, md4) < 0) {
-        std::filesystem::remove(temp, ec);
-        return -1;
-    }
-    uint64_t size = std::filesystem::file_size(temp, ec);
-    if (ec) return -1;
-    TreeWriter tree(store, view_id);
-    if (!tree.ok()) return -1;
-    ServerObject cur;
-    int rc = tree.Get(norm, cur);
-    if (rc < 0) return -1;
-    if (rc == 1 && !cur.is_dir && cur.md4 == md4 && cur.size == size) {
-        std::filesystem::remove(temp, ec);
-        out = cur;
-        return 0;
-    }
-    FileContent content;
-    if (tree.ImportContent(temp, md4, size, content) < 0) return -1;
-    rc = tree.PutFile(norm, content, mtime, false, out);
-    if (rc != TREE_OK) return rc;
-    return tree.Commit();
+    if (!content.temp.empty()) std::filesystem::remove(content.temp, ec);
+    return rc == TREE_EXISTS ? 0 : rc;
 }
 
 int MakeDir(ServerStore& store, uint64_t view_id, const std::string& path, uint32_t mtime,
             ServerObject& out) {
     std::string norm;
     if (!server_path::Normalize(path, norm)) return TREE_CLASH;
-    TreeWriter tree(store, view_id);
-    if (!tree.ok()) return -1;
-    int rc = tree.MakeDir(norm, mtime, out);
-    if (rc == TREE_EXISTS) return 0;
-    if (rc != TREE_OK) return rc;
-    return tree.Commit();
+    int rc = RunChange(store, view_id,
+                       [&](TreeWriter& tree) -> int { return tree.MakeDir(norm, mtime, out); });
+    return rc == TREE_EXISTS ? 0 : rc;
 }
 
 int Remove(ServerStore& store, uint64_t view_id, const std::string& path) {
     std::string norm;
     if (!server_path::Normalize(path, norm)) return TREE_NOENT;
-    TreeWriter tree(store, view_id);
-    if (!tree.ok()) return -1;
     uint64_t id = 0;
-    int rc = tree.Remove(norm, id);
-    if (rc != TREE_OK) return rc;
-    return tree.Commit();
+    return RunChange(store, view_id,
+                     [&](TreeWriter& tree) -> int { return tree.Remove(norm, id); });
 }
 
 int Move(ServerStore& store, uint64_t view_id, const std::string& from, const std::string& to) {
     std::string a, b;
     if (!server_path::Normalize(from, a) || !server_path::Normalize(to, b)) return TREE_CLASH;
-    TreeWriter tree(store, view_id);
-    if (!tree.ok()) return -1;
-    int rc = tree.Move(a, b);
-    if (rc != TREE_OK) return rc;
-    return tree.Commit();
+    return RunChange(store, view_id, [&](TreeWriter& tree) -> int { return tree.Move(a, b); });
 }
 
 int List(ServerStore& store, uint64_t view_id, const std::string& root, FILE* out) {

@@ -4,8 +4,10 @@
 #include <fcntl.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <filesystem>
 #include <system_error>
 
@@ -17,6 +19,7 @@ namespace fs = std::filesystem;
 namespace {
 
 const char* const kLog = "server_debug";
+constexpr int kBuckets = 256;
 
 std::string Bucket(int64_t id) {
     char name[8];
@@ -24,8 +27,8 @@ std::string Bucket(int64_t id) {
     return name;
 }
 
-int SyncDirectory(const std::string& dir) {
-    int fd = ::open(dir.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+int SyncPath(const std::string& path, int flags) {
+    int fd = ::open(path.c_str(), flags | O_CLOEXEC);
     if (fd < 0) return -1;
     int rc = ::fsync(fd);
     ::close(fd);
@@ -34,25 +37,36 @@ int SyncDirectory(const std::string& dir) {
 
 }  // namespace
 
+std::atomic<uint64_t> ContentStore::s_flushes{0};
+
 int ContentStore::Open(const std::string& data_dir) {
     m_root = data_dir + "/content";
     m_temp = m_root + "/tmp";
     m_spool = data_dir + "/spool";
     m_resume = data_dir + "/resume";
     std::error_code ec;
-    for (const std::string& dir : {m_root, m_temp, m_spool, m_resume}) {
+    if (fs::is_directory(m_root + "/" + Bucket(kBuckets - 1), ec) &&
+        fs::is_directory(m_temp, ec) && fs::is_directory(m_spool, ec) &&
+        fs::is_directory(m_resume, ec))
+        return 0;
+    // Every bucket exists from the start, so that adopting a content never makes a folder.
+    for (const std::string& dir : {m_root, m_temp, m_spool, m_resume})
         fs::create_directories(dir, ec);
-        if (ec) {
-            Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] content-store(%d): mkdir %s: %s\n",
-                           __LINE__, dir.c_str(), ec.message().c_str());
-            return -1;
-        }
+    for (int b = 0; b < kBuckets && !ec; ++b) fs::create_directories(m_root + "/" + Bucket(b), ec);
+    if (ec) {
+        Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] content-store(%d): mkdir in %s: %s\n",
+                       __LINE__, data_dir.c_str(), ec.message().c_str());
+        return -1;
     }
-    return 0;
+    return SyncFolder(m_root);
 }
 
 std::string ContentStore::PathOf(int64_t id) const {
     return m_root + "/" + Bucket(id) + "/" + std::to_string(id);
+}
+
+std::string ContentStore::FolderOf(int64_t id) const {
+    return m_root + "/" + Bucket(id);
 }
 
 std::string ContentStore::NewTempPath() const {
@@ -64,24 +78,22 @@ std::string ContentStore::NewSpoolPath() const {
 }
 
 int ContentStore::Sync(const std::string& path) {
-    int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return -1;
-    int rc = ::fsync(fd);
-    ::close(fd);
-    return rc == 0 ? 0 : -1;
+    ++s_flushes;
+    return SyncPath(path, O_RDONLY);
+}
+
+int ContentStore::SyncFolder(const std::string& dir) {
+    ++s_flushes;
+    return SyncPath(dir, O_RDONLY | O_DIRECTORY);
 }
 
 int ContentStore::Adopt(const std::string& temp_path, int64_t id) {
-    std::string dir = m_root + "/" + Bucket(id);
-    std::error_code ec;
-    fs::create_directories(dir, ec);
-    fs::rename(temp_path, PathOf(id), ec);
-    if (ec) {
+    std::string target = PathOf(id);
+    if (std::rename(temp_path.c_str(), target.c_str()) != 0) {
         Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] content-store(%d): adopt %s: %s\n", __LINE__,
-                       temp_path.c_str(), ec.message().c_str());
+                       temp_path.c_str(), std::strerror(errno));
         return -1;
     }
-    SyncDirectory(dir);
     return 0;
 }
 
@@ -109,4 +121,28 @@ size_t ContentStore::Sweep(const std::set<int64_t>& recorded) {
         }
     }
     return removed;
+}
+
+int ContentStore::ReadFile(const std::string& path, std::string& bytes) {
+    FILE* f = std::fopen(path.c_str(), "rbe");
+    bool ok = f != nullptr;
+    bytes.clear();
+    char buf[65536];
+    size_t got;
+    while (ok && (got = std::fread(buf, 1, sizeof buf, f)) > 0) bytes.append(buf, got);
+    if (f) ok = !std::ferror(f) && std::fclose(f) == 0;
+    if (!ok)
+        Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] content-store(%d): read %s: %s\n", __LINE__,
+                       path.c_str(), std::strerror(errno));
+    return ok ? 0 : -1;
+}
+
+int ContentStore::WriteFile(const std::string& path, const std::string& bytes) {
+    FILE* f = std::fopen(path.c_str(), "wbe");
+    bool ok = f != nullptr && std::fwrite(bytes.data(), 1, bytes.size(), f) == bytes.size();
+    if (f) ok = std::fclose(f) == 0 && ok;
+    if (!ok)
+        Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] content-store(%d): write %s: %s\n", __LINE__,
+                       path.c_str(), std::strerror(errno));
+    return ok ? 0 : -1;
 }

@@ -4,14 +4,19 @@
 // an earlier reply, so a client that stores it never skips one; a reply with no event
 // gives the request's own id back. A reply holds at most PullLimits::max_events events and
 // never splits the events of one sync id. A "condition" keeps only what a relaxed
-// selective-sync rule now lets through. Used by the session loop; tests call it directly.
+// selective-sync rule now lets through. The events are read as plain rows and written
+// straight to the wire, never built as one value. Used by the session loop.
 #pragma once
 
 #include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include <vector>
+
+#include "foundation/channel.h"
 #include "foundation/object.h"
+#include "foundation/stream.h"
 #include "server-store.h"
 
 struct PullLimits {
@@ -32,8 +37,24 @@ struct PullCondition {
     bool Matches(const std::string& rel_path, bool is_dir, bool is_removed, uint64_t size) const;
 };
 
-// Answers a pull for an authorised request. 0 with `reply` holding "event_list" and
-// "next_sync_id", or an error code for the reply: 0x3003 when the path is invalid or is
-// not an existing directory, 0x7000 on a database failure.
+// One event of a reply: the object (for a removal only its path, kind and ids) and its
+// path relative to the pulled one.
+struct PullEvent {
+    ServerObject obj;
+    bool is_removed = false;
+    std::string rel;
+};
+
+// What a pull answers: "event_list" and "next_sync_id".
+struct PullPage {
+    std::vector<PullEvent> events;
+    uint64_t next_sync_id = 0;
+};
+
+// Answers a pull for an authorised request. 0 with the page filled, or an error code for
+// the reply: 0x3003 when the path is invalid or is not an existing directory, 0x7000 on a
+// database failure.
 uint32_t HandlePull(ServerStore& store, uint64_t view_id, const PObject& request,
-                    const PullLimits& limits, PObject& reply);
+                    const PullLimits& limits, PullPage& page);
+// Sends the page as the reply map, granting `alive`. 0 or the stream's code.
+int SendPullReply(Channel& ch, PStream& stream, const PullPage& page, uint32_t alive);

@@ -1,8 +1,9 @@
 // server-store.h: the server's state in DIR: one SQLite database (accounts, views and who
 // may use them, the objects of each view with their sync ids, tombstones of what was
-// removed, the kept versions of file contents, content records, transfer tokens) and the
-// content files beside it. Each connection thread opens its own ServerStore; writes go
-// through TreeWriter, whose transactions give each view one commit order.
+// removed, the kept versions of file contents, content records, transfer tokens), with
+// small contents inside it and larger ones as files beside it. Each connection thread opens
+// its own ServerStore for reading; every change goes through a WriteBatch and TreeWriter
+// (the running server's one writer, or an admin command).
 //
 // Results: 0 or more on success, -1 on a database or file failure (logged). Look-ups give
 // 1 found, 0 not found, -1 failure.
@@ -13,7 +14,7 @@
 #include <vector>
 
 #include "content-store.h"
-#include "sqlite-db.h"
+#include "state/sqlite-db.h"
 
 // One object of a view, as stored.
 struct ServerObject {
@@ -26,6 +27,15 @@ struct ServerObject {
     uint32_t mtime = 0;
     bool exec_bit = false;
     int64_t content_id = 0;  // 0 for a directory
+};
+
+// What stands at a path and above it, read in one look-up.
+struct PathState {
+    int found = 0;     // 1 when an object stands at the path
+    ServerObject obj;  // that object
+    bool under_file = false;
+    // Ancestors with no object, the root excluded, nearest the root first.
+    std::vector<std::string> missing;
 };
 
 // A stored content.
@@ -61,17 +71,24 @@ class ServerStore {
     ServerStore(const ServerStore&) = delete;
     ServerStore& operator=(const ServerStore&) = delete;
 
-    // Opens DIR/server.db (creating the schema) and the content store. 0 or -1.
+    // Opens DIR/server.db (creating or upgrading the schema) and the content store. 0 or -1.
     int Open(const std::string& data_dir, size_t versions_kept = kDefaultVersionsKept);
     // Start-up clean-up of a server that may have been killed: spooled binaries, half-made
     // contents and content files without a record go, expired tokens with their files.
-    // Returns the number of files removed, or -1.
+    // Returns the number of files removed, or -1 (logged), also when a record lacks its
+    // content: such a store is not to be served.
     int Recover();
 
-    SqliteDb& db() { return m_db; }
+    sqlite::Database& db() { return m_db; }
     ContentStore& contents() { return m_contents; }
     const std::string& data_dir() const { return m_data_dir; }
     size_t versions_kept() const { return m_versions_kept; }
+    // Logs the connection's last failure with what was being done. Always -1.
+    int Fail(const char* what);
+    // A statement whose text depends on a path's depth: kept on the connection for the
+    // usual depths, prepared into `once` for deeper ones, so that a hostile client cannot
+    // fill the connection with statements. Null when it can't be prepared.
+    sqlite::Statement* ForDepth(const std::string& sql, size_t depth, sqlite::Statement& once);
 
     // ---- Accounts and views ----
     // A new account with a fresh random session token. 0 or -1.
@@ -88,6 +105,8 @@ class ServerStore {
 
     // ---- Reads (each its own snapshot unless a transaction is open on this store) ----
     int GetObject(uint64_t view_id, const std::string& path, ServerObject& obj);
+    // The object at `path` and the state of its ancestors. 0 or -1.
+    int LookUpPath(uint64_t view_id, const std::string& path, PathState& out);
     // The view's highest sync id; -1 on failure (0 for an empty or unknown view).
     int64_t LastSyncId(uint64_t view_id);
     // The content a file had at `sync_id`, if that version is still kept.
@@ -101,6 +120,12 @@ class ServerStore {
     int ContentUsedInView(uint64_t view_id, int64_t content_id);
     // All objects of the view within `root` (itself included), in path order.
     int ListTree(uint64_t view_id, const std::string& root, std::vector<ServerObject>& out);
+    // The bytes of a content, wherever they are kept. 1, 0 for no such content, -1.
+    int ReadContent(int64_t content_id, std::string& bytes);
+    // A file holding the content: its own file, or for a content kept in the database a
+    // new temporary written from it, named in `scratch` for the caller to delete. 1 with
+    // `path` set, 0 for no such content, -1.
+    int ContentFile(int64_t content_id, std::string& path, std::string& scratch);
 
     // ---- Tokens ----
     int CreateToken(int64_t account_id, uint64_t view_id, std::string& token);
@@ -118,7 +143,12 @@ class ServerStore {
     int ExpireTokens(int64_t now);
 
   private:
-    SqliteDb m_db;
+    int CreateSchema();
+    // -1 (logged) when an object's content has no record or no file, or a file lacks the
+    // version row that keeps its content counted as used.
+    int CheckIntegrity();
+
+    sqlite::Database m_db;
     ContentStore m_contents;
     std::string m_data_dir;
     size_t m_versions_kept = kDefaultVersionsKept;
@@ -129,7 +159,11 @@ std::string RandomHexToken();
 
 // Reads one object row from a statement whose columns are, from `first` on: path, is_dir,
 // sync_id, max_id, size, md4, mtime, exec_bit, content_id.
-ServerObject ObjectFromRow(const SqliteStmt& stmt, int first = 0);
+ServerObject ObjectFromRow(const sqlite::Statement& stmt, int first = 0);
+// "?first, ?first+1, ..." for `count` parameters.
+std::string ParameterList(int first, size_t count);
+// The ancestors of a path, nearest first, without the root.
+std::vector<std::string> Ancestors(const std::string& path);
 // The column list that ObjectFromRow reads.
-constexpr const char* kObjectColumns =
-    "path, is_dir, sync_id, max_id, size, md4, mtime, exec_bit, content_id";
+#define SERVER_OBJECT_COLUMNS \
+    "path, is_dir, sync_id, max_id, size, md4, mtime, exec_bit, content_id"

@@ -23,7 +23,10 @@ constexpr int kAcceptPollMs = 100;
 
 }  // namespace
 
-Server::Server(const ServerOptions& options) : m_options(options), m_faults(options.faults_path) {}
+Server::Server(const ServerOptions& options)
+    : m_options(options),
+      m_faults(options.faults_path),
+      m_keep_alive(options.keepalive_seconds, options.alive) {}
 
 Server::~Server() {
     Stop();
@@ -41,6 +44,7 @@ int Server::Start() {
                            "[NOTICE] server(%d): removed %d file(s) left by an earlier run\n",
                            __LINE__, removed);
     }
+    if (m_queue.Start(m_options.data_dir, m_options.versions_kept) < 0) return -1;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
     addr.sin_port = htons(static_cast<uint16_t>(m_options.port));
@@ -83,7 +87,7 @@ void Server::AcceptLoop() {
         }
         m_connections.emplace_back();
         Connection& conn = m_connections.back();
-        conn.session = std::make_unique<Session>(m_options, m_faults);
+        conn.session = std::make_unique<Session>(m_options, m_faults, m_queue, m_keep_alive);
         Session* session = conn.session.get();
         conn.thread = std::thread([session, fd] { session->Run(fd); });
     }
@@ -111,6 +115,7 @@ void Server::Stop() {
     if (m_listen_fd >= 0) ::close(m_listen_fd);
     m_listen_fd = -1;
     Reap(true);
+    m_queue.Stop();
 }
 
 size_t Server::ConnectionCount() {

@@ -1,6 +1,8 @@
-// server.h: the listening server: opens the store (cleaning up after a crash), listens on
-// the configured address and port, and serves each connection on a thread of its own.
-// main runs one; tests run one in-process on a port the system picks.
+// server.h: the listening server: opens the store (cleaning up after a crash, refusing a
+// store whose records lack their contents), listens on the configured address and port,
+// and serves each connection on a thread of its own; one commit queue makes every change
+// and one timer sends every keep-alive. main runs one; tests run one in-process on a port
+// the system picks.
 #pragma once
 
 #include <atomic>
@@ -9,7 +11,9 @@
 #include <mutex>
 #include <thread>
 
+#include "commit-queue.h"
 #include "faults.h"
+#include "keep-alive.h"
 #include "server-options.h"
 
 class Session;
@@ -30,6 +34,8 @@ class Server {
     void Stop();
     // Connections being served now.
     size_t ConnectionCount();
+    // The commit queue's counts, and the files and folders flushed for contents.
+    CommitQueue::Stats CommitStats() { return m_queue.stats(); }
 
   private:
     struct Connection {
@@ -41,6 +47,8 @@ class Server {
 
     ServerOptions m_options;
     Faults m_faults;
+    CommitQueue m_queue;
+    KeepAlive m_keep_alive;
     int m_listen_fd = -1;
     int m_port = 0;
     std::atomic<bool> m_stop{false};

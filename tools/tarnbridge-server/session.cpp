@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <chrono>
-#include <condition_variable>
 #include <filesystem>
 #include <system_error>
 #include <thread>
@@ -90,14 +89,11 @@ const char* ErrorText(uint32_t code) {
     }
 }
 
-std::string BinaryPath(const PObject& value) {
-    return value.isBinary() ? value.asBinary().path.str() : std::string();
-}
-
 }  // namespace
 
-Session::Session(const ServerOptions& options, Faults& faults)
-    : m_options(options), m_faults(faults) {}
+Session::Session(const ServerOptions& options, Faults& faults, CommitQueue& queue,
+                 KeepAlive& keep_alive)
+    : m_options(options), m_faults(faults), m_queue(queue), m_keep_alive(keep_alive) {}
 
 void Session::Stop() {
     m_stop = true;
@@ -135,28 +131,26 @@ void Session::Run(platform::socket_t socket) {
                            __LINE__, action.c_str(),
                            static_cast<unsigned long long>(m_channel.consumed()), rc);
             RemoveSpooled(request);
+            m_body.Discard();
             break;
         }
         PObject reply;
         std::string scratch;
-        uint32_t code = SPROTO_ERR_VERSION;
-        if (rc == 0 &&
-            RunWithKeepAlive([&] { code = Dispatch(cmd, action, request, reply, scratch); }) < 0) {
-            RemoveSpooled(request);
-            break;
+        uint32_t code = SPROTO_ERR_VERSION;  // for a request that is not a map
+        if (rc == 0) {
+            NoteWriting(action, request);
+            m_keep_alive.Busy(m_channel);
+            code = Dispatch(cmd, action, request, reply, scratch);
+            rc = m_keep_alive.Idle(m_channel);
         }
         RemoveSpooled(request);
-        if (code != 0) {
-            reply = PObject();
-            reply["error"]["code"] = code;
-            reply["error"]["message"] = ErrorText(code);
-        }
-        reply["alive"] = m_options.alive;
-        rc = Send(reply);
+        m_body.Discard();
+        if (rc >= 0) rc = Answer(action, code, reply);
         std::error_code ec;
         if (!scratch.empty()) std::filesystem::remove(scratch, ec);
         if (rc < 0) break;
     }
+    if (m_writing) m_queue.Writing(false);
     {
         std::lock_guard<std::mutex> lock(m_socket_mutex);
         m_channel.Close();
@@ -183,10 +177,8 @@ int Session::ReadRequest(PObject& request, std::string& action, std::string& tok
         rc = m_stream.Recv(m_channel, key);
         if (rc < 0) return rc;
         PObject& member = members[key];
-        // "file" comes before "path" and "session" in key order, so its bytes must go
-        // somewhere before the request is understood.
-        if (key == "file") PrepareFileTarget(member, action, token);
-        rc = m_stream.RecvObject(m_channel, member);
+        rc = key == "file" ? ReadFileMember(member, action, token)
+                           : m_stream.RecvObject(m_channel, member);
         if (rc < 0) return rc;
         if (key == "action") {
             action = member.asString().str();
@@ -199,20 +191,41 @@ int Session::ReadRequest(PObject& request, std::string& action, std::string& tok
     }
 }
 
-void Session::PrepareFileTarget(PObject& file, const std::string& action,
-                                const std::string& token) {
-    if (action != "resume_upload" || token.empty() || m_store.TokenExists(token) != 1) return;
-    std::string spool = m_store.UploadSpoolOf(token);
-    std::error_code ec;
-    uint64_t held = std::filesystem::file_size(spool, ec);
-    if (ec) held = 0;
-    // Appends to what earlier attempts of this token left, which "resume_get_status" told
-    // the client; after a failure the file still holds every byte that came.
-    PObject::binary_type target;
-    target.path = spool.c_str();
-    target.offset = held;
-    target.length = held;
-    file["data"] = target;
+int Session::ReadFileMember(PObject& file, const std::string& action, const std::string& token) {
+    uint8_t tag = 0;
+    int rc = m_stream.RecvTag(m_channel, tag);
+    if (rc < 0 || tag != ptag::kMap)
+        return rc < 0 ? rc : m_stream.RecvDispatch(m_channel, tag, file);
+    PObject::map_type& members = file.asMap();
+    for (;;) {
+        rc = m_stream.RecvTag(m_channel, tag);
+        if (rc < 0) return rc;
+        if (tag == ptag::kEnd) return 0;
+        if (tag != ptag::kString) return ERR_PROTO;
+        ustring key;
+        rc = m_stream.Recv(m_channel, key);
+        if (rc < 0) return rc;
+        rc = m_stream.RecvTag(m_channel, tag);
+        if (rc < 0) return rc;
+        if (key != "data" || tag != ptag::kBinary || m_body.present) {
+            rc = m_stream.RecvDispatch(m_channel, tag, members[key]);
+            if (rc < 0) return rc;
+            continue;
+        }
+        // "file" comes before "path" and "session" in key order, so its bytes are taken in
+        // before the request is understood. A resumable upload appends to what earlier
+        // attempts of its token left, which "resume_get_status" told the client.
+        std::string spool;
+        uint64_t held = 0;
+        if (action == "resume_upload" && !token.empty() && m_store.TokenExists(token) == 1) {
+            spool = m_store.UploadSpoolOf(token);
+            std::error_code ec;
+            held = std::filesystem::file_size(spool, ec);
+            if (ec) held = 0;
+        }
+        rc = ReceiveUploadBody(m_channel, spool, held, m_store.contents().NewTempPath(), m_body);
+        if (rc < 0) return rc;
+    }
 }
 
 uint32_t Session::Dispatch(uint8_t cmd, const std::string& action, const PObject& request,
@@ -254,23 +267,21 @@ uint32_t Session::Serve(const std::string& action, const PObject& request, int64
     if (action == "pull_event") {
         PullLimits limits;
         limits.max_events = m_options.max_pull_events;
-        return HandlePull(m_store, view_id, request, limits, reply);
+        return HandlePull(m_store, view_id, request, limits, m_page);
     }
-    if (action == "upload")
-        return HandleUpload(m_store, view_id, request, BinaryPath(request["file"]["data"]), reply);
+    if (action == "upload") return HandleUpload(m_store, m_queue, view_id, request, m_body, reply);
     if (action == "resume_upload") {
         ResumeToken token;
         int rc =
             m_store.GetToken(request["resume_token"].asString().str(), account_id, view_id, token);
         if (rc < 0) return SPROTO_ERR_INTERNAL;
         if (rc == 0) return SPROTO_ERR_RESUME_NOTOKEN;
-        uint32_t code =
-            HandleUpload(m_store, view_id, request, BinaryPath(request["file"]["data"]), reply);
+        uint32_t code = HandleUpload(m_store, m_queue, view_id, request, m_body, reply);
         // Whatever the outcome, the client starts with a new token next time.
         m_store.DropToken(token.token);
         return code;
     }
-    if (action == "remove") return HandleRemove(m_store, view_id, request, reply);
+    if (action == "remove") return HandleRemove(m_queue, view_id, request, reply);
     if (action == "resume_get_token") return HandleGetToken(m_store, account_id, view_id, reply);
     if (action == "resume_get_status")
         return HandleGetStatus(m_store, account_id, view_id, request, reply);
@@ -279,32 +290,27 @@ uint32_t Session::Serve(const std::string& action, const PObject& request, int64
     return SPROTO_ERR_VERSION;
 }
 
-template <typename Work>
-int Session::RunWithKeepAlive(Work work) {
-    std::mutex mutex;
-    std::condition_variable cond;
-    bool done = false;
-    std::thread worker([&] {
-        work();
-        std::lock_guard<std::mutex> lock(mutex);
-        done = true;
-        cond.notify_all();
-    });
-    int rc = 0;
-    std::unique_lock<std::mutex> lock(mutex);
-    const auto interval = std::chrono::seconds(std::max<uint32_t>(1, m_options.keepalive_seconds));
-    while (!cond.wait_for(lock, interval, [&] { return done; })) {
-        if (rc < 0) continue;
-        lock.unlock();
-        PObject keep_alive;
-        keep_alive["type"] = "keep_alive";
-        keep_alive["alive"] = m_options.alive;
-        rc = Send(keep_alive) < 0 ? -1 : 0;
-        lock.lock();
+void Session::NoteWriting(const std::string& action, const PObject& request) {
+    bool writes = (action == "upload" || action == "resume_upload" || action == "remove") &&
+                  !request["dry_run"].asBool();
+    if (writes == m_writing) return;
+    m_writing = writes;
+    m_queue.Writing(writes);
+}
+
+int Session::Answer(const std::string& action, uint32_t code, PObject& reply) {
+    if (code == 0 && action == "pull_event") {
+        int rc = SendPullReply(m_channel, m_stream, m_page, m_options.alive);
+        m_page = PullPage();
+        return rc;
     }
-    lock.unlock();
-    worker.join();
-    return rc;
+    if (code != 0) {
+        reply = PObject();
+        reply["error"]["code"] = code;
+        reply["error"]["message"] = ErrorText(code);
+    }
+    reply["alive"] = m_options.alive;
+    return Send(reply);
 }
 
 int Session::Send(const PObject& value) {

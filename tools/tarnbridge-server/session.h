@@ -4,9 +4,12 @@
 // request whose work runs long gets {"type": "keep_alive"} maps first. The "session"
 // token and "view_id" are checked on every request. A malformed frame closes the
 // connection (the stream position is lost); a well-formed request the server can't serve
-// gets an error reply. Binaries of a request land in the spool folder (those of a resumable
-// upload in its token's file, so that what arrived survives a broken connection) and
-// are removed when the request is done. Used by Server, one thread per connection.
+// gets an error reply. An upload's bytes are taken in by the loop itself, hashed as they
+// come (into memory when small, into a content file, or into a resumable upload's token
+// file so that what arrived survives a broken connection); other binaries land in the
+// spool folder and are removed when the request is done. The request is worked on by the
+// connection's own thread while the server's keep-alive timer watches it; its changes go
+// through the server's commit queue. Used by Server, one thread per connection.
 #pragma once
 
 #include <atomic>
@@ -14,17 +17,22 @@
 #include <mutex>
 #include <string>
 
+#include "commit-queue.h"
 #include "counting-channel.h"
 #include "faults.h"
 #include "foundation/object.h"
 #include "foundation/stream.h"
+#include "keep-alive.h"
 #include "platform/net.h"
+#include "pull.h"
 #include "server-options.h"
 #include "server-store.h"
+#include "upload-body.h"
 
 class Session {
   public:
-    Session(const ServerOptions& options, Faults& faults);
+    Session(const ServerOptions& options, Faults& faults, CommitQueue& queue,
+            KeepAlive& keep_alive);
     Session(const Session&) = delete;
     Session& operator=(const Session&) = delete;
 
@@ -39,22 +47,28 @@ class Session {
     // 0 a map was read, 1 another kind of value was read (the stream is intact), or a
     // negative code (the connection must close).
     int ReadRequest(PObject& request, std::string& action, std::string& token);
-    void PrepareFileTarget(PObject& file, const std::string& action, const std::string& token);
+    // Reads the "file" member, taking its "data" in as the upload's body. As ReadRequest.
+    int ReadFileMember(PObject& file, const std::string& action, const std::string& token);
     // Fills the reply; 0 or the error code to answer.
     uint32_t Dispatch(uint8_t cmd, const std::string& action, const PObject& request,
                       PObject& reply, std::string& scratch);
     uint32_t Serve(const std::string& action, const PObject& request, int64_t account_id,
                    uint64_t view_id, PObject& reply, std::string& scratch);
-    // Runs `work` on a helper thread, sending keep-alive maps while it takes long.
-    // 0, or -1 when a keep-alive couldn't be sent (the work has finished all the same).
-    template <typename Work>
-    int RunWithKeepAlive(Work work);
+    // Tells the commit queue whether this connection is sending changes now.
+    void NoteWriting(const std::string& action, const PObject& request);
+    // Sends the answer to a request: the page of a pull, or the reply map. 0 or a code.
+    int Answer(const std::string& action, uint32_t code, PObject& reply);
     int Send(const PObject& value);
     void RemoveSpooled(const PObject& value);
 
     const ServerOptions& m_options;
     Faults& m_faults;
+    CommitQueue& m_queue;
+    KeepAlive& m_keep_alive;
     ServerStore m_store;
+    UploadBody m_body;       // of the request being served
+    PullPage m_page;         // the answer of a pull being served
+    bool m_writing = false;  // the last request was a change
     CountingChannel m_channel;
     PStream m_stream;
     std::mutex m_socket_mutex;  // guards the socket against Stop while Run closes it
