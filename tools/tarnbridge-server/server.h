@@ -30,6 +30,8 @@ class Server {
     void Stop();
     // Connections being served now.
     size_t ConnectionCount();
+    // Connections accepted since Start: how often clients had to connect anew.
+    size_t AcceptedCount() const { return m_accepted.load(); }
 
   private:
     struct Connection {
@@ -44,6 +46,7 @@ class Server {
     int m_listen_fd = -1;
     int m_port = 0;
     std::atomic<bool> m_stop{false};
+    std::atomic<size_t> m_accepted{0};
     std::thread m_acceptor;
     std::mutex m_mutex;  // guards m_connections
     std::list<Connection> m_connections;
