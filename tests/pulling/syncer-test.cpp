@@ -1,7 +1,8 @@
 // The Syncer against the reference server, with a test worker that retires server events
 // when the test lets it: whole tree and increments, the sync id stored only once every
 // pushed event is done, a pause, a removal, a stop and a restart during that wait, faults
-// from the server's fault file, login outcomes, and the pause when every session is up to
+// from the server's fault file (a dropped connection, a reply delayed past keep-alives,
+// access errors), logins reused or refused, and the pause when every session is up to
 // date. Rounds are run on the test thread (PullEvent) or by the task's own loop.
 #include "pulling/syncer.h"
 
@@ -55,8 +56,10 @@ class TestWorker : public Task {
                 std::this_thread::sleep_for(5ms);
                 continue;
             }
-            do Record(e.m_path.str());
-            while (events.DoneEvent(this, e) < 0);
+            do {
+                std::lock_guard<std::mutex> lock(m_mutex);
+                m_done.insert(e.m_path.str());
+            } while (events.DoneEvent(this, e) < 0);
             if (allowance.load() > 0) --allowance;
         }
     }
@@ -68,10 +71,6 @@ class TestWorker : public Task {
     std::atomic<int> allowance{-1};
 
   private:
-    void Record(const std::string& path) {
-        std::lock_guard<std::mutex> lock(m_mutex);
-        m_done.insert(path);
-    }
     std::mutex m_mutex;
     Paths m_done;
 };
@@ -144,12 +143,6 @@ class SyncerConcurrency : public ::testing::Test {
         entry.event_db = db.get();
         Registry::getInstance().Set(entry);
     }
-    void SetPaused(uint64_t id, bool pause) {
-        Registry::Entry entry;
-        ASSERT_EQ(Registry::getInstance().Find(id, entry), 1);
-        entry.pause = pause;
-        Registry::getInstance().Set(entry);
-    }
     uint64_t SyncId(uint64_t id) {
         uint64_t value = 0;
         EXPECT_EQ(dbs[id]->getSyncId(value), 0);
@@ -173,7 +166,6 @@ class SyncerConcurrency : public ::testing::Test {
         for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
         return n;
     }
-    int Pending(uint64_t id) { return EventManager::getInstance().GetPendingServerEvent(id); }
 
     TempDir dir;
     std::unique_ptr<ServerHarness> server;
@@ -206,7 +198,8 @@ TEST_F(SyncerConcurrency, WholeTreeIsStoredOnlyOnceTheWorkersHaveDoneEveryEvent)
 }
 
 TEST_F(SyncerConcurrency, IncrementalPullPushesOnlyTheChangesAndARestartLosesNothing) {
-    StartServer();
+    StartServer([](ServerOptions& o) { o.keepalive_seconds = 1; });
+    server->WriteFaults("delay pull_event 2500 times=1\n");  // past two keep-alives
     Put("/a.txt", "a");
     Put("/b.txt", "b");
     AddSession(1);
@@ -219,7 +212,8 @@ TEST_F(SyncerConcurrency, IncrementalPullPushesOnlyTheChangesAndARestartLosesNot
     Put("/c.txt", "c");
     worker.allowance = 0;
     std::thread round([&] { EXPECT_EQ(PullOnce(), -1); });
-    ASSERT_TRUE(Eventually([&] { return Pending(1) == 2; }));
+    ASSERT_TRUE(
+        Eventually([&] { return EventManager::getInstance().GetPendingServerEvent(1) == 2; }));
     syncer.Stop();  // the daemon goes down while the workers are busy
     round.join();
     EXPECT_EQ(SyncId(1), 2u);
@@ -236,6 +230,7 @@ TEST_F(SyncerConcurrency, IncrementalPullPushesOnlyTheChangesAndARestartLosesNot
     EXPECT_EQ(restarted.PullEvent(), 0);
     EXPECT_EQ(SyncId(1), 4u);
     EXPECT_EQ(worker.Take(), (Paths{"/a.txt", "/c.txt"}));
+    EXPECT_EQ(server->server->AcceptedCount(), 1u);  // one login while the grant lasted
     restarted.Stop();
 }
 
@@ -249,13 +244,17 @@ TEST_F(SyncerConcurrency, PauseOrRemovalDuringTheWaitStoresNothing) {
         const size_t waits = LogCount("Wait for workers");
         std::thread round([&] { EXPECT_EQ(PullOnce(), -1); });
         ASSERT_TRUE(Eventually([&] { return LogCount("Wait for workers") > waits; }));
+        Registry::Entry entry;
+        ASSERT_EQ(Registry::getInstance().Find(1, entry), 1);
+        entry.pause = true;
         if (remove)
             Registry::getInstance().Remove(1);
         else
-            SetPaused(1, true);
+            Registry::getInstance().Set(entry);
         round.join();
         EXPECT_EQ(SyncId(1), 0u);
-        if (!remove) SetPaused(1, false);
+        entry.pause = false;
+        Registry::getInstance().Set(entry);
     }
     EXPECT_EQ(LogCount("session 1 is paused while there are events"), 1u);
     EXPECT_EQ(LogCount("session 1 is removed while there are events"), 1u);
@@ -281,17 +280,6 @@ TEST_F(SyncerConcurrency, ConnectionClosedBeforeTheReplyIsDroppedAndRetriedAfter
     clock.Advance(1);
     ASSERT_TRUE(Eventually([&] { return SyncId(1) == 2; }, [&] { clock.Advance(100); }));
     EXPECT_EQ(worker.Take(), (Paths{"/a.txt", "/b.txt"}));
-}
-
-TEST_F(SyncerConcurrency, AReplyDelayedPastKeepAlivesIsAwaited) {
-    StartServer([](ServerOptions& o) { o.keepalive_seconds = 1; });
-    server->WriteFaults("delay pull_event 2500 times=1\n");
-    Put("/a.txt", "a");
-    AddSession(1);
-    ASSERT_EQ(worker.Run(), 0);
-    EXPECT_EQ(PullOnce(), 0);
-    EXPECT_EQ(SyncId(1), 1u);
-    EXPECT_EQ(worker.Take(), Paths{"/a.txt"});
 }
 
 TEST_F(SyncerConcurrency, AccessDeniedAndInvalidViewAreSessionErrorsTheUserHears) {
