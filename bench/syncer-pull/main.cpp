@@ -9,7 +9,6 @@
 //
 // The server's data goes to a fresh folder under DIR (default /dev/shm when it exists, so
 // the disk's write-back doesn't decide the figures) and is removed at the end.
-#include <fcntl.h>
 #include <signal.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
@@ -34,6 +33,7 @@
 #include "server-store.h"
 #include "state/file-event-db.h"
 #include "state/file-status-db.h"
+#include "support/process.h"
 #include "transport/connection-pool.h"
 
 namespace {
@@ -82,27 +82,11 @@ int Populate(const std::string& data, int changes, const std::string& out) {
     return WIFEXITED(status) && WEXITSTATUS(status) == 0 ? 0 : -1;
 }
 
-// The server executable on a port the system picks; 0 when it didn't start.
-int StartServer(const std::string& data, pid_t& pid) {
-    int out[2];
-    if (::pipe(out) != 0) return 0;
-    pid = ::fork();
-    if (pid == 0) {
-        ::dup2(out[1], 1);
-        ::close(out[0]);
-        const int quiet = ::open("/dev/null", O_WRONLY);  // its log would mix with the figures
-        if (quiet >= 0) ::dup2(quiet, 2);
-        ::execl(TB_SERVER_BINARY, TB_SERVER_BINARY, "--data", data.c_str(), "--port", "0",
-                static_cast<char*>(nullptr));
-        ::_exit(127);
-    }
-    ::close(out[1]);
+// The port the server announces on its first line, 0 when it didn't start.
+int ServerPort(ChildProcess& server) {
     int port = 0;
-    FILE* f = ::fdopen(out[0], "r");
-    char line[256] = {0};
-    if (f != nullptr && std::fgets(line, sizeof line, f) != nullptr)
-        std::sscanf(line, "%*[^0-9]%*d.%*d.%*d.%*d port %d", &port);
-    if (f != nullptr) std::fclose(f);
+    if (server.WaitForOutput(" port ", 10))
+        std::sscanf(server.Out().c_str(), "%*[^0-9]%*d.%*d.%*d.%*d port %d", &port);
     return port;
 }
 
@@ -156,8 +140,9 @@ int main(int argc, char** argv) {
     std::string session;
     uint64_t view_id = 0, last = 0;
     std::ifstream(root + "/user") >> session >> view_id >> last;
-    pid_t server_pid = -1;
-    const int port = StartServer(data, server_pid);
+    ChildProcess server({kServerBinary, "--data", data, "--port", "0"},
+                        {{}, root + "/server.out", root + "/server.log"});
+    const int port = ServerPort(server);
 
     Logger::Initialize(Logger::FILE_LOGGER, (root + "/daemon.log").c_str(), "", 2);
     FileStatusDB::initialize((root + "/fstat.sqlite").c_str());
@@ -215,10 +200,7 @@ int main(int argc, char** argv) {
     db.destroy();
     FileStatusDB::destroy();
     Logger::Destroy();
-    if (server_pid > 0) {
-        ::kill(server_pid, SIGTERM);
-        ::waitpid(server_pid, nullptr, 0);
-    }
+    server.Kill(SIGTERM);
     std::filesystem::remove_all(root);
     return ok ? 0 : 1;
 }
