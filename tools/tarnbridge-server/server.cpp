@@ -80,6 +80,7 @@ void Server::AcceptLoop() {
         if (ready <= 0) continue;
         int fd = ::accept4(m_listen_fd, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) continue;
+        ++m_accepted;
         std::lock_guard<std::mutex> lock(m_mutex);
         if (m_stop) {
             ::close(fd);

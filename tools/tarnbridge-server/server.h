@@ -36,6 +36,8 @@ class Server {
     size_t ConnectionCount();
     // The commit queue's counts, and the files and folders flushed for contents.
     CommitQueue::Stats CommitStats() { return m_queue.stats(); }
+    // Connections accepted since Start: how often clients had to connect anew.
+    size_t AcceptedCount() const { return m_accepted.load(); }
 
   private:
     struct Connection {
@@ -52,6 +54,7 @@ class Server {
     int m_listen_fd = -1;
     int m_port = 0;
     std::atomic<bool> m_stop{false};
+    std::atomic<size_t> m_accepted{0};
     std::thread m_acceptor;
     std::mutex m_mutex;  // guards m_connections
     std::list<Connection> m_connections;

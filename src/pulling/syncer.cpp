@@ -1,0 +1,413 @@
+// syncer.cpp: the pulling loop, its error table and its side of the server exchanges.
+#include "pulling/syncer.h"
+
+#include "events/event-generator.h"
+#include "events/event-manager.h"
+#include "events/ui-ipc.h"
+#include "foundation/error-code.h"
+#include "foundation/log.h"
+#include "platform/clock.h"
+#include "pulling/progress-cache.h"
+#include "state/file-event-db.h"
+#include "transport/connection-pool.h"
+
+namespace {
+
+const char* const kLog = "syncer_debug";
+
+using ull = unsigned long long;
+
+// Seconds to wait after a round, by HandleError's action.
+int WaitAfter(int action) {
+    switch (action) {
+        case 0:
+            return 0;
+        case 2:
+            return 120;
+        default:
+            return 3;
+    }
+}
+
+struct ErrorRule {
+    int action;
+    Syncer::ErrorType type;
+};
+
+// By -err, for 0 to -20. The codes after the table's end are accepted and settled in
+// RuleFor.
+constexpr ErrorRule kErrorTable[] = {
+    {0, Syncer::ERR_NONE},        // 0
+    {1, Syncer::ERR_NONE},        // -1 interrupted
+    {1, Syncer::ERR_NONE},        // -2 I/O
+    {1, Syncer::ERR_NONE},        // -3 system
+    {-1, Syncer::ERR_NONE},       // -4 invalid argument
+    {-1, Syncer::ERR_NONE},       // -5 protocol
+    {1, Syncer::ERR_CONNECTION},  // -6 authentication
+    {1, Syncer::ERR_NONE},        // -7 server
+    {-1, Syncer::ERR_NONE},       // -8 conflict
+    {1, Syncer::ERR_NONE},        // -9 time-out
+    {1, Syncer::ERR_CONNECTION},  // -10 version
+    {-1, Syncer::ERR_NONE},       // -11 no such entry
+    {-1, Syncer::ERR_NONE},       // -12 user
+    {-1, Syncer::ERR_NONE},       // -13 password
+    {1, Syncer::ERR_SESSION},     // -14 disabled
+    {-1, Syncer::ERR_NONE},       // -15 quota
+    {-1, Syncer::ERR_NONE},       // -16 disk full
+    {-1, Syncer::ERR_NONE},       // -17 sync folder missing
+    {1, Syncer::ERR_SESSION},     // -18 view
+    {1, Syncer::ERR_SESSION},     // -19 permission
+    {1, Syncer::ERR_NONE},        // -20 path in view
+};
+constexpr int kTableRows = sizeof(kErrorTable) / sizeof(kErrorTable[0]);
+
+ErrorRule RuleFor(int err) {
+    if (-err < kTableRows) return kErrorTable[-err];
+    // Past the table: an aborted connection and a locked file go on at once, a full
+    // local disk waits like a failure.
+    return {err == ERR_LOCAL_DISKFULL ? 3 : 0, Syncer::ERR_NONE};
+}
+
+}  // namespace
+
+// ---- the loop ----
+
+void Syncer::DoTask() {
+    for (;;) {
+        const State state = GetState();
+        if (state == STOP) {
+            Logger::LogMsg(Logger::L_DEBUG, kLog,
+                           "[DEBUG] syncer(%d): Syncer: stop working, now on view_id %llu, "
+                           "sync_id %llu.\n",
+                           __LINE__, static_cast<ull>(context.entry.view_id),
+                           static_cast<ull>(context.sync_id));
+            return;
+        }
+        if (state == PAUSE) {
+            WaitWhilePaused(1000);
+            continue;
+        }
+        if (UpdateContext() < 0 || !IsSessionReady()) {
+            Wait(1);
+            continue;
+        }
+        int action = HandleError(PullEvent());
+        if (action < 0) {
+            Logger::LogMsg(Logger::L_CRIT, kLog, "[CRIT] syncer(%d): abort()\n", __LINE__);
+            action = 1;
+        }
+        Wait(WaitAfter(action));
+    }
+}
+
+int Syncer::Pause() {
+    SetAbortFlag(1);
+    return Task::Pause();
+}
+
+int Syncer::Stop() {
+    SetAbortFlag(1);
+    return Task::Stop();
+}
+
+int Syncer::Resume() {
+    SetAbortFlag(0);
+    return Task::Resume();
+}
+
+int Syncer::UpdateContext() {
+    if (Registry::getInstance().FindNext(context.entry.sess_id, context.entry) != 1) {
+        context = Context();
+        return -1;
+    }
+    context.sync_id = 0;
+    return 0;
+}
+
+bool Syncer::IsSessionReady() {
+    return !context.entry.pause &&
+           !ProgressCache::getInstance().isInProgrssCache(context.entry.sess_id);
+}
+
+// ---- one pull ----
+
+int Syncer::PullEvent() {
+    m_round_start_ms = platform::TickMs();
+    PObject response;
+    const int rc = PullEventFromServer(response);
+    return rc < 0 ? rc : ProcessEvents(response);
+}
+
+int Syncer::PullEventFromServer(PObject& response) {
+    uint64_t sync_id = 0;
+    if (context.entry.event_db == nullptr || context.entry.event_db->getSyncId(sync_id) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): Syncer: failed to get base sync id ... starts from "
+                       "0\n",
+                       __LINE__);
+        return ERR_SYS;
+    }
+    context.sync_id = sync_id;
+    ConnectionPool* pool = g_pool.load();
+    if (pool == nullptr) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): Syncer: no server connection is linked\n", __LINE__);
+        return ERR_IO;
+    }
+
+    PObject request;
+    request["_action"] = "pull_event";
+    request["sync_id"] = sync_id;
+    request["session"] = pool->getSession();
+    request["path"] = context.entry.remote_path;
+    request["view_id"] = context.entry.view_id;
+    request["node_id"] = context.entry.node_id;
+    request["recursive"] = context.entry.recursive;
+    AppendAgent(request);
+    Logger::LogMsg(Logger::L_DEBUG, kLog,
+                   "[DEBUG] syncer(%d): Syncer: pull event by session %llu (%llu:%s) since %llu\n",
+                   __LINE__, static_cast<ull>(context.entry.sess_id),
+                   static_cast<ull>(context.entry.view_id), context.entry.remote_path.c_str_utf8(),
+                   static_cast<ull>(sync_id));
+
+    BorrowedConnection conn(*pool);
+    conn->GetChannel()->SetFlag(AbortFlag());
+    int rc = RequestChannel(conn.get());
+    if (rc < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): PullEvent: fail to establish communication channel\n",
+                       __LINE__);
+        conn->Drop();
+        return rc;
+    }
+    rc = ProtoPullEvent(*conn->GetChannel(), request, response);
+    if (rc < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): PullEvent: fail to pull events. %d.\n", __LINE__, rc);
+        conn->Drop();
+        return rc;
+    }
+    conn->Update(response["alive"].asUInt32());
+    if (!response.hasMember("error")) return 0;
+    Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] syncer(%d): PullEvent: response: %s.\n", __LINE__,
+                   response["error"].toString().c_str_utf8());
+    return ProtoResp2ErrorCode(response["error"]["code"].asUInt32(), PROTO_RESP_SYNCER);
+}
+
+int Syncer::ProtoPullEvent(Channel& ch, const PObject& request, PObject& response) {
+    return RunProtocol(ch, SCMD_EVT_PULL, request, response);
+}
+
+int Syncer::RunProtocol(Channel& ch, uint8_t cmd, const PObject& request, PObject& response) {
+    return ServerExchange(*this, ch, m_stream, cmd, request, response);
+}
+
+int Syncer::RequestChannel(Connection* conn) {
+    ConnectionPool* pool = g_pool.load();
+    if (pool == nullptr) return ERR_IO;
+    return ServerLogin(*this, *pool, *conn, context.entry.view_id);
+}
+
+int Syncer::EstablishConnection(Connection* conn) {
+    ConnectionPool* pool = g_pool.load();
+    if (pool == nullptr) return ERR_IO;
+    return ServerConnect(*this, *pool, *conn);
+}
+
+// ---- after the pull ----
+
+int Syncer::ProcessEvents(const PObject& response) {
+    const uint64_t next = response["next_sync_id"].asUInt64();
+    const uint64_t sess = context.entry.sess_id;
+    if (next == context.sync_id) {
+        uptodate_set.insert(sess);
+        Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] syncer(%d): session '%llu' is uptodate.\n",
+                       __LINE__, static_cast<ull>(sess));
+        // A removed session may linger in the set; it can only make the pause come early.
+        if (uptodate_set.size() >= Registry::getInstance().Size()) {
+            Logger::LogMsg(Logger::L_DEBUG, kLog,
+                           "[DEBUG] syncer(%d): all session is uptodate, wait for 5 seconds.\n",
+                           __LINE__);
+            uptodate_set.clear();
+            Wait(5);
+        }
+        return 0;
+    }
+    uptodate_set.erase(sess);
+
+    const PObject::array_type& records = response["event_list"].asArray();
+    size_t pushed = 0;
+    for (const PObject& record : records) pushed += PushEvent(context.entry, record) == 1 ? 1 : 0;
+    if (WaitForWorkers() < 0) {
+        Logger::LogMsg(Logger::L_NOTICE, kLog,
+                       "[NOTE] syncer(%d): ProcessEvents: interrupted while waiting events being "
+                       "done ...\n",
+                       __LINE__);
+        return -1;
+    }
+    if (context.entry.event_db->setSyncId(next) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): Syncer: failed to store sync id %llu of session %llu\n",
+                       __LINE__, static_cast<ull>(next), static_cast<ull>(sess));
+        return ERR_SYS;
+    }
+    ReportRound(records.size(), pushed, next);
+    return 0;
+}
+
+void Syncer::ReportRound(size_t records, size_t pushed, uint64_t next) const {
+    const double seconds = static_cast<double>(platform::TickMs() - m_round_start_ms) / 1000.0;
+    Logger::LogMsg(Logger::L_INFO, kLog,
+                   "[INFO] syncer(%d): Syncer: session %llu: %zu server changes, %zu carried out, "
+                   "sync id %llu -> %llu, %.1f s\n",
+                   __LINE__, static_cast<ull>(context.entry.sess_id), records, pushed,
+                   static_cast<ull>(context.sync_id), static_cast<ull>(next), seconds);
+}
+
+int Syncer::WaitForWorkers() {
+    const uint64_t sess = context.entry.sess_id;
+    for (;;) {
+        const int pending = EventManager::getInstance().GetPendingServerEvent(sess);
+        Registry::Entry fresh;
+        const bool exists = Registry::getInstance().Find(sess, fresh) == 1;
+        if (pending <= 0) {
+            if (exists) return 0;
+            Logger::LogMsg(Logger::L_WARNING, kLog,
+                           "[WARNING] syncer(%d): session %llu is removed, events might be "
+                           "dropped\n",
+                           __LINE__, static_cast<ull>(sess));
+            return -1;
+        }
+        const State state = GetState();
+        if (state == STOP) {
+            Logger::LogMsg(Logger::L_WARNING, kLog,
+                           "[WARNING] syncer(%d): Program stopped while syncing files ...\n",
+                           __LINE__);
+            return -1;
+        }
+        if (state == PAUSE) {
+            WaitWhilePaused(1000);
+            continue;
+        }
+        if (!exists) {
+            Logger::LogMsg(Logger::L_WARNING, kLog,
+                           "[WARNING] syncer(%d): session %llu is removed while there are events\n",
+                           __LINE__, static_cast<ull>(sess));
+            return -1;
+        }
+        if (fresh.pause) {
+            Logger::LogMsg(Logger::L_NOTICE, kLog,
+                           "[NOTE] syncer(%d): session %llu is paused while there are events\n",
+                           __LINE__, static_cast<ull>(sess));
+            return -1;
+        }
+        Logger::LogMsg(Logger::L_DEBUG, kLog,
+                       "[DEBUG] syncer(%d): Wait for workers (still %d pending server events).\n",
+                       __LINE__, pending);
+        Wait(1);
+    }
+}
+
+// ---- errors ----
+
+int Syncer::HandleError(int err) {
+    Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] syncer(%d): Syncer: HandleError: %d.\n",
+                   __LINE__, err);
+    if (err > 0 || err <= ERR_MAX) {
+        Logger::LogMsg(Logger::L_CRIT, kLog,
+                       "[CRIT] syncer(%d): Syncer: unknown error code [%d].\n", __LINE__, err);
+        return -1;
+    }
+    const ErrorRule rule = RuleFor(err);
+    switch (rule.type) {
+        case ERR_SESSION:
+            UI_IPC::ReportSessionErrorToUI(context.entry.sess_id, err);
+            break;
+        case ERR_CONNECTION: {
+            ConnectionPool* pool = g_pool.load();
+            UI_IPC::ReportConnectionErrorToUI(
+                static_cast<int>(pool != nullptr ? pool->getConnectionId() : 0), err);
+            break;
+        }
+        case ERR_NONE:
+            Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] syncer(%d): No type for error: %d\n",
+                           __LINE__, err);
+            break;
+    }
+    if (rule.action < 0)
+        Logger::LogMsg(Logger::L_CRIT, kLog,
+                       "[CRIT] syncer(%d): Syncer: unexpected error code [%d].\n", __LINE__, err);
+    return rule.action;
+}
+
+// ---- the syncer's side of the exchanges ----
+
+void Syncer::Note(const ExchangeEvent& event) {
+    switch (event.note) {
+        case NOTE_REQUEST:
+        case NOTE_RESPONSE:
+            // A reply may hold thousands of records: build its text only when it is logged.
+            if (!Logger::Enabled(Logger::L_DEBUG, kLog)) return;
+            Logger::LogMsg(Logger::L_DEBUG, kLog,
+                           event.note == NOTE_REQUEST ? "[DEBUG] syncer(%d): Syncer >>>: %s\n"
+                                                      : "[DEBUG] syncer(%d): Syncer <<<: %s\n",
+                           __LINE__, event.object->toString().c_str_utf8());
+            return;
+        case NOTE_KEEP_ALIVE:
+            return;
+        case NOTE_TLS_REQUEST:
+            Logger::LogMsg(Logger::L_INFO, kLog, "[INFO] syncer(%d): Syncer: request ssl channel\n",
+                           __LINE__);
+            return;
+        case NOTE_CONNECTING:
+            Logger::LogMsg(Logger::L_DEBUG, kLog,
+                           "[DEBUG] syncer(%d): Syncer: Connect to server (%s:%d).\n", __LINE__,
+                           event.ip, event.port);
+            return;
+        case NOTE_CONNECT_FAILED:
+            Logger::LogMsg(Logger::L_ERR, kLog,
+                           "[ERROR] syncer(%d): Syncer: Failed to establish TCP connection to "
+                           "server (%s:%d). %s\n",
+                           __LINE__, event.ip, event.port, GetErrorString(event.code));
+            Logger::LogMsg(Logger::L_ERR, kLog,
+                           "[ERROR] syncer(%d): Syncer: failed to connect to server.\n", __LINE__);
+            return;
+        case NOTE_TLS_REFUSED:
+            Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] syncer(%d): Syncer: request SSL: %s\n",
+                           __LINE__, (*event.object)["error"].toString().c_str_utf8());
+            return;
+        case NOTE_TLS_FAILED:
+            Logger::LogMsg(Logger::L_ERR, kLog,
+                           "[ERROR] syncer(%d): Syncer: Convert to SSL channel failed (%d)\n",
+                           __LINE__, event.code);
+            return;
+        case NOTE_TLS_DONE:
+            Logger::LogMsg(Logger::L_INFO, kLog,
+                           "[INFO] syncer(%d): Syncer: channel is now encrypted using SSL\n",
+                           __LINE__);
+            return;
+        case NOTE_LOGIN_ERROR:
+            Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] syncer(%d): Syncer: request channel: %s\n",
+                           __LINE__, (*event.object)["error"].toString().c_str_utf8());
+            return;
+        case NOTE_SERVER_BUILD:
+            Logger::LogMsg(Logger::L_INFO, kLog,
+                           "[INFO] syncer(%d): Connect with Tarnbridge server build %lu\n",
+                           __LINE__, event.build);
+            return;
+        case NOTE_NO_GRANT:
+            Logger::LogMsg(Logger::L_INFO, kLog,
+                           "[INFO] syncer(%d): Syncer: connection refused by server.\n", __LINE__);
+            return;
+    }
+}
+
+int Syncer::ExchangeFailed(ExchangeStep step, const char* action, int code) {
+    Logger::LogMsg(
+        Logger::L_ERR, kLog,
+        step == EXCHANGE_RECEIVE
+            ? "[ERROR] syncer(%d): Syncer: RunProtocol(%s): failed to recv response (%d)\n"
+            : "[ERROR] syncer(%d): Syncer: RunProtocol(%s): failed to send request (%d)\n",
+        __LINE__, action, code);
+    return ERR_IO;
+}

@@ -1,0 +1,91 @@
+// syncer.h: Syncer, the task that keeps asking the server what has changed. It visits the
+// sessions of the Registry in turn; for each it sends one "pull_event" from the session's
+// saved sync id on a pooled connection, turns the reply's records into server events for
+// the EventManager, waits until the workers have carried all of them out, and only then
+// stores the new sync id. The sync id on disk therefore never runs ahead of what has been
+// done: a crash or a pause repeats work and loses none.
+//
+// Errors never end the task: HandleError turns a result into a wait (0, 3 or 120 seconds)
+// and tells the user interface of session and connection errors. Started by the daemon's
+// "link" with the other tasks; uses g_pool, the Registry, the EventManager, ProgressCache
+// and each session's FileEventDB, all of which lock for themselves.
+#pragma once
+
+#include <cstdint>
+#include <set>
+
+#include "foundation/object.h"
+#include "foundation/stream.h"
+#include "runtime/registry.h"
+#include "runtime/task.h"
+#include "transport/exchange.h"
+
+class Syncer : public Task, private ServerCaller {
+  public:
+    // The session being pulled: a copy of its entry and the sync id pulled from.
+    struct Context {
+        Registry::Entry entry;
+        uint64_t sync_id = 0;
+    };
+    // Whom the user interface is told of an error.
+    enum ErrorType { ERR_NONE = 0, ERR_SESSION = 1, ERR_CONNECTION = 2 };
+
+    Syncer() = default;
+    ~Syncer() override = default;
+
+    // The loop: one session per turn, then the wait HandleError chose.
+    void DoTask() override;
+    // Each sets the abort flag first, so that a pull under way gives up within a second.
+    int Pause() override;
+    int Stop() override;
+    // Clears the abort flag, then resumes.
+    int Resume() override;
+
+    // PullEventFromServer, then ProcessEvents on its reply when it succeeded. 0 or a code.
+    int PullEvent();
+    // Sends "pull_event" for the current session from its stored sync id. 0 and the reply;
+    // -3 when the sync id can't be read (nothing is sent); -2 without a linked pool; the
+    // login's or the exchange's code (the connection is dropped); or the daemon code of
+    // the reply's "error".
+    int PullEventFromServer(PObject& response);
+    // The "pull_event" exchange. 0 or -2.
+    int ProtoPullEvent(Channel& ch, const PObject& request, PObject& response);
+    // One request and its reply, keep-alives skipped. 0 or -2.
+    int RunProtocol(Channel& ch, uint8_t cmd, const PObject& request, PObject& response);
+    // Makes a borrowed connection usable for the current session's view. 0 or a code.
+    int RequestChannel(Connection* conn);
+    // Opens the connection anew to the pool's server. 0 or the channel's code.
+    int EstablishConnection(Connection* conn);
+
+    // Moves to the next session, wrapping round. 0; -1 when there is none.
+    int UpdateContext();
+    // False while the session is paused or a selective-sync resumption runs for it.
+    bool IsSessionReady();
+    // The action for a result (0 go on, 1 wait 3 s, 2 wait 120 s, above 2 wait 3 s, -1
+    // unexpected), after telling the user interface by the error's type.
+    int HandleError(int err);
+    // Until the session has no pending server event: 0; -1 when the task stops, or the
+    // session is removed or paused meanwhile.
+    int WaitForWorkers();
+    // Pushes the reply's records and stores its "next_sync_id" once they are all done. A
+    // reply that moves nothing marks the session up to date; when every session is, the
+    // task sleeps 5 seconds. 0; -1 when interrupted while waiting (nothing stored); -3
+    // when the sync id can't be stored.
+    int ProcessEvents(const PObject& response);
+
+  private:
+    // ServerCaller: the syncer's log lines and tables.
+    void Note(const ExchangeEvent& event) override;
+    int ExchangeFailed(ExchangeStep step, const char* action, int code) override;
+    int* CallerAbortFlag() override { return AbortFlag(); }
+    ProtoRespCaller RespCaller() const override { return PROTO_RESP_SYNCER; }
+    TlsStyle Tls() const override { return TLS_BEFORE_CONNECT; }
+
+    // Logs what one round changed, for people reading the log.
+    void ReportRound(size_t records, size_t pushed, uint64_t next) const;
+
+    Context context;
+    std::set<uint64_t> uptodate_set;  // sessions last found up to date
+    PStream m_stream;
+    int64_t m_round_start_ms = 0;
+};

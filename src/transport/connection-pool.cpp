@@ -1,0 +1,230 @@
+// connection-pool.cpp: connections with their keep-alive grants, and the pool that lends them.
+#include "transport/connection-pool.h"
+
+#include <algorithm>
+
+#include "foundation/error-code.h"
+#include "foundation/log.h"
+#include "platform/clock.h"
+
+std::atomic<ConnectionPool*> g_pool{nullptr};
+
+namespace {
+
+const char* const kLog = "connection_debug";
+
+const char* ModeName(ChannelMode mode) {
+    switch (mode) {
+        case CHANNEL_NORMAL:
+            return "CHANNEL_NORMAL";
+        case CHANNEL_PROXY:
+            return "CHANNEL_PROXY";
+        case CHANNEL_TUNNEL:
+            return "CHANNEL_TUNNEL";
+        case CHANNEL_PROXY_TUNNEL:
+            return "CHANNEL_PROXY_TUNNEL";
+        default:
+            return "CHANNEL_UNKNOWN";
+    }
+}
+
+// The channel of a mode this build has no implementation for: every attempt to open it
+// fails as an unreachable server would, and says why, so that a user who configured a
+// proxy or tunnel learns it from the log instead of seeing a direct connection.
+class UnavailableChannel : public Channel {
+  public:
+    explicit UnavailableChannel(ChannelMode mode) : m_mode(mode) {}
+    using Channel::Open;
+    int Open(const char* host, int port) override {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] connection(%d): Connection: cannot open %s:%d, %s channels are "
+                       "not available in this build\n",
+                       __LINE__, host != nullptr ? host : "", port, ModeName(m_mode));
+        return ERR_IO;
+    }
+
+  private:
+    ChannelMode m_mode;
+};
+
+std::unique_ptr<Channel> MakeChannel(ChannelMode mode) {
+    if (mode == CHANNEL_NORMAL) return std::make_unique<Channel>(Channel::kCapacity);
+    return std::make_unique<UnavailableChannel>(mode);
+}
+
+}  // namespace
+
+// ---- Connection ----
+
+Connection::Connection(ChannelMode mode, const ProxyInfo&, const TunnelInfo&, bool)
+    : channel(MakeChannel(mode)) {}
+
+Connection::~Connection() = default;
+
+ConnectionState Connection::GetConnectionState() {
+    std::lock_guard<std::mutex> lock(m_conn_state_lock);
+    return m_conn_state;
+}
+
+void Connection::SetConnectionState(ConnectionState state) {
+    std::lock_guard<std::mutex> lock(m_conn_state_lock);
+    m_conn_state = state;
+}
+
+bool Connection::Ready() const {
+    if (alive_value == 0) return false;
+    const int64_t age = platform::Now() - static_cast<int64_t>(last_access);
+    return age <= static_cast<int64_t>(alive_value);
+}
+
+void Connection::Update(uint32_t seconds) {
+    alive_value = seconds;
+    if (seconds == 0) {
+        last_access = 0;
+        channel->Close();
+        SetConnectionState(DISCONNECTED);
+        return;
+    }
+    last_access = static_cast<uint32_t>(platform::Now());
+    SetConnectionState(CONNECTED);
+}
+
+void Connection::Drop() {
+    channel->Close();
+    last_access = 0;
+    alive_value = 0;
+    SetConnectionState(DISCONNECTED);
+}
+
+int Connection::Connect(const char* ip, int port) {
+    return channel->Open(ip, port);
+}
+
+int Connection::Connect(const char* path) {
+    return channel->Open(path);
+}
+
+// ---- ConnectionPool ----
+
+ConnectionPool::ConnectionPool(const ConnectionInfo& info, const ProxyInfo& proxy,
+                               const TunnelInfo& tunnel, size_t size)
+    : m_conn_id(info.conn_id),
+      m_client_name(info.computer_name),
+      m_server_ip(info.server_ip),
+      m_session(info.session),
+      m_server_port(info.server_port),
+      m_use_ssl(info.use_ssl),
+      m_size(size),
+      m_avail_conn(size) {
+    MakeConnections(proxy, tunnel);
+}
+
+ConnectionPool::~ConnectionPool() = default;
+
+void ConnectionPool::MakeConnections(const ProxyInfo& proxy, const TunnelInfo& tunnel) {
+    const ChannelMode mode = getChannelMode(proxy, tunnel);
+    for (size_t i = 0; i < m_size; ++i)
+        pool.push_back(std::make_unique<Connection>(mode, proxy, tunnel, m_use_ssl));
+}
+
+Connection* ConnectionPool::pop() {
+    std::unique_lock<std::mutex> lock(mutex);
+    cond_leave_freeze.wait(lock, [this] { return !m_freeze; });
+    Connection* conn = nullptr;
+    cond.wait(lock, [this, &conn] { return (conn = GetAvailConn()) != nullptr; });
+    --m_avail_conn;
+    return conn;
+}
+
+void ConnectionPool::push(Connection* conn) {
+    if (conn == nullptr) return;
+    std::lock_guard<std::mutex> lock(mutex);
+    if (ReturnConn(conn)) ++m_avail_conn;
+    cond.notify_one();
+    if (m_avail_conn == m_size) cond_all_conn_return.notify_all();
+}
+
+Connection* ConnectionPool::GetAvailConn() {
+    for (const std::unique_ptr<Connection>& conn : pool) {
+        if (conn->IsUsed()) continue;
+        conn->SetUsed(true);
+        return conn.get();
+    }
+    return nullptr;
+}
+
+bool ConnectionPool::ReturnConn(Connection* conn) {
+    auto it = std::find_if(pool.begin(), pool.end(), [conn](const std::unique_ptr<Connection>& c) {
+        return c.get() == conn;
+    });
+    if (it == pool.end() || !conn->IsUsed()) return false;
+    conn->SetUsed(false);
+    // Connections that need no new login go first, so the next pop saves one.
+    pool.splice(conn->Ready() ? pool.begin() : pool.end(), pool, it);
+    return true;
+}
+
+bool ConnectionPool::isConnected() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return std::any_of(pool.begin(), pool.end(), [](const std::unique_ptr<Connection>& conn) {
+        return conn->GetConnectionState() == CONNECTED;
+    });
+}
+
+ustring ConnectionPool::getSession() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return m_session;
+}
+
+ustring ConnectionPool::getClientName() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return m_client_name;
+}
+
+ustring ConnectionPool::getServerIp() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return m_server_ip;
+}
+
+int ConnectionPool::getServerPort() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return m_server_port;
+}
+
+bool ConnectionPool::useSSL() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return m_use_ssl;
+}
+
+uint64_t ConnectionPool::getConnectionId() {
+    std::lock_guard<std::mutex> lock(mutex);
+    return m_conn_id;
+}
+
+void ConnectionPool::reloadConnection(const ConnectionInfo& info, const ProxyInfo& proxy,
+                                      const TunnelInfo& tunnel) {
+    std::unique_lock<std::mutex> lock(mutex);
+    m_freeze = true;
+    // A connection still lent would be destroyed under its borrower: wait for all.
+    cond_all_conn_return.wait(lock, [this] { return m_avail_conn == m_size; });
+    pool.clear();
+    m_server_ip = info.server_ip;
+    m_server_port = info.server_port;
+    m_use_ssl = info.use_ssl;
+    MakeConnections(proxy, tunnel);
+    m_freeze = false;
+    cond_leave_freeze.notify_all();
+}
+
+ChannelMode ConnectionPool::getChannelMode(const ProxyInfo& proxy, const TunnelInfo& tunnel) {
+    const bool has_proxy = proxy.use_proxy && !proxy.proxy_ip.empty();
+    ChannelMode mode = CHANNEL_NORMAL;
+    if (has_proxy)
+        mode = tunnel.use_tunnel ? CHANNEL_PROXY_TUNNEL : CHANNEL_PROXY;
+    else if (tunnel.use_tunnel)
+        mode = CHANNEL_TUNNEL;
+    Logger::LogMsg(Logger::L_DEBUG, kLog,
+                   "[DEBUG] connection(%d): ConnectionPool: Create %s connection pool\n", __LINE__,
+                   ModeName(mode));
+    return mode;
+}
