@@ -67,11 +67,11 @@ int slice_result(long n, int err, bool for_write) {
 
 }  // namespace
 
-platform::socket_t ChannelMode::get_fd() const {
+platform::socket_t ChannelOps::get_fd() const {
     return m_carrier ? m_carrier->get_fd() : platform::kInvalidSocket;
 }
 
-void ChannelMode::close() {
+void ChannelOps::close() {
     if (m_carrier) m_carrier->close();
 }
 
@@ -408,7 +408,7 @@ int Channel::ConnectWithTimeout(platform::socket_t socket, const char* ip, int p
     }
 }
 
-int Channel::SwitchChannelOp(std::unique_ptr<ChannelMode> mode) {
+int Channel::SwitchChannelOp(std::unique_ptr<ChannelOps> mode) {
     if (IsClosed() || m_isSSL || mode == nullptr) return ERR_INVAL;
     mode->m_carrier = std::move(m_ops);
     m_ops = std::move(mode);
@@ -416,6 +416,6 @@ int Channel::SwitchChannelOp(std::unique_ptr<ChannelMode> mode) {
     return 0;
 }
 
-void Channel::Attach(std::unique_ptr<ChannelMode> mode) {
+void Channel::Attach(std::unique_ptr<ChannelOps> mode) {
     m_ops = std::move(mode);
 }

@@ -1,7 +1,7 @@
 // channel.h: Channel, a buffered, time-limited byte stream over a non-blocking TCP
 // socket with an abort flag. PStream encodes values on it; the control socket, the
 // notification socket and the server connections all use it. The socket work goes
-// through the channel's current mode (m_ops, a ChannelMode the channel owns), so that an
+// through the channel's current mode (m_ops, a ChannelOps object the channel owns), so that an
 // encrypted mode can take over in place on the same object, buffers and socket, and
 // channels that reach the server another way can open with a mode of their own.
 //
@@ -17,7 +17,7 @@
 
 #include "platform/net.h"
 
-class ChannelMode;
+class ChannelOps;
 
 class Channel {
   public:
@@ -100,17 +100,17 @@ class Channel {
     // from then on, on the same socket and rings, so nothing may be pending. A channel
     // turns encrypted once. 0; -4 when the channel is closed or already encrypted or
     // `mode` is null (the channel is unchanged and `mode`, dropped, closes nothing).
-    virtual int SwitchChannelOp(std::unique_ptr<ChannelMode> mode);
+    virtual int SwitchChannelOp(std::unique_ptr<ChannelOps> mode);
 
   protected:
     // Makes `mode` the open channel's (the channel must be closed): the plain mode on a
     // socket for Open, another for a channel that reaches its peer some other way.
-    void Attach(std::unique_ptr<ChannelMode> mode);
+    void Attach(std::unique_ptr<ChannelOps> mode);
     bool Aborted() const;
     int WaitSliceMs() const { return static_cast<int>(m_timeout.count()); }
 
     // The current mode; null while the channel is closed.
-    std::unique_ptr<ChannelMode> m_ops;
+    std::unique_ptr<ChannelOps> m_ops;
     std::unique_ptr<char[]> w_buf;
     size_t w_head = 0;
     size_t w_size = 0;
@@ -134,12 +134,12 @@ class Channel {
 // through a proxy starts with a mode whose close gives the socket back to the proxy.
 // The channel owns its mode. Dropping a mode frees what it holds but never closes the
 // socket: only close() ends the connection.
-class ChannelMode {
+class ChannelOps {
   public:
-    ChannelMode() = default;
-    virtual ~ChannelMode() = default;
-    ChannelMode(const ChannelMode&) = delete;
-    ChannelMode& operator=(const ChannelMode&) = delete;
+    ChannelOps() = default;
+    virtual ~ChannelOps() = default;
+    ChannelOps(const ChannelOps&) = delete;
+    ChannelOps& operator=(const ChannelOps&) = delete;
 
     // One wait of up to `timeout_ms` and one read: the count, -9 when nothing came in
     // the slice, or -2/-3/-4.
@@ -156,16 +156,16 @@ class ChannelMode {
 
   protected:
     // The mode under this one; null for a mode that holds the socket itself.
-    ChannelMode* carrier() const { return m_carrier.get(); }
+    ChannelOps* carrier() const { return m_carrier.get(); }
 
   private:
     // SwitchChannelOp hands the replaced mode over as the carrier.
     friend class Channel;
-    std::unique_ptr<ChannelMode> m_carrier;
+    std::unique_ptr<ChannelOps> m_carrier;
 };
 
 // The mode of a plain TCP socket: a slice is one wait for readiness and one recv or send.
-class PlainMode : public ChannelMode {
+class PlainMode : public ChannelOps {
   public:
     explicit PlainMode(platform::socket_t socket) : m_socket(socket) {}
     int read_(char* buf, size_t len, int timeout_ms) override;

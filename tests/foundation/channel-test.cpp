@@ -198,7 +198,7 @@ TEST(ChannelConcurrency, RingsWrapWithoutLosingBytes) {
 
 // A mode that stands for an encrypting one: it turns every byte read into 'T', and its
 // close says whether its farewell came before the socket was closed.
-class MarkingMode : public ChannelMode {
+class MarkingMode : public ChannelOps {
   public:
     explicit MarkingMode(std::string& closes) : m_closes(closes) {}
     int read_(char* buf, size_t len, int timeout_ms) override {
@@ -211,7 +211,7 @@ class MarkingMode : public ChannelMode {
     }
     void close() override {
         m_closes += ::fcntl(get_fd(), F_GETFD) != -1 ? "farewell on the open socket" : "too late";
-        ChannelMode::close();
+        ChannelOps::close();
     }
     int kind() const override { return Channel::CHANNEL_SSL_MODE; }
 
