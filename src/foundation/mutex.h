@@ -66,6 +66,13 @@ class CondVar {
         m_cond.wait_for(lock, timeout);
         lock.release();
     }
+    // The same without a limit: for waits that only a notification can end.
+    void Wait(Mutex& mutex) REQUIRES(mutex) {
+        std::unique_lock<std::mutex> lock(mutex.m_mutex, std::adopt_lock);
+        m_cond.wait(lock);
+        lock.release();
+    }
+    void NotifyOne() { m_cond.notify_one(); }
     void NotifyAll() { m_cond.notify_all(); }
 
   private:

@@ -62,12 +62,12 @@ Connection::Connection(ChannelMode mode, const ProxyInfo&, const TunnelInfo&, bo
 Connection::~Connection() = default;
 
 ConnectionState Connection::GetConnectionState() {
-    std::lock_guard<std::mutex> lock(m_conn_state_lock);
+    MutexLock lock(m_conn_state_lock);
     return m_conn_state;
 }
 
 void Connection::SetConnectionState(ConnectionState state) {
-    std::lock_guard<std::mutex> lock(m_conn_state_lock);
+    MutexLock lock(m_conn_state_lock);
     m_conn_state = state;
 }
 
@@ -116,6 +116,7 @@ ConnectionPool::ConnectionPool(const ConnectionInfo& info, const ProxyInfo& prox
       m_use_ssl(info.use_ssl),
       m_size(size),
       m_avail_conn(size) {
+    MutexLock lock(mutex);
     MakeConnections(proxy, tunnel);
 }
 
@@ -128,20 +129,20 @@ void ConnectionPool::MakeConnections(const ProxyInfo& proxy, const TunnelInfo& t
 }
 
 Connection* ConnectionPool::pop() {
-    std::unique_lock<std::mutex> lock(mutex);
-    cond_leave_freeze.wait(lock, [this] { return !m_freeze; });
+    MutexLock lock(mutex);
+    while (m_freeze) cond_leave_freeze.Wait(mutex);
     Connection* conn = nullptr;
-    cond.wait(lock, [this, &conn] { return (conn = GetAvailConn()) != nullptr; });
+    while ((conn = GetAvailConn()) == nullptr) cond.Wait(mutex);
     --m_avail_conn;
     return conn;
 }
 
 void ConnectionPool::push(Connection* conn) {
     if (conn == nullptr) return;
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     if (ReturnConn(conn)) ++m_avail_conn;
-    cond.notify_one();
-    if (m_avail_conn == m_size) cond_all_conn_return.notify_all();
+    cond.NotifyOne();
+    if (m_avail_conn == m_size) cond_all_conn_return.NotifyAll();
 }
 
 Connection* ConnectionPool::GetAvailConn() {
@@ -165,55 +166,55 @@ bool ConnectionPool::ReturnConn(Connection* conn) {
 }
 
 bool ConnectionPool::isConnected() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return std::any_of(pool.begin(), pool.end(), [](const std::unique_ptr<Connection>& conn) {
         return conn->GetConnectionState() == CONNECTED;
     });
 }
 
 ustring ConnectionPool::getSession() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return m_session;
 }
 
 ustring ConnectionPool::getClientName() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return m_client_name;
 }
 
 ustring ConnectionPool::getServerIp() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return m_server_ip;
 }
 
 int ConnectionPool::getServerPort() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return m_server_port;
 }
 
 bool ConnectionPool::useSSL() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return m_use_ssl;
 }
 
 uint64_t ConnectionPool::getConnectionId() {
-    std::lock_guard<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     return m_conn_id;
 }
 
 void ConnectionPool::reloadConnection(const ConnectionInfo& info, const ProxyInfo& proxy,
                                       const TunnelInfo& tunnel) {
-    std::unique_lock<std::mutex> lock(mutex);
+    MutexLock lock(mutex);
     m_freeze = true;
     // A connection still lent would be destroyed under its borrower: wait for all.
-    cond_all_conn_return.wait(lock, [this] { return m_avail_conn == m_size; });
+    while (m_avail_conn != m_size) cond_all_conn_return.Wait(mutex);
     pool.clear();
     m_server_ip = info.server_ip;
     m_server_port = info.server_port;
     m_use_ssl = info.use_ssl;
     MakeConnections(proxy, tunnel);
     m_freeze = false;
-    cond_leave_freeze.notify_all();
+    cond_leave_freeze.NotifyAll();
 }
 
 ChannelMode ConnectionPool::getChannelMode(const ProxyInfo& proxy, const TunnelInfo& tunnel) {

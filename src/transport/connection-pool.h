@@ -13,14 +13,13 @@
 #pragma once
 
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <list>
 #include <memory>
-#include <mutex>
 #include <string>
 
 #include "foundation/channel.h"
+#include "foundation/mutex.h"
 #include "foundation/ustring.h"
 
 // How the server's address was found.
@@ -110,8 +109,8 @@ class Connection {
 
   private:
     bool m_used = false;
-    ConnectionState m_conn_state = DISCONNECTED;
-    std::mutex m_conn_state_lock;
+    Mutex m_conn_state_lock;
+    ConnectionState m_conn_state GUARDED_BY(m_conn_state_lock) = DISCONNECTED;
     std::unique_ptr<Channel> channel;
 };
 
@@ -154,24 +153,24 @@ class ConnectionPool {
 
   private:
     // The list operations, called with `mutex` held.
-    Connection* GetAvailConn();
-    bool ReturnConn(Connection* conn);
-    void MakeConnections(const ProxyInfo& proxy, const TunnelInfo& tunnel);
+    Connection* GetAvailConn() REQUIRES(mutex);
+    bool ReturnConn(Connection* conn) REQUIRES(mutex);
+    void MakeConnections(const ProxyInfo& proxy, const TunnelInfo& tunnel) REQUIRES(mutex);
 
-    std::list<std::unique_ptr<Connection>> pool;
-    uint64_t m_conn_id = 0;
-    ustring m_client_name;
-    ustring m_server_ip;
-    ustring m_session;
-    int m_server_port = 0;
-    bool m_use_ssl = false;
-    bool m_freeze = false;
-    size_t m_size = 0;
-    size_t m_avail_conn = 0;
-    std::condition_variable cond;
-    std::condition_variable cond_all_conn_return;
-    std::condition_variable cond_leave_freeze;
-    std::mutex mutex;
+    Mutex mutex;
+    std::list<std::unique_ptr<Connection>> pool GUARDED_BY(mutex);
+    uint64_t m_conn_id GUARDED_BY(mutex) = 0;
+    ustring m_client_name GUARDED_BY(mutex);
+    ustring m_server_ip GUARDED_BY(mutex);
+    ustring m_session GUARDED_BY(mutex);
+    int m_server_port GUARDED_BY(mutex) = 0;
+    bool m_use_ssl GUARDED_BY(mutex) = false;
+    bool m_freeze GUARDED_BY(mutex) = false;
+    size_t m_size GUARDED_BY(mutex) = 0;
+    size_t m_avail_conn GUARDED_BY(mutex) = 0;
+    CondVar cond;
+    CondVar cond_all_conn_return;
+    CondVar cond_leave_freeze;
 };
 
 // A borrowing for one scope: pops in the constructor and, in the destructor, clears the
