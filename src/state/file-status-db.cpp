@@ -50,11 +50,9 @@ int Open(sqlite::Database& db) {
     }
     // Before the pragmas: switching a new file to WAL needs a lock another process may hold.
     db.SetBusyTimeout(kBusyTimeoutMs);
-    // Closing the last connection checkpoints the log under an exclusive lock, and with a
-    // connection per operation we are often the last: a reader of another process starting
-    // at that moment would be refused. Without it the log is still checkpointed by commits
-    // once it grows (SQLite's automatic checkpoint), which never shuts readers out.
-    sqlite3_db_config(db.handle(), SQLITE_DBCONFIG_NO_CKPT_ON_CLOSE, 1, nullptr);
+    // Closing keeps SQLite's checkpoint of the last connection, which empties the log: every
+    // operation opens anew, and a first opener rebuilds the log's index by reading all of it,
+    // so a log left to grow would make each operation cost as much as the whole log.
     if (db.UseWal("OFF") < 0 || db.Exec(kCaseSensitiveLike) < 0) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] file-status-db(%d): sqlite3_exec error. errCode:(%d) error:[%s]\n",

@@ -10,6 +10,7 @@
 #include "foundation/log.h"
 #include "peek.h"
 #include "state/file-status-db.h"
+#include "support/files.h"
 #include "support/process.h"
 #include "support/temp-dir.h"
 
@@ -61,6 +62,9 @@ TEST_F(FileStatus, SetReplacesTheRowWithANewId) {
     EXPECT_EQ(info.path, ustring("/home/u/sync/a.txt"));
     EXPECT_EQ(FileStatusDB::getFileSyncStat("/home/u/sync/b.txt", &info), 0);
     EXPECT_EQ(FileStatusDB::getFileSyncStat("/home/u/sync/a.txt", nullptr), -1);
+    // Every operation opens anew and rebuilds the log's index from the whole log, so the
+    // log must not outlive the operation that wrote it.
+    EXPECT_FALSE(Exists(db() + "-wal"));
 }
 
 // Each awkward name has a decoy that its text would match as a LIKE or GLOB pattern (or
