@@ -136,7 +136,7 @@ bool EventManager::PushToPool(const Event& e, bool is_server, bool& accepted, us
                            __LINE__, e.toString().c_str_utf8());
     }
     if (pool->size() == 1) ready_queue.push_back(pool.get());
-    full_path = entry.local_path + e.m_path;
+    full_path = StatusPath(entry.local_path, e.m_path);
     return true;
 }
 
@@ -319,6 +319,10 @@ int EventManager::GetAllPendingEventCount(uint64_t sess_id) {
 
 // Status rows take the platform's own separator; on POSIX systems the session root
 // joined with an event's path already has it.
+ustring EventManager::StatusPath(const ustring& local_path, const ustring& path) {
+    return path == ustring("/") ? local_path : local_path + path;
+}
+
 int EventManager::SyncingEvent2FStatDB(const ustring& path, bool is_dir) {
     Logger::LogMsg(Logger::L_DEBUG, Category(),
                    "[DEBUG] event-manager(%d): Syncing event to fstatdb at path [%s].\n", __LINE__,

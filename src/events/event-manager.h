@@ -93,6 +93,10 @@ class EventManager {
     // All pending work of the session; 0 for an unknown one (logged).
     int GetAllPendingEventCount(uint64_t sess_id) EXCLUDES(m_lock);
 
+    // The status row's path of an event's `path` in the session rooted at `local_path`:
+    // the path the manager writes when the event is queued and the worker clears when it
+    // is done. The root is the session folder itself.
+    static ustring StatusPath(const ustring& local_path, const ustring& path);
     // Marks the absolute `path` as syncing in FileStatusDB. 0; -1.
     static int SyncingEvent2FStatDB(const ustring& path, bool is_dir);
     // Drops the status row of the absolute `path`: it is in sync. 0; -1.
@@ -106,7 +110,7 @@ class EventManager {
     void NoteChangeToHeldPath(const Event& e, bool may_abort) REQUIRES(m_lock);
     // Steps shared by both pushes once the task table has been looked at. False when the
     // session is unknown; otherwise `accepted` says whether the pool took the event and
-    // `full_path` is the session root joined with the event's path.
+    // `full_path` is the event's status path.
     bool PushToPool(const Event& e, bool is_server, bool& accepted, ustring& full_path)
         REQUIRES(m_lock);
     event_pool* FindPool(uint64_t sess_id) REQUIRES(m_lock);
