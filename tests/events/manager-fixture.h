@@ -34,12 +34,13 @@ inline int UnheardPort() {
     return loopback::Listener().port();
 }
 
-// Accepts the next notification on `listener` and decodes it; a null object when none
-// can be read.
-inline PObject NextNotice(loopback::Listener& listener) {
+// Accepts the next notification on `listener` within `timeout_ms` and decodes it; a null
+// object when none can be read. A notice is sent before its report returns, so 0 asks
+// whether one was sent.
+inline PObject NextNotice(loopback::Listener& listener, int timeout_ms = 5000) {
     PObject obj;
     UI_IPC ipc;
-    const int peer = listener.accept();
+    const int peer = listener.accept(timeout_ms);
     if (peer < 0) return obj;
     if (ipc.Open(peer) < 0)
         ::close(peer);

@@ -26,23 +26,12 @@
 #include "server/server-harness.h"
 #include "state/file-event-db.h"
 #include "state/file-status-db.h"
+#include "support/eventually.h"
 
 namespace {
 
 using namespace std::chrono_literals;
 using Paths = std::set<std::string>;
-
-// Looks every 10 ms until `done` holds or `limit` passes, calling `tick` between looks.
-bool Eventually(const std::function<bool()>& done, const std::function<void()>& tick = nullptr,
-                std::chrono::milliseconds limit = 15s) {
-    const auto end = std::chrono::steady_clock::now() + limit;
-    while (!done()) {
-        if (std::chrono::steady_clock::now() > end) return false;
-        if (tick) tick();
-        std::this_thread::sleep_for(10ms);
-    }
-    return true;
-}
 
 // Retires server events as a worker would once it has carried them out, as many as it is
 // allowed (-1: no limit), and remembers their paths.
@@ -120,12 +109,7 @@ class SyncerConcurrency : public ::testing::Test {
         g_pool = nullptr;
         pool.reset();
         server = std::make_unique<ServerHarness>(tweak);
-        ConnectionInfo info;
-        info.server_ip = "127.0.0.1";
-        info.server_port = server->port();
-        info.session = server->user.session.c_str();
-        info.use_ssl = use_ssl;
-        pool = std::make_unique<ConnectionPool>(info, ProxyInfo(), TunnelInfo(), 3);
+        pool = PoolFor(*server, use_ssl);
         g_pool = pool.get();
     }
     void AddSession(uint64_t id, uint64_t view_id = 0) {
@@ -160,12 +144,7 @@ class SyncerConcurrency : public ::testing::Test {
         if (syncer.UpdateContext() < 0) return -100;
         return syncer.PullEvent();
     }
-    size_t LogCount(const std::string& text) {
-        const std::string log = ReadFile(dir / "daemon.log");
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
-        return n;
-    }
+    size_t LogCount(const std::string& text) { return CountIn(ReadFile(dir / "daemon.log"), text); }
 
     TempDir dir;
     std::unique_ptr<ServerHarness> server;

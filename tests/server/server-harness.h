@@ -22,6 +22,7 @@
 #include "server.h"
 #include "support/process.h"
 #include "support/temp-dir.h"
+#include "transport/connection-pool.h"
 #include "transport/proto-common.h"
 
 inline std::string Md4Of(const std::string& bytes) {
@@ -114,6 +115,16 @@ class ServerHarness {
     std::unique_ptr<Server> server;
     ServerStore store;  // for setting up and looking at the server's state directly
 };
+
+// A daemon's pool of three connections to `server`, logged in as its account.
+inline std::unique_ptr<ConnectionPool> PoolFor(const ServerHarness& server, bool use_ssl = false) {
+    ConnectionInfo info;
+    info.server_ip = "127.0.0.1";
+    info.server_port = server.port();
+    info.session = server.user.session.c_str();
+    info.use_ssl = use_ssl;
+    return std::make_unique<ConnectionPool>(info, ProxyInfo(), TunnelInfo(), 3);
+}
 
 // One client connection.
 class WireClient {

@@ -29,6 +29,13 @@ inline bool Exists(const std::string& path) {
     return ::lstat(path.c_str(), &st) == 0;
 }
 
+// How often `what` occurs in `text`, overlaps counted.
+inline size_t CountIn(const std::string& text, const std::string& what) {
+    size_t n = 0;
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + 1)) ++n;
+    return n;
+}
+
 // The lines of `text`, without their ends.
 inline std::vector<std::string> Lines(const std::string& text) {
     std::vector<std::string> lines;
