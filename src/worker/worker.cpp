@@ -63,11 +63,11 @@ bool IsOnlyTopLevel(const Event& e) {
 // that climbs out of it.
 bool IsInside(const ustring& dir, const ustring& path) {
     if (dir.empty()) return false;
-    const ustring prefix = dir + "/";
-    if (path.compare(prefix, prefix.size()) != 0) return false;
-    const std::string rest = path.str().substr(prefix.size());
-    return rest != ".." && rest.rfind("../", 0) != 0 && rest.find("/../") == std::string::npos &&
-           (rest.size() < 3 || rest.compare(rest.size() - 3, 3, "/..") != 0);
+    const std::string prefix = dir.str() + "/";
+    const std::string name = path.str();
+    if (name.compare(0, prefix.size(), prefix) != 0) return false;
+    const std::string rest = "/" + name.substr(prefix.size()) + "/";
+    return rest.find("/../") == std::string::npos;
 }
 
 // The path of the file behind a binary member, or empty.
@@ -115,7 +115,11 @@ Worker::Worker() {
     m_handlers.expand_delete_event = &Worker::ExpandDeleteEvent;
 }
 
-Worker::~Worker() = default;
+// The thread must end before the members it works on go.
+Worker::~Worker() {
+    Stop();
+    Join();
+}
 
 ustring Worker::GetRecycleBinDir() const {
     return context.working_directory + "/" + Detector::kRecycleBin;

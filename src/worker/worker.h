@@ -93,6 +93,7 @@ class Worker : public Task, private ServerCaller {
     enum ErrorType { ERR_NONE = 0, ERR_SESSION = 1, ERR_CONNECTION = 2, ERR_FILE = 3 };
 
     Worker();
+    // Stops the thread, if it runs, and waits for it.
     ~Worker() override;
 
     // The thread's loop: take an event, route it, settle its fate by the error table.

@@ -41,13 +41,16 @@ class ProbeWorker : public Worker {
             if (GetEvent() == 0) return 0;
         return -1;
     }
-    // Keeps a partly received download in `work`, the working directory; its path.
+    // Keeps a partly received download in `work`, the working directory; its path. The
+    // kept request names a user's file beside `work`, which no clearing may delete.
     std::string KeepPartialDownload(const std::string& work) {
         ::mkdir(work.c_str(), 0700);
         context.working_directory = work.c_str();
         WriteFile(work + "/partial", "half");
+        WriteFile(work + "/../user.txt", "mine");
         cached_response["file"]["data"] = PObject::binary_type{0, 4, (work + "/partial").c_str()};
-        cached_request["_action"] = "resume_download";
+        cached_request["file"]["data"] =
+            PObject::binary_type{0, 4, (work + "/../user.txt").c_str()};
         return work + "/partial";
     }
 };

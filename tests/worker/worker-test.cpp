@@ -47,6 +47,7 @@ TEST_F(WorkerErrors, EachCodeActsCountsReportsAndKeepsCachesByItsRow) {
         w.patch_err_count = 1;
         EXPECT_EQ(w.HandleError(row.code), row.action);
         EXPECT_EQ(Exists(partial), !row.clears_caches);
+        EXPECT_TRUE(Exists(dir / "user.txt"));
         EXPECT_EQ(w.cached_request.isEmpty(), row.clears_caches);
         // -3 counts; other handled codes restart both counts; the rest move nothing.
         const bool handled = row.action >= 0 && row.code <= 0;
@@ -108,6 +109,7 @@ TEST_F(WorkerErrors, StreamFailuresResumeOnlyAfterAConnectionLossOrAPause) {
         w.SetAbort(row.aborted);
         EXPECT_EQ(w.streamErr2DaemonErr(row.stream), row.code);
         EXPECT_EQ(Exists(partial), !row.clears_caches);
+        EXPECT_TRUE(Exists(dir / "user.txt"));
         EXPECT_FALSE(w.IsAborted());
     }
 }
@@ -138,7 +140,9 @@ TEST_F(WorkerEvents, EachKindReachesItsHandlerAndItsStatusRowIsCleared) {
                                                   {"rescan", "/"},
                                                   {"expand", "/walk"}}));
     for (const std::string& p : paths)
-        EXPECT_EQ(FileStatusDB::getFileSyncStat((Root(1) + p).c_str(), &row), 0) << p;
+        EXPECT_TRUE(Eventually([&] {
+            return FileStatusDB::getFileSyncStat((Root(1) + p).c_str(), &row) == 0;
+        })) << p;
 }
 
 TEST_F(WorkerEvents, RescanBelowFlagsComeFirstAndTheDirectoryItselfFollows) {
