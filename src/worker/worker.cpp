@@ -52,6 +52,8 @@ constexpr int kSystemErrorLimit = 3;
 // A download whose patch failed more often than this is dropped.
 constexpr size_t kPatchErrorLimit = 2;
 
+// What a non-recursive session syncs: the files directly under its root, and of the
+// directories only the root itself.
 bool IsOnlyTopLevel(const Event& e) {
     if (e.isDir()) return e.m_path == ustring("/");
     size_t slashes = 0;
