@@ -23,6 +23,7 @@
 #include "events/manager-fixture.h"
 #include "foundation/error-code.h"
 #include "platform/clock.h"
+#include "server-certificate.h"
 #include "server/server-harness.h"
 #include "state/file-event-db.h"
 #include "state/file-status-db.h"
@@ -116,15 +117,22 @@ class SyncerConcurrency : public ::testing::Test {
     }
 
     void StartServer(const std::function<void(ServerOptions&)>& tweak = nullptr,
-                     bool use_ssl = false) {
+                     const std::function<void(ConnectionInfo&)>& client = nullptr) {
         g_pool = nullptr;
         pool.reset();
         server = std::make_unique<ServerHarness>(tweak);
+        MakePool(client);
+    }
+    // A new pool for the same server.
+    void MakePool(const std::function<void(ConnectionInfo&)>& client) {
+        g_pool = nullptr;
+        pool.reset();
         ConnectionInfo info;
         info.server_ip = "127.0.0.1";
         info.server_port = server->port();
         info.session = server->user.session.c_str();
-        info.use_ssl = use_ssl;
+        info.use_ssl = false;
+        if (client) client(info);
         pool = std::make_unique<ConnectionPool>(info, ProxyInfo(), TunnelInfo(), 3);
         g_pool = pool.get();
     }
@@ -314,11 +322,48 @@ TEST_F(SyncerConcurrency, LoginOutcomes) {
     EXPECT_EQ(LogCount("Syncer: connection refused by server."), 1u);
     EXPECT_FALSE(pool->isConnected());
 
-    StartServer(nullptr, true);
+    StartServer([](ServerOptions& o) { o.tls = false; },
+                [](ConnectionInfo& c) { c.use_ssl = true; });
     EXPECT_EQ(PullOnce(), ERR_IO);
     EXPECT_EQ(LogCount("Syncer: request ssl channel"), 1u);
     EXPECT_EQ(LogCount("Syncer: request SSL: "), 1u);
     EXPECT_EQ(server->server->AcceptedCount(), 1u);
+}
+
+TEST_F(SyncerConcurrency, PullsOverTlsAndRefusesAServerThatIsNotTheConfiguredOne) {
+    std::string pin;
+    const auto tls = [&](const std::string& ca, const std::string& want) {
+        return [ca, want](ConnectionInfo& c) {
+            c.use_ssl = true;
+            c.ssl_ca_file = ca.c_str();
+            c.ssl_pin = want.c_str();
+        };
+    };
+    StartServer();
+    ASSERT_EQ(server_certificate::Ensure(server->options.data_dir, "127.0.0.1", pin), 0);
+    const std::string cert = server_certificate::CertificatePath(server->options.data_dir);
+    AddSession(1);
+    ASSERT_EQ(worker.Run(), 0);
+    for (const auto& check : {tls("", pin), tls(cert, "")}) {
+        Put("/f" + std::to_string(SyncId(1)), "new");  // each pull brings something
+        MakePool(check);
+        EXPECT_EQ(PullOnce(), 0);
+    }
+    EXPECT_EQ(LogCount("Syncer: channel is now encrypted using SSL"), 2u);
+    EXPECT_EQ(SyncId(1), 2u);
+    EXPECT_EQ(worker.Take(), (Paths{"/f0", "/f1"}));
+
+    loopback::Listener ui;
+    evtest::SetUIPort(ui.port());
+    MakePool(tls("", std::string(64, 'A')));
+    const int rc = PullOnce();
+    EXPECT_EQ(rc, ERR_AUTH);
+    EXPECT_EQ(syncer.HandleError(rc), 1);
+    const PObject notice = evtest::NextNotice(ui);
+    EXPECT_EQ(notice["notify"].asString(), "error");
+    EXPECT_TRUE(notice.hasMember("connection_id"));
+    EXPECT_EQ(notice["error_type"].asInt32(), ERR_AUTH);
+    EXPECT_EQ(LogCount("Syncer >>>: {\"_action\": \"connect\""), 2u);  // the two good logins
 }
 
 TEST_F(SyncerConcurrency, SessionsAllUpToDateSleepOnceForFiveSeconds) {
