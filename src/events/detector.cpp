@@ -435,9 +435,8 @@ void Detector::CreateWorkingDirectory(const ustring& root) {
                    root.c_str_utf8());
     // A leading dot hides the directory on this platform; the bin inside it needs
     // nothing more.
-    const ustring working = root + "/" + kWorkingDirectory;
-    FSMKDir(working);
-    FSMKDir(working + "/" + kRecycleBin);
+    FSMKDir(session_folders::WorkingDirectory(root));
+    FSMKDir(session_folders::RecycleBinDir(root));
 }
 
 bool Detector::IsFromWorkingDirectory(const ustring& name) {

@@ -16,6 +16,7 @@
 #include "foundation/mutex.h"
 #include "foundation/ustring.h"
 #include "platform/change-source.h"
+#include "runtime/session-folders.h"
 #include "runtime/task.h"
 
 // Where the detector's results go: the event manager and the user interface in
@@ -35,8 +36,8 @@ class Detector : public Task {
   public:
     // The top-level directory of a sync folder that holds the daemon's temporary
     // files, and the recycle bin inside it.
-    static constexpr const char* kWorkingDirectory = ".ZephanorWorkingDirectory";
-    static constexpr const char* kRecycleBin = "#ZephRecycle";
+    static constexpr const char* kWorkingDirectory = session_folders::kWorkingDirectory;
+    static constexpr const char* kRecycleBin = session_folders::kRecycleBin;
 
     // One watched session.
     struct session_info {

@@ -45,6 +45,7 @@ class Channel {
     virtual int Close();
     // Silence allowed before a read, flush or connect gives up; 0 means never.
     virtual void SetTimeout(uint32_t seconds);
+    uint32_t GetTimeout() const { return channel_timeout; }
     // The abort flag: when the int it points to is non-zero, reads and flushes give -1
     // within one wait slice. Another thread may set it; null disables it. Not owned.
     virtual void SetFlag(int* flag);
@@ -86,6 +87,10 @@ class Channel {
     // The socket of an open channel, or kInvalidSocket.
     platform::socket_t GetSocket() const;
     bool IsSSL() const { return m_isSSL; }
+    // Whether the abort flag is raised now.
+    bool Aborted() const;
+    // One wait slice in milliseconds: the abort flag is seen at least this often.
+    int WaitSliceMs() const { return static_cast<int>(m_timeout.count()); }
 
     // Socket set-up helpers of the connect side; derived channels replace them.
     // A new TCP socket, or kInvalidSocket.
@@ -106,8 +111,6 @@ class Channel {
     // Makes `mode` the open channel's (the channel must be closed): the plain mode on a
     // socket for Open, another for a channel that reaches its peer some other way.
     void Attach(std::unique_ptr<ChannelOps> mode);
-    bool Aborted() const;
-    int WaitSliceMs() const { return static_cast<int>(m_timeout.count()); }
 
     // The current mode; null while the channel is closed.
     std::unique_ptr<ChannelOps> m_ops;

@@ -42,6 +42,8 @@ int Settings::loadConfigSettings(const ustring& path) {
     flag("is_daemon", is_daemon);
     text("client_name", client_name);
     flag("use_ssl", use_ssl);
+    text("ssl_ca_file", ssl_ca_file);
+    text("ssl_pin", ssl_pin);
     text("session", session);
     number("server_port", server_port);
     text("server_ip", server_ip);
@@ -68,6 +70,8 @@ TB_GETTER(ustring, getUISocketPath, ui_sock_path)
 TB_GETTER(int, getUIPort, ui_port)
 TB_GETTER(bool, isDaemon, is_daemon)
 TB_GETTER(bool, useSSL, use_ssl)
+TB_GETTER(ustring, getSslCaFile, ssl_ca_file)
+TB_GETTER(ustring, getSslPin, ssl_pin)
 TB_GETTER(int, getServerPort, server_port)
 TB_GETTER(ustring, getServerIp, server_ip)
 TB_GETTER(ustring, getSession, session)

@@ -27,6 +27,10 @@ class Settings {
     int getUIPort() const;
     bool isDaemon() const;
     bool useSSL() const;
+    // The server identity check of TLS connections ("ssl_ca_file": a PEM bundle;
+    // "ssl_pin": the SHA-256 fingerprint of the server's certificate); empty when unset.
+    ustring getSslCaFile() const;
+    ustring getSslPin() const;
     int getServerPort() const;
     ustring getServerIp() const;
     ustring getSession() const;
@@ -56,6 +60,8 @@ class Settings {
     bool is_daemon = true;
     ustring client_name = "user";
     bool use_ssl = false;
+    ustring ssl_ca_file;
+    ustring ssl_pin;
     ustring session = "InvalidSession";
     int server_port = 0;
     ustring server_ip = "InvalidAddress";

@@ -114,6 +114,8 @@ ConnectionPool::ConnectionPool(const ConnectionInfo& info, const ProxyInfo& prox
       m_session(info.session),
       m_server_port(info.server_port),
       m_use_ssl(info.use_ssl),
+      m_ssl_ca_file(info.ssl_ca_file),
+      m_ssl_pin(info.ssl_pin),
       m_size(size),
       m_avail_conn(size) {
     MutexLock lock(mutex);
@@ -197,6 +199,15 @@ bool ConnectionPool::useSSL() {
     return m_use_ssl;
 }
 
+TlsIdentity ConnectionPool::getTlsIdentity() {
+    MutexLock lock(mutex);
+    TlsIdentity identity;
+    identity.ca_file = m_ssl_ca_file;
+    identity.pin = m_ssl_pin;
+    identity.host = m_server_ip;
+    return identity;
+}
+
 uint64_t ConnectionPool::getConnectionId() {
     MutexLock lock(mutex);
     return m_conn_id;
@@ -212,6 +223,8 @@ void ConnectionPool::reloadConnection(const ConnectionInfo& info, const ProxyInf
     m_server_ip = info.server_ip;
     m_server_port = info.server_port;
     m_use_ssl = info.use_ssl;
+    m_ssl_ca_file = info.ssl_ca_file;
+    m_ssl_pin = info.ssl_pin;
     MakeConnections(proxy, tunnel);
     m_freeze = false;
     cond_leave_freeze.NotifyAll();

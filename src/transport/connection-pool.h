@@ -21,6 +21,7 @@
 #include "foundation/channel.h"
 #include "foundation/mutex.h"
 #include "foundation/ustring.h"
+#include "transport/ssl-channel.h"
 
 // How the server's address was found.
 enum ConnectionMode { CM_UNKNOW = 0, CM_IP = 1, CM_DDNS = 2, CM_SKYLOOP = 3 };
@@ -52,6 +53,11 @@ struct ConnectionInfo {
     ustring computer_name;
     bool use_ssl = true;
     long package_version = 0;
+    // The server's certificate must lead to this PEM bundle and name server_ip; empty:
+    // no such check. Taken from the daemon's configuration, not from the control message.
+    ustring ssl_ca_file;
+    // The SHA-256 fingerprint the server's certificate must have; empty: not pinned.
+    ustring ssl_pin;
 };
 
 struct ProxyInfo {
@@ -139,9 +145,12 @@ class ConnectionPool {
     ustring getServerIp();
     int getServerPort();
     bool useSSL();
+    // What a TLS login checks of the server: the info's ssl_ca_file and ssl_pin, with the
+    // server's address as the name the certificate must carry.
+    TlsIdentity getTlsIdentity();
     uint64_t getConnectionId();
 
-    // Rebuilds every connection for a new address, port, TLS choice, proxy or tunnel:
+    // Rebuilds every connection for a new address, port, TLS choice or check, proxy or tunnel:
     // waits until all borrowers have given theirs back (new borrowers wait meanwhile),
     // then replaces them all with closed connections. Session, client name and
     // connection id stay.
@@ -165,6 +174,8 @@ class ConnectionPool {
     ustring m_session GUARDED_BY(mutex);
     int m_server_port GUARDED_BY(mutex) = 0;
     bool m_use_ssl GUARDED_BY(mutex) = false;
+    ustring m_ssl_ca_file GUARDED_BY(mutex);
+    ustring m_ssl_pin GUARDED_BY(mutex);
     bool m_freeze GUARDED_BY(mutex) = false;
     size_t m_size GUARDED_BY(mutex) = 0;
     size_t m_avail_conn GUARDED_BY(mutex) = 0;

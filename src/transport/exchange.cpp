@@ -2,17 +2,11 @@
 #include "transport/exchange.h"
 
 #include "foundation/error-code.h"
+#include "transport/ssl-channel.h"
 
 std::atomic<unsigned long> g_server_version{0};
 
 namespace {
-
-std::atomic<TlsUpgradeFn> g_tls_upgrade{nullptr};
-
-int UpgradeToTls(Channel& ch) {
-    TlsUpgradeFn upgrade = g_tls_upgrade.load();
-    return upgrade != nullptr ? upgrade(ch) : ERR_INVAL;
-}
 
 // Puts the channel back at rest when an exchange ends, whichever way it ends.
 class RestoreAtRest {
@@ -50,13 +44,17 @@ int RequestTlsFirst(ServerCaller& caller, Channel& ch, PStream& stream) {
     return 0;
 }
 
-int ConvertToTls(ServerCaller& caller, Channel& ch) {
-    const int rc = UpgradeToTls(ch);
+// The client's side of the handshake, which the caller's stop interrupts. 0; -6 when the
+// server is not the one the pool names; -2.
+int ConvertToTls(ServerCaller& caller, ConnectionPool& pool, Channel& ch) {
+    ch.SetFlag(caller.CallerAbortFlag());
+    const int rc = ConvertToSSLChannel(ch, false, pool.getTlsIdentity());
+    ch.SetFlag(nullptr);
     if (rc < 0) {
         ExchangeEvent failed{NOTE_TLS_FAILED};
         failed.code = rc;
         caller.Note(failed);
-        return ERR_IO;
+        return rc == ERR_AUTH ? ERR_AUTH : ERR_IO;
     }
     caller.Note({NOTE_TLS_DONE});
     return 0;
@@ -82,10 +80,6 @@ int ReadGrant(ServerCaller& caller, const PObject& reply, uint32_t& alive) {
 }
 
 }  // namespace
-
-void SetTlsUpgrade(TlsUpgradeFn upgrade) {
-    g_tls_upgrade = upgrade;
-}
 
 int ServerExchange(ServerCaller& caller, Channel& ch, PStream& stream, uint8_t cmd,
                    const PObject& request, PObject& response, bool abortable_wait) {
@@ -137,7 +131,7 @@ int ServerLogin(ServerCaller& caller, ConnectionPool& pool, Connection& conn, ui
     const bool tls_in_connect = tls && caller.Tls() == ServerCaller::TLS_IN_CONNECT;
     if (tls && !tls_in_connect) {
         if ((rc = RequestTlsFirst(caller, ch, stream)) < 0) return rc;
-        if ((rc = ConvertToTls(caller, ch)) < 0) return rc;
+        if ((rc = ConvertToTls(caller, pool, ch)) < 0) return rc;
     }
 
     PObject request = AgentRequest("connect");
@@ -157,7 +151,7 @@ int ServerLogin(ServerCaller& caller, ConnectionPool& pool, Connection& conn, ui
     }
     uint32_t alive = 0;
     if ((rc = ReadGrant(caller, reply, alive)) < 0) return rc;
-    if (tls_in_connect && (rc = ConvertToTls(caller, ch)) < 0) return rc;
+    if (tls_in_connect && (rc = ConvertToTls(caller, pool, ch)) < 0) return rc;
     conn.Update(alive);
     return 0;
 }

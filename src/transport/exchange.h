@@ -88,19 +88,15 @@ int ServerExchange(ServerCaller& caller, Channel& ch, PStream& stream, uint8_t c
 
 // Makes a borrowed connection usable for `view_id`: nothing when its grant still runs;
 // otherwise a new TCP connection to the pool's server, TLS when the pool asks for it (in
-// the caller's style), and "connect" with the pool's session. The server's build goes to
-// g_server_version. 0 with the grant recorded; the TCP connection's code; -2 when TLS
-// fails or the server grants no keep-alive; the exchange's code; or, for an error in the
-// connect reply, the code the caller's table gives (0 for the codes it counts as success,
-// with no grant recorded). On failure the caller drops the connection.
+// the caller's style, the server's certificate checked against the pool's TlsIdentity
+// before anything more is sent), and "connect" with the pool's session. The server's build
+// goes to g_server_version. 0 with the grant recorded; the TCP connection's code; -6 when
+// the server's certificate does not match; -2 when TLS fails otherwise or the server grants
+// no keep-alive; the exchange's code; or, for an error in the connect reply, the code the
+// caller's table gives (0 for the codes it counts as success, with no grant recorded). On
+// failure the caller drops the connection.
 int ServerLogin(ServerCaller& caller, ConnectionPool& pool, Connection& conn, uint64_t view_id);
 
 // Closes the connection's channel and opens it to the pool's server. 0, or the channel's
 // code (logged through the caller).
 int ServerConnect(ServerCaller& caller, ConnectionPool& pool, Connection& conn);
-
-// Turns an open plain channel into TLS in place, as a client. The TLS module installs it
-// at start-up; while none is installed every conversion fails with -4, so a server that
-// agrees to TLS is left before anything else is sent.
-using TlsUpgradeFn = int (*)(Channel& ch);
-void SetTlsUpgrade(TlsUpgradeFn upgrade);

@@ -86,7 +86,7 @@ TEST(SettingsLoad, SetsPresentKeysAndKeepsFieldsOnFailure) {
     EXPECT_FALSE(s.useDeltaRealign());
     dir.write("conf",
               "db_path = /data/db\nworker_count = 5\nuse_ssl = True\nui_port = 4000\n"
-              "is_daemon = true\nserver_ip = '10.0.0.1'\ndelta_realign = true\n");
+              "is_daemon = true\nserver_ip = '10.0.0.1'\ndelta_realign = true\nssl_pin = 0A:FF\n");
     ASSERT_EQ(s.loadConfigSettings(dir.path() + "/conf"), 0);
     EXPECT_EQ(s.getDbPath(), ustring("/data/db"));
     EXPECT_EQ(s.getWorkerCount(), 5u);
@@ -94,6 +94,8 @@ TEST(SettingsLoad, SetsPresentKeysAndKeepsFieldsOnFailure) {
     EXPECT_TRUE(s.isDaemon());
     EXPECT_EQ(s.getServerIp(), ustring("10.0.0.1"));
     EXPECT_TRUE(s.useDeltaRealign());
+    EXPECT_EQ(s.getSslPin(), ustring("0A:FF"));
+    EXPECT_EQ(s.getSslCaFile(), ustring());
 
     dir.write("bad", "db_path = /other\nworker_count = two words\n");
     EXPECT_EQ(s.loadConfigSettings(dir.path() + "/bad"), -1);

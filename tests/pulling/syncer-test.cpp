@@ -23,6 +23,7 @@
 #include "events/manager-fixture.h"
 #include "foundation/error-code.h"
 #include "platform/clock.h"
+#include "server-certificate.h"
 #include "server/server-harness.h"
 #include "state/file-event-db.h"
 #include "state/file-status-db.h"
@@ -105,11 +106,17 @@ class SyncerConcurrency : public ::testing::Test {
     }
 
     void StartServer(const std::function<void(ServerOptions&)>& tweak = nullptr,
-                     bool use_ssl = false) {
+                     const std::function<void(ConnectionInfo&)>& client = nullptr) {
         g_pool = nullptr;
         pool.reset();
         server = std::make_unique<ServerHarness>(tweak);
-        pool = PoolFor(*server, use_ssl);
+        MakePool(client);
+    }
+    // A new pool for the same server.
+    void MakePool(const std::function<void(ConnectionInfo&)>& client) {
+        g_pool = nullptr;
+        pool.reset();
+        pool = PoolFor(*server, client);
         g_pool = pool.get();
     }
     void AddSession(uint64_t id, uint64_t view_id = 0) {
@@ -293,11 +300,42 @@ TEST_F(SyncerConcurrency, LoginOutcomes) {
     EXPECT_EQ(LogCount("Syncer: connection refused by server."), 1u);
     EXPECT_FALSE(pool->isConnected());
 
-    StartServer(nullptr, true);
+    StartServer([](ServerOptions& o) { o.tls = false; },
+                [](ConnectionInfo& c) { c.use_ssl = true; });
     EXPECT_EQ(PullOnce(), ERR_IO);
     EXPECT_EQ(LogCount("Syncer: request ssl channel"), 1u);
     EXPECT_EQ(LogCount("Syncer: request SSL: "), 1u);
     EXPECT_EQ(server->server->AcceptedCount(), 1u);
+}
+
+TEST_F(SyncerConcurrency, PullsOverTlsAndRefusesAServerThatIsNotTheConfiguredOne) {
+    std::string pin;
+    const auto pinned = [&pin](ConnectionInfo& c) {
+        c.use_ssl = true;
+        c.ssl_pin = pin.c_str();
+    };
+    StartServer();
+    ASSERT_EQ(server_certificate::Ensure(server->options.data_dir, "127.0.0.1", pin), 0);
+    Put("/a.txt", "a");
+    AddSession(1);
+    ASSERT_EQ(worker.Run(), 0);
+    MakePool(pinned);
+    EXPECT_EQ(PullOnce(), 0);
+    EXPECT_EQ(LogCount("Syncer: channel is now encrypted using SSL"), 1u);
+    EXPECT_EQ(worker.Take(), Paths{"/a.txt"});
+
+    loopback::Listener ui;
+    evtest::SetUIPort(ui.port());
+    pin = std::string(64, 'A');
+    MakePool(pinned);
+    const int rc = PullOnce();
+    EXPECT_EQ(rc, ERR_AUTH);
+    EXPECT_EQ(syncer.HandleError(rc), 1);
+    const PObject notice = evtest::NextNotice(ui);
+    EXPECT_EQ(notice["notify"].asString(), "error");
+    EXPECT_TRUE(notice.hasMember("connection_id"));
+    EXPECT_EQ(notice["error_type"].asInt32(), ERR_AUTH);
+    EXPECT_EQ(LogCount("Syncer >>>: {\"_action\": \"connect\""), 1u);  // the good login only
 }
 
 TEST_F(SyncerConcurrency, SessionsAllUpToDateSleepOnceForFiveSeconds) {

@@ -3,6 +3,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <sys/stat.h>
+
 #include <string>
 
 #include "server-harness.h"
@@ -12,6 +14,7 @@ namespace {
 
 using ::testing::ContainsRegex;
 using ::testing::HasSubstr;
+using ::testing::Not;
 
 // Runs the tool with a shell command line; the output (stdout and stderr) and exit status.
 int RunTool(const std::string& args, std::string& out) {
@@ -45,6 +48,27 @@ TEST(ServerCommandLine, InitPrintsAConfigurationAndTheTreeCommandsWork) {
     EXPECT_EQ(RunTool("ls", out), 2);
     EXPECT_NE(out.find("--data DIR is required"), std::string::npos) << out;
     EXPECT_EQ(RunTool(data + " --port 99999", out), 2);
+}
+
+TEST(ServerCommandLine, InitPinsTheCertificateItMakesOnceAndNoTlsPrintsAPlainSetup) {
+    TempDir dir;
+    const std::string data = dir.path() + "/data";
+    std::string out, again;
+    ASSERT_EQ(RunTool("init --data " + data, out), 0) << out;
+    EXPECT_THAT(out, HasSubstr("\nuse_ssl = true\nssl_pin = "));
+    RunResult openssl = RunProgram({"/usr/bin/openssl", "x509", "-in", data + "/tls/server.crt",
+                                    "-noout", "-fingerprint", "-sha256"});
+    const std::string pin = openssl.out.substr(openssl.out.find('=') + 1, 95);
+    EXPECT_THAT(out, HasSubstr("ssl_pin = " + pin + "\n"));
+    struct stat key {};
+    ASSERT_EQ(::stat((data + "/tls/server.key").c_str(), &key), 0);
+    EXPECT_EQ(key.st_mode & 0777, 0600u);
+
+    ASSERT_EQ(RunTool("init --data " + data + " --account bob --view bobs", again), 0) << again;
+    EXPECT_THAT(again, HasSubstr("ssl_pin = " + pin + "\n"));
+    ASSERT_EQ(RunTool("init --data " + data + " --account carol --no-tls", again), 0) << again;
+    EXPECT_THAT(again, HasSubstr("\nuse_ssl = false\n"));
+    EXPECT_THAT(again, Not(HasSubstr("ssl_pin")));
 }
 
 }  // namespace

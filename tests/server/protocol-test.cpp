@@ -6,7 +6,9 @@
 #include <chrono>
 #include <thread>
 
+#include "server-certificate.h"
 #include "server-harness.h"
+#include "transport/ssl-channel.h"
 
 namespace {
 
@@ -25,6 +27,31 @@ TEST(ServerProtocol, ConnectDescribesTheServerUnlessInLegacyMode) {
 PObject With(PObject req, const char* key, const PObject& value) {
     req[key] = value;
     return req;
+}
+
+TEST(ServerProtocol, TlsIsAgreedBeforeOrWithTheLoginOnceAndRefusedWhenOff) {
+    ServerHarness h;
+    std::string pin;
+    ASSERT_EQ(server_certificate::Ensure(h.options.data_dir, "127.0.0.1", pin), 0);
+    TlsIdentity pinned;
+    pinned.pin = pin.c_str();
+    WireClient before(h.port());
+    EXPECT_EQ(before.CodeOf(SCMD_REQUEST_SSL_2, h.Request("encrypt_channel")), 0u);
+    ASSERT_EQ(ConvertToSSLChannel(before.ch, false, pinned), 0);
+    EXPECT_EQ(before.CodeOf(SCMD_REQUEST_CONNECT, h.Request("connect")), 0u);
+    EXPECT_EQ(before.CodeOf(SCMD_REQUEST_SSL_2, h.Request("encrypt_channel")), SPROTO_ERR_VERSION);
+    WireClient with(h.port());
+    EXPECT_EQ(with.CodeOf(SCMD_REQUEST_CONNECT, With(h.Request("connect"), "do_ssl", true)), 0u);
+    ASSERT_EQ(ConvertToSSLChannel(with.ch, false, pinned), 0);
+    EXPECT_EQ(with.CodeOf(SCMD_EVT_PULL, h.Request("pull_event")), 0u);
+
+    ServerHarness plain([](ServerOptions& o) { o.tls = false; });
+    WireClient refused(plain.port());
+    EXPECT_EQ(refused.CodeOf(SCMD_REQUEST_SSL_2, plain.Request("encrypt_channel")),
+              SPROTO_ERR_VERSION);
+    EXPECT_EQ(refused.CodeOf(SCMD_REQUEST_CONNECT, With(plain.Request("connect"), "do_ssl", true)),
+              SPROTO_ERR_VERSION);
+    EXPECT_EQ(refused.CodeOf(SCMD_REQUEST_CONNECT, plain.Request("connect")), 0u);
 }
 
 TEST(ServerProtocol, EachErrorCodeComesWhereItShould) {
@@ -62,10 +89,6 @@ TEST(ServerProtocol, EachErrorCodeComesWhereItShould) {
         {"action under the wrong command", SCMD_EVT_RECV_4, pull, SPROTO_ERR_VERSION},
         {"unknown action", SCMD_RESUME_TRANSFER, h.Request("format_disk"), SPROTO_ERR_VERSION},
         {"not a map", SCMD_EVT_PULL, PObject(uint64_t{7}), SPROTO_ERR_VERSION},
-        {"encryption before TLS exists", SCMD_REQUEST_SSL_2,
-         With(h.Request("encrypt_channel"), "ssl_option", uint64_t{1}), SPROTO_ERR_VERSION},
-        {"TLS connect", SCMD_REQUEST_CONNECT, With(h.Request("connect"), "do_ssl", true),
-         SPROTO_ERR_VERSION},
         {"download of nothing", SCMD_RESUME_TRANSFER, With(download, "path", "/gone"),
          SPROTO_ERR_DOWNLOAD_NOFILE},
         {"unknown token", SCMD_RESUME_TRANSFER, With(download, "_resume_token", "no-such"),

@@ -116,13 +116,16 @@ class ServerHarness {
     ServerStore store;  // for setting up and looking at the server's state directly
 };
 
-// A daemon's pool of three connections to `server`, logged in as its account.
-inline std::unique_ptr<ConnectionPool> PoolFor(const ServerHarness& server, bool use_ssl = false) {
+// A daemon's pool of three connections to `server`, logged in as its account, plain unless
+// `client` changes the connection's settings.
+inline std::unique_ptr<ConnectionPool> PoolFor(
+    const ServerHarness& server, const std::function<void(ConnectionInfo&)>& client = nullptr) {
     ConnectionInfo info;
     info.server_ip = "127.0.0.1";
     info.server_port = server.port();
     info.session = server.user.session.c_str();
-    info.use_ssl = use_ssl;
+    info.use_ssl = false;
+    if (client) client(info);
     return std::make_unique<ConnectionPool>(info, ProxyInfo(), TunnelInfo(), 3);
 }
 

@@ -60,10 +60,12 @@ int Init(ServerStore& store, const std::string& account_name, const std::string&
     return txn.Commit();
 }
 
-void PrintClientConfig(FILE* out, const std::string& address, int port, const InitResult& init) {
+void PrintClientConfig(FILE* out, const std::string& address, int port, const std::string& pin,
+                       const InitResult& init) {
     std::fprintf(out, "server_ip = %s\n", address.c_str());
     std::fprintf(out, "server_port = %d\n", port);
-    std::fprintf(out, "use_ssl = false\n");
+    std::fprintf(out, "use_ssl = %s\n", pin.empty() ? "false" : "true");
+    if (!pin.empty()) std::fprintf(out, "ssl_pin = %s\n", pin.c_str());
     std::fprintf(out, "session = \"%s\"\n", init.session.c_str());
     std::fprintf(out, "view_id = %" PRIu64 "\n", init.view_id);
 }

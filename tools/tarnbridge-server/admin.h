@@ -23,8 +23,10 @@ struct InitResult {
 // A new account with a new view it may use.
 int Init(ServerStore& store, const std::string& account_name, const std::string& view_name,
          InitResult& out);
-// The lines a daemon configuration needs to reach this server and view.
-void PrintClientConfig(FILE* out, const std::string& address, int port, const InitResult& init);
+// The lines a daemon configuration needs to reach this server and view: over TLS, with the
+// certificate pinned, when `pin` (the certificate's fingerprint) is given; plain without.
+void PrintClientConfig(FILE* out, const std::string& address, int port, const std::string& pin,
+                       const InitResult& init);
 
 // A view named by its id or its name. 1 found, 0 not, -1.
 int ResolveView(ServerStore& store, const std::string& name_or_id, uint64_t& view_id);

@@ -1,7 +1,8 @@
 // main.cpp: the tarnbridge-server command line.
 //   tarnbridge-server --data DIR [--port P] [--listen ADDR] [--alive S] [--faults FILE]
-//                     [--keepalive S] [--versions N] [--legacy-2402] [--stats]
+//                     [--keepalive S] [--versions N] [--legacy-2402] [--no-tls] [--stats]
 //   tarnbridge-server init --data DIR [--view NAME] [--account NAME] [--port P] [--listen ADDR]
+//                          [--no-tls]
 //   tarnbridge-server ls --data DIR [VIEW [PATH]]
 //   tarnbridge-server put --data DIR VIEW LOCAL_FILE PATH [--mtime T]
 //   tarnbridge-server mkdir|rm --data DIR VIEW PATH
@@ -18,6 +19,7 @@
 
 #include "admin.h"
 #include "foundation/log.h"
+#include "server-certificate.h"
 #include "server-options.h"
 #include "server-path.h"
 #include "server.h"
@@ -29,9 +31,9 @@ namespace {
 const char* const kUsage =
     "usage: tarnbridge-server --data DIR [--port P] [--listen ADDR] [--alive SECONDS]\n"
     "                         [--faults FILE] [--keepalive SECONDS] [--versions N] "
-    "[--legacy-2402] [--stats]\n"
+    "[--legacy-2402] [--no-tls] [--stats]\n"
     "       tarnbridge-server init --data DIR [--view NAME] [--account NAME] [--port P] "
-    "[--listen ADDR]\n"
+    "[--listen ADDR] [--no-tls]\n"
     "       tarnbridge-server ls --data DIR [VIEW [PATH]]\n"
     "       tarnbridge-server put --data DIR VIEW LOCAL_FILE PATH [--mtime SECONDS]\n"
     "       tarnbridge-server mkdir --data DIR VIEW PATH\n"
@@ -61,6 +63,8 @@ int ParseArgs(int argc, char** argv, int first, Args& args) {
         unsigned long long n = 0;
         if (a == "--legacy-2402") {
             args.options.legacy_2402 = true;
+        } else if (a == "--no-tls") {
+            args.options.tls = false;
         } else if (a == "--stats") {
             args.stats = true;
         } else if (a == "--data" && has_value) {
@@ -169,10 +173,14 @@ int RunAdmin(const std::string& command, Args& args) {
     const std::vector<std::string>& p = args.positional;
     if (command == "init") {
         admin::InitResult init;
-        if (admin::Init(store, args.account_name, args.view_name, init) < 0) return 1;
+        std::string pin;
+        if (server_certificate::Ensure(args.options.data_dir, args.options.listen, pin) < 0 ||
+            admin::Init(store, args.account_name, args.view_name, init) < 0)
+            return 1;
         std::printf("# tarnbridge-server: account %" PRId64 ", view %" PRIu64 " (%s)\n",
                     init.account_id, init.view_id, args.view_name.c_str());
-        admin::PrintClientConfig(stdout, args.options.listen, args.options.port, init);
+        admin::PrintClientConfig(stdout, args.options.listen, args.options.port,
+                                 args.options.tls ? pin : std::string(), init);
         return 0;
     }
     if (command == "ls" && p.empty()) {

@@ -17,6 +17,9 @@ struct ServerOptions {
     uint32_t alive = 600;
     // Answer "connect" as the old server generation that doesn't describe itself.
     bool legacy_2402 = false;
+    // Agree to TLS when a client asks ("encrypt_channel", or "connect" with "do_ssl"),
+    // presenting the data folder's certificate; false refuses both, as a plain-only server.
+    bool tls = true;
     // A fault-injection file, re-read when it changes; empty for none.
     std::string faults_path;
     // A request still being worked on after this many seconds gets a keep-alive message,

@@ -12,8 +12,10 @@
 
 #include "foundation/log.h"
 #include "platform/net.h"
+#include "server-certificate.h"
 #include "server-store.h"
 #include "session.h"
+#include "transport/ssl-channel.h"
 
 namespace {
 
@@ -44,6 +46,7 @@ int Server::Start() {
                            "[NOTICE] server(%d): removed %d file(s) left by an earlier run\n",
                            __LINE__, removed);
     }
+    if (m_options.tls && UseCertificate() < 0) return -1;
     if (m_queue.Start(m_options.data_dir, m_options.versions_kept) < 0) return -1;
     sockaddr_in addr{};
     addr.sin_family = AF_INET;
@@ -69,6 +72,17 @@ int Server::Start() {
     ::getsockname(m_listen_fd, reinterpret_cast<sockaddr*>(&addr), &len);
     m_port = ntohs(addr.sin_port);
     m_acceptor = std::thread([this] { AcceptLoop(); });
+    return 0;
+}
+
+int Server::UseCertificate() {
+    std::string fingerprint;
+    if (server_certificate::Ensure(m_options.data_dir, m_options.listen, fingerprint) < 0)
+        return -1;
+    SetCERTPath(server_certificate::CertificatePath(m_options.data_dir).c_str());
+    SetPriKeyPath(server_certificate::KeyPath(m_options.data_dir).c_str());
+    Logger::LogMsg(Logger::L_INFO, kLog, "[INFO] server(%d): TLS certificate %s\n", __LINE__,
+                   fingerprint.c_str());
     return 0;
 }
 

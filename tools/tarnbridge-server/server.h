@@ -2,7 +2,9 @@
 // store whose records lack their contents), listens on the configured address and port,
 // and serves each connection on a thread of its own; one commit queue makes every change
 // and one timer sends every keep-alive. main runs one; tests run one in-process on a port
-// the system picks.
+// the system picks. With TLS on, the data folder's certificate (made when missing) is what
+// every TLS connection presents; it is process-wide, so servers sharing a process present
+// the certificate of the one started last.
 #pragma once
 
 #include <atomic>
@@ -44,6 +46,8 @@ class Server {
         std::unique_ptr<Session> session;
         std::thread thread;
     };
+    // Makes sure the certificate exists and presents it. 0 or -1.
+    int UseCertificate();
     void AcceptLoop();
     void Reap(bool all);
 

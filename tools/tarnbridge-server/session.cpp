@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <system_error>
 #include <thread>
+#include <utility>
 
 #include "download.h"
 #include "foundation/error-code.h"
@@ -17,6 +18,7 @@
 #include "resume.h"
 #include "server-path.h"
 #include "transport/proto-common.h"
+#include "transport/ssl-channel.h"
 #include "upload.h"
 
 namespace {
@@ -145,9 +147,11 @@ void Session::Run(platform::socket_t socket) {
         }
         RemoveSpooled(request);
         m_body.Discard();
+        const bool start_tls = std::exchange(m_start_tls, false) && code == 0;
         if (rc >= 0) rc = Answer(action, code, reply);
         std::error_code ec;
         if (!scratch.empty()) std::filesystem::remove(scratch, ec);
+        if (rc >= 0 && start_tls) rc = ConvertToSSLChannel(m_channel, true);
         if (rc < 0) break;
     }
     if (m_writing) m_queue.Writing(false);
@@ -231,6 +235,8 @@ int Session::ReadFileMember(PObject& file, const std::string& action, const std:
 uint32_t Session::Dispatch(uint8_t cmd, const std::string& action, const PObject& request,
                            PObject& reply, std::string& scratch) {
     uint8_t expected = CommandOf(action);
+    // The request for TLS carries no session: it comes before the login.
+    if (action == "encrypt_channel" && expected == cmd) return AcceptTls();
     if (expected == 0 || expected != cmd || action == "encrypt_channel") {
         Logger::LogMsg(Logger::L_NOTICE, kLog,
                        "[NOTICE] session(%d): refused '%s' under command %u\n", __LINE__,
@@ -255,7 +261,7 @@ uint32_t Session::Dispatch(uint8_t cmd, const std::string& action, const PObject
 uint32_t Session::Serve(const std::string& action, const PObject& request, int64_t account_id,
                         uint64_t view_id, PObject& reply, std::string& scratch) {
     if (action == "connect") {
-        if (request["do_ssl"].asBool()) return SPROTO_ERR_VERSION;
+        if (request["do_ssl"].asBool() && AcceptTls() != 0) return SPROTO_ERR_VERSION;
         if (!m_options.legacy_2402) {
             PObject& version = reply["server"]["package_version"];
             version["major"] = kServerMajor;
@@ -288,6 +294,12 @@ uint32_t Session::Serve(const std::string& action, const PObject& request, int64
     if (action == "resume_download")
         return HandleDownload(m_store, account_id, view_id, request, reply, scratch);
     return SPROTO_ERR_VERSION;
+}
+
+uint32_t Session::AcceptTls() {
+    if (!m_options.tls || m_channel.IsSSL()) return SPROTO_ERR_VERSION;
+    m_start_tls = true;
+    return 0;
 }
 
 void Session::NoteWriting(const std::string& action, const PObject& request) {

@@ -9,7 +9,9 @@
 // file so that what arrived survives a broken connection); other binaries land in the
 // spool folder and are removed when the request is done. The request is worked on by the
 // connection's own thread while the server's keep-alive timer watches it; its changes go
-// through the server's commit queue. Used by Server, one thread per connection.
+// through the server's commit queue. A client may turn the connection to TLS, by a request
+// of its own before the login or with the login, once; the handshake follows the reply.
+// Used by Server, one thread per connection.
 #pragma once
 
 #include <atomic>
@@ -54,6 +56,9 @@ class Session {
                       PObject& reply, std::string& scratch);
     uint32_t Serve(const std::string& action, const PObject& request, int64_t account_id,
                    uint64_t view_id, PObject& reply, std::string& scratch);
+    // Agrees to TLS, which starts once the reply is sent: 0, or SPROTO_ERR_VERSION when
+    // the server runs without TLS or the connection is encrypted already.
+    uint32_t AcceptTls();
     // Tells the commit queue whether this connection is sending changes now.
     void NoteWriting(const std::string& action, const PObject& request);
     // Sends the answer to a request: the page of a pull, or the reply map. 0 or a code.
@@ -66,9 +71,10 @@ class Session {
     CommitQueue& m_queue;
     KeepAlive& m_keep_alive;
     ServerStore m_store;
-    UploadBody m_body;       // of the request being served
-    PullPage m_page;         // the answer of a pull being served
-    bool m_writing = false;  // the last request was a change
+    UploadBody m_body;         // of the request being served
+    PullPage m_page;           // the answer of a pull being served
+    bool m_writing = false;    // the last request was a change
+    bool m_start_tls = false;  // the request being answered turns the connection to TLS
     CountingChannel m_channel;
     PStream m_stream;
     std::mutex m_socket_mutex;  // guards the socket against Stop while Run closes it
