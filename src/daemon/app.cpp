@@ -4,22 +4,11 @@
 #include <cstdio>
 #include <cstring>
 
-#include "events/event-manager.h"
-#include "filter/black-list-v2.h"
+#include "daemon/app-log.h"
 #include "foundation/log.h"
 #include "foundation/settings.h"
-#include "runtime/registry.h"
-#include "state/file-status-db.h"
-#include "state/filter-db.h"
-
-namespace {
-
-const ustring& component() {
-    static const ustring name("client_debug");
-    return name;
-}
-
-}  // namespace
+#include "runtime/task.h"
+#include "transport/connection-pool.h"
 
 Tarnbridge::Tarnbridge() = default;
 
@@ -31,7 +20,7 @@ int Tarnbridge::run() {
     try {
         msg_thread = std::thread(&Tarnbridge::do_main_loop, this);
     } catch (const std::system_error& e) {
-        Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] app(%d): pthread_create: %s (%d)\n",
+        Logger::LogMsg(Logger::L_ERR, kAppLog, "[ERROR] app(%d): pthread_create: %s (%d)\n",
                        __LINE__, e.what(), e.code().value());
         return -1;
     }
@@ -71,14 +60,14 @@ void Tarnbridge::kill() {
 }
 
 void Tarnbridge::do_main_loop() {
-    Logger::LogMsg(Logger::L_INFO, component(),
+    Logger::LogMsg(Logger::L_INFO, kAppLog,
                    "[INFO] app(%d): main thread starts receiving messages\n", __LINE__);
     while (app_running.load() != 0) {
         msg_t m;
         {
             std::unique_lock<std::mutex> lock(msg_lock);
             if (msg_queue.empty())
-                Logger::LogMsg(Logger::L_DEBUG, component(),
+                Logger::LogMsg(Logger::L_DEBUG, kAppLog,
                                "[DEBUG] app(%d): waiting for instructions\n", __LINE__);
             msg_cond.wait(lock, [&] { return !msg_queue.empty(); });
             m = msg_queue.front();
@@ -92,11 +81,11 @@ void Tarnbridge::do_main_loop() {
         *m.done = true;
         m.cond->notify_one();
     }
-    Logger::LogMsg(Logger::L_INFO, component(), "[INFO] app(%d): main thread down\n", __LINE__);
+    Logger::LogMsg(Logger::L_INFO, kAppLog, "[INFO] app(%d): main thread down\n", __LINE__);
 }
 
 void Tarnbridge::handle_control(const PObject& msg, PObject& result) {
-    Logger::LogMsg(Logger::L_DEBUG, component(), "[DEBUG] app(%d): >>> %s\n", __LINE__,
+    Logger::LogMsg(Logger::L_DEBUG, kAppLog, "[DEBUG] app(%d): >>> %s\n", __LINE__,
                    msg.toString().c_str_utf8());
     if (!msg.hasMember("action")) return;
     const ustring action = msg["action"].asString();
@@ -129,7 +118,7 @@ void Tarnbridge::handle_control(const PObject& msg, PObject& result) {
     } else if (action == "get_status") {
         get_status(msg, result);
     }
-    Logger::LogMsg(Logger::L_DEBUG, component(), "[DEBUG] app(%d): <<< %s\n", __LINE__,
+    Logger::LogMsg(Logger::L_DEBUG, kAppLog, "[DEBUG] app(%d): <<< %s\n", __LINE__,
                    result.toString().c_str_utf8());
 }
 
@@ -160,103 +149,18 @@ void Tarnbridge::usage() {
 void Tarnbridge::print_settings() {
     Settings& s = Settings::getInstance();
     auto line = [](const char* format, const char* value) {
-        Logger::LogMsg(Logger::L_DEBUG, component(), format, __LINE__, value);
+        Logger::LogMsg(Logger::L_DEBUG, kAppLog, format, __LINE__, value);
     };
-    Logger::LogMsg(Logger::L_DEBUG, component(), "[DEBUG] app(%d): ======= Settings =======\n",
+    Logger::LogMsg(Logger::L_DEBUG, kAppLog, "[DEBUG] app(%d): ======= Settings =======\n",
                    __LINE__);
     line("[DEBUG] app(%d): db_path: %s\n", s.getDbPath().c_str_utf8());
     line("[DEBUG] app(%d): pid_file_path: %s\n", s.getPidFilePath().c_str_utf8());
     line("[DEBUG] app(%d): log_file_path: %s\n", s.getLogFilePath().c_str_utf8());
     line("[DEBUG] app(%d): log_level_file_path: %s\n", s.getLogLevelFilePath().c_str_utf8());
-    Logger::LogMsg(Logger::L_DEBUG, component(), "[DEBUG] app(%d): worker_count: %u\n", __LINE__,
+    Logger::LogMsg(Logger::L_DEBUG, kAppLog, "[DEBUG] app(%d): worker_count: %u\n", __LINE__,
                    static_cast<unsigned>(s.getWorkerCount()));
     line("[DEBUG] app(%d): socket_path: %s\n", s.getSocketPath().c_str_utf8());
     line("[DEBUG] app(%d): is_daemon: %s\n", s.isDaemon() ? "true" : "false");
     line("[DEBUG] app(%d): fstat_db_path: %s\n", s.getFStatDbPath().c_str_utf8());
     line("[DEBUG] app(%d): filter_db_path: %s\n", s.getFilterDbPath().c_str_utf8());
-}
-
-int Tarnbridge::do_link(const PObject&, PObject& reply) {
-    Logger::LogMsg(Logger::L_INFO, component(), "[INFO] app(%d): upload delta mode: %s\n", __LINE__,
-                   Settings::getInstance().useDeltaRealign() ? "realigned" : "chunked");
-    if (init_env() != 0) {
-        Logger::LogMsg(Logger::L_ERR, component(),
-                       "[ERROR] app(%d): failed to initialize environment\n", __LINE__);
-        reply["error"] = "Failed to initialize environment";
-        return -1;
-    }
-    return 0;
-}
-
-int Tarnbridge::do_unlink(const PObject&, PObject&) {
-    Logger::LogMsg(Logger::L_INFO, component(), "[INFO] app(%d): unlink daemon\n", __LINE__);
-    destroy_env();
-    return 0;
-}
-
-int Tarnbridge::init_env() {
-    print_settings();
-    Settings& s = Settings::getInstance();
-    ustring filter_db = s.getFilterDbPath();
-    if (FilterDB::getInstance().initialize(filter_db) != 0) {
-        Logger::LogMsg(Logger::L_ERR, component(),
-                       "[ERROR] app(%d): Failed to init filter DB at [%s]\n", __LINE__,
-                       filter_db.c_str_utf8());
-        return -1;
-    }
-    // Per-file status always starts empty: badges left by a crash must not linger.
-    FileStatusDB::initialize(s.getFStatDbPath());
-    FileStatusDB::removeAllEntry();
-    ustring system_filter = s.getSystemFilterPath();
-    if (BlackList2::getInstance().Load(system_filter) != 0) {
-        Logger::LogMsg(Logger::L_ERR, component(),
-                       "[ERROR] app(%d): Failed to load system filter from %s.\n", __LINE__,
-                       system_filter.c_str_utf8());
-        return -1;
-    }
-    return 0;
-}
-
-void Tarnbridge::destroy_env() {
-    FilterDB::getInstance().destroy();
-    FileStatusDB::destroy();
-    BlackList2::getInstance().Destroy();
-    EventManager::getInstance().Clear();
-    Registry::getInstance().Clear();
-}
-
-int Tarnbridge::pause(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::resume(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::create_connections(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::reload_connection(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::unlink_connection(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::reload_session(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::add_session(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::remove_session(const PObject&, PObject&) {
-    return 0;
-}
-
-int Tarnbridge::get_status(const PObject&, PObject&) {
-    return 0;
 }

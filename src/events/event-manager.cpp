@@ -352,6 +352,14 @@ int EventManager::SyncedEvent2FStatDB(const ustring& path) {
     return 0;
 }
 
+void EventManager::RemoveSession(uint64_t sess_id) {
+    MutexLock lock(m_lock);
+    auto it = pool_index.find(sess_id);
+    if (it == pool_index.end()) return;
+    std::erase(ready_queue, it->second.get());
+    pool_index.erase(it);
+}
+
 void EventManager::Clear() {
     MutexLock lock(m_lock);
     registry.clear();

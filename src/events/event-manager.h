@@ -102,6 +102,9 @@ class EventManager {
     // Drops the status row of the absolute `path`: it is in sync. 0; -1.
     static int SyncedEvent2FStatDB(const ustring& path);
 
+    // Frees the pool of a removed session: its pending work is not carried out. A task
+    // still holding one of its events lets go of it as of a session that is gone.
+    void RemoveSession(uint64_t sess_id) EXCLUDES(m_lock);
     // Frees every pool and forgets every task.
     void Clear() EXCLUDES(m_lock);
 

@@ -88,6 +88,7 @@ void Syncer::DoTask() {
             continue;
         }
         if (UpdateContext() < 0 || !IsSessionReady()) {
+            ReleaseContext();
             Wait(1);
             continue;
         }
@@ -96,6 +97,7 @@ void Syncer::DoTask() {
             Logger::LogMsg(Logger::L_CRIT, kLog, "[CRIT] syncer(%d): abort()\n", __LINE__);
             action = 1;
         }
+        ReleaseContext();
         Wait(WaitAfter(action));
     }
 }
@@ -122,6 +124,13 @@ int Syncer::UpdateContext() {
     }
     context.sync_id = 0;
     return 0;
+}
+
+void Syncer::ReleaseContext() {
+    Registry::Entry ids;
+    ids.sess_id = context.entry.sess_id;
+    ids.view_id = context.entry.view_id;
+    context.entry = ids;
 }
 
 bool Syncer::IsSessionReady() {

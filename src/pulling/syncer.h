@@ -59,6 +59,9 @@ class Syncer : public Task, private ServerCaller {
 
     // Moves to the next session, wrapping round. 0; -1 when there is none.
     int UpdateContext();
+    // Lets go of the session's objects between rounds, keeping its ids for the walk and the log, so
+    // that the session can be removed while the task sleeps.
+    void ReleaseContext();
     // False while the session is paused or a selective-sync resumption runs for it.
     bool IsSessionReady();
     // The action for a result (0 go on, 1 wait 3 s, 2 wait 120 s, above 2 wait 3 s, -1

@@ -41,6 +41,13 @@ size_t Registry::Size() {
     return m_table.size();
 }
 
+std::vector<uint64_t> Registry::Ids() {
+    MutexLock guard(m_mutex);
+    std::vector<uint64_t> ids;
+    for (const auto& [id, entry] : m_table) ids.push_back(id);
+    return ids;
+}
+
 int Registry::Find(uint64_t sess_id, Entry& entry) {
     MutexLock guard(m_mutex);
     auto it = m_table.find(sess_id);

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <map>
 #include <memory>
+#include <vector>
 
 #include "foundation/mutex.h"
 #include "foundation/ustring.h"
@@ -70,6 +71,8 @@ class Registry {
     Registry& operator=(const Registry&) = delete;
 
     size_t Size() EXCLUDES(m_mutex);
+    // The ids in the table, in order.
+    std::vector<uint64_t> Ids() EXCLUDES(m_mutex);
     // 1 and a copy of the session's entry; 0 when absent.
     int Find(uint64_t sess_id, Entry& entry) EXCLUDES(m_mutex);
     // A circular walk in id order: the entry after `sess_id`, the first after the last,

@@ -138,7 +138,7 @@ TEST_F(ControlledDaemon, ControllerRefusesStartsPastABusyPortSendsRequestsAndSto
     RunResult link = controller({"send", "--config", home.config, "link"});
     EXPECT_EQ(link.status, 0);
     EXPECT_EQ(link.out, "{\"ack\": \"ok\"}\n");
-    RunResult typed = controller({"send", "--config", home.config, "add_session",
+    RunResult typed = controller({"send", "--config", home.config, "reload_setting",
                                   "x:={\"a\": [1, \"caf\\u00e9\", null, true, -1], \"m\": {}}",
                                   "n=42", "s=hello", "huge=99999999999999999999", "empty="});
     EXPECT_EQ(typed.status, 0) << typed.out;
@@ -151,7 +151,7 @@ TEST_F(ControlledDaemon, ControllerRefusesStartsPastABusyPortSendsRequestsAndSto
     const std::string log = home.log_text();
     EXPECT_NE(log.find("Bind port " + std::to_string(control + 1) + " failed, try next one"),
               std::string::npos);
-    EXPECT_NE(log.find("recieve msg >>> {\"action\": \"add_session\", \"empty\": \"\", "
+    EXPECT_NE(log.find("recieve msg >>> {\"action\": \"reload_setting\", \"empty\": \"\", "
                        "\"huge\": \"99999999999999999999\", \"n\": 42, \"s\": \"hello\", "
                        "\"x\": {\"a\": [1, \"caf\xC3\xA9\", null, 1, "
                        "18446744073709551615], \"m\": {}}}"),

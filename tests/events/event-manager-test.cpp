@@ -206,4 +206,23 @@ TEST_F(StatusAndNotices, ClearForgetsEverything) {
     EXPECT_EQ(mgr.PullEvent(&worker, e), -1);
 }
 
+// A removed session's waiting work goes, held events included; the other session's
+// stays and keeps its turn.
+TEST_F(StatusAndNotices, RemovingASessionDropsOnlyItsWork) {
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/held")));
+    mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/waiting")));
+    mgr.PushServerEvent(In(2, Server(Event::EV_MODIFY, "/other", 3)));
+    RecordingTask worker, other;
+    Event held, e;
+    ASSERT_EQ(mgr.PullEvent(&worker, held), 0);
+    ASSERT_EQ(held.m_sess_id, 1u);
+    mgr.RemoveSession(1);
+    EXPECT_EQ(mgr.GetAllPendingEventCount(1), 0);
+    EXPECT_EQ(mgr.DoneEvent(&worker, held), 0);
+    ASSERT_EQ(mgr.PullEvent(&other, e), 0);
+    EXPECT_EQ(e.m_path, ustring("/other"));
+    ASSERT_EQ(mgr.DoneEvent(&other, e), 0);
+    EXPECT_EQ(mgr.PullEvent(&other, e), -1);
+}
+
 }  // namespace

@@ -1,0 +1,69 @@
+// server-process.cpp: starting the reference server and running its tree commands.
+#include "harness/server-process.h"
+
+#include <regex>
+
+ServerProcess::ServerProcess() {
+    WriteFile(m_faults, "");
+    std::string out;
+    if (!Command("init", {"--port", "0"}, &out)) return;
+    std::smatch match;
+    if (!std::regex_search(out, match, std::regex("session = \"([0-9a-f]+)\"\nview_id = (\\d+)")))
+        return;
+    m_session = match[1];
+    m_view_id = std::stoull(match[2]);
+    m_process = std::make_unique<ChildProcess>(std::vector<std::string>{
+        kServerBinary, "--data", m_data, "--port", "0", "--faults", m_faults});
+    if (!m_process->WaitForOutput(" port ", 15)) return;
+    const std::string started = m_process->Out();
+    if (std::regex_search(started, match, std::regex("listening on \\S+ port (\\d+)")))
+        m_port = std::stoi(match[1]);
+}
+
+ServerProcess::~ServerProcess() {
+    if (m_process) m_process->Kill(SIGTERM);
+}
+
+void ServerProcess::WriteFaults(const std::string& text) {
+    // Written beside it and renamed, so the server never reads half a file.
+    WriteFile(m_faults + ".new", text);
+    std::rename((m_faults + ".new").c_str(), m_faults.c_str());
+}
+
+bool ServerProcess::Command(const std::string& verb, const std::vector<std::string>& args,
+                            std::string* out) {
+    std::vector<std::string> argv = {kServerBinary, verb, "--data", m_data};
+    argv.insert(argv.end(), args.begin(), args.end());
+    RunResult run = RunProgram(argv);
+    if (out != nullptr) *out = run.out;
+    return run.status == 0;
+}
+
+bool ServerProcess::Put(const std::string& path, const std::string& bytes) {
+    const std::string local = m_dir / ("put-" + std::to_string(++m_puts));
+    if (!WriteFile(local, bytes)) return false;
+    return Command("put", {std::to_string(m_view_id), local, path});
+}
+
+bool ServerProcess::Mkdir(const std::string& path) {
+    return Command("mkdir", {std::to_string(m_view_id), path});
+}
+
+bool ServerProcess::Rm(const std::string& path) {
+    return Command("rm", {std::to_string(m_view_id), path});
+}
+
+bool ServerProcess::Mv(const std::string& from, const std::string& to) {
+    return Command("mv", {std::to_string(m_view_id), from, to});
+}
+
+bool ServerProcess::Listing(Tree& tree) {
+    std::string out;
+    if (!Command("ls", {std::to_string(m_view_id)}, &out)) return false;
+    tree = ParseServerListing(out);
+    return true;
+}
+
+std::string ServerProcess::Output() const {
+    return m_process ? m_process->Out() : std::string();
+}

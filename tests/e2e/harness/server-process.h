@@ -1,0 +1,58 @@
+// server-process.h: the reference server as a child process for the end-to-end tests: its
+// own data folder with one account and view, a port the system picks, a fault file, and
+// the server-side changes and listing of its command line.
+#pragma once
+
+#include <cstdint>
+#include <memory>
+#include <string>
+
+#include "harness/tree.h"
+#include "support/process.h"
+#include "support/temp-dir.h"
+
+class ServerProcess {
+  public:
+    // Makes the account and view and starts the server; ok() tells whether it serves.
+    ServerProcess();
+    // Stops the server.
+    ~ServerProcess();
+    ServerProcess(const ServerProcess&) = delete;
+    ServerProcess& operator=(const ServerProcess&) = delete;
+
+    bool ok() const { return m_port > 0; }
+    int port() const { return m_port; }
+    // The account's session token and its view, as a daemon logs in with them.
+    const std::string& session() const { return m_session; }
+    uint64_t view_id() const { return m_view_id; }
+    const std::string& data_dir() const { return m_data; }
+
+    // Replaces the fault file, which the server reads again when it changes.
+    void WriteFaults(const std::string& text);
+
+    // Changes made on the server's side, as another client would. Each gets sync ids and
+    // shows in pulls. True when the command succeeded.
+    bool Put(const std::string& path, const std::string& bytes);
+    bool Mkdir(const std::string& path);
+    bool Rm(const std::string& path);
+    bool Mv(const std::string& from, const std::string& to);
+    // The view's tree now, into `tree`; false when it could not be listed.
+    bool Listing(Tree& tree);
+
+    // The output of the server so far.
+    std::string Output() const;
+
+  private:
+    // Runs a command of the server's command line on the data folder; true for exit 0.
+    bool Command(const std::string& verb, const std::vector<std::string>& args,
+                 std::string* out = nullptr);
+
+    TempDir m_dir;
+    std::string m_data = m_dir / "data";
+    std::string m_faults = m_dir / "faults";
+    std::string m_session;
+    uint64_t m_view_id = 0;
+    int m_port = -1;
+    int m_puts = 0;  // names the local files that Put sends
+    std::unique_ptr<ChildProcess> m_process;
+};
