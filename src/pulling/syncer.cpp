@@ -238,6 +238,7 @@ int Syncer::ProcessEvents(const PObject& response) {
                            "[DEBUG] syncer(%d): all session is uptodate, wait for 5 seconds.\n",
                            __LINE__);
             uptodate_set.clear();
+            ReleaseContext();
             Wait(5);
         }
         return 0;

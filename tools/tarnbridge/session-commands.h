@@ -1,0 +1,23 @@
+// session-commands.h: the controller's commands for sessions, so that a person can run a
+// sync without writing control maps: add a folder, see how things stand, pause, resume
+// and remove; and the bringing back of the recorded sessions when the daemon starts.
+#pragma once
+
+#include <string>
+
+#include "controller-state.h"
+
+// tarnbridge add --config FILE --folder DIR --server HOST:PORT --session TOKEN --view ID
+//                [--session-id N] [--json]
+int run_add(int argc, char** argv);
+// tarnbridge status [--config FILE] [--watch] [--json]
+int run_status(int argc, char** argv);
+// tarnbridge pause|resume|remove [--config FILE] [--session-id N]
+int run_pause(int argc, char** argv);
+int run_resume(int argc, char** argv);
+int run_remove(int argc, char** argv);
+
+// Links the daemon just started (`state` holds its port), connects it to the recorded
+// server, adds every recorded session and resumes those a person did not pause. 0; 1 when
+// any step failed, each failure told on the error stream (the rest is still done).
+int restore_sessions(const std::string& config, const ControllerState& state);
