@@ -55,6 +55,22 @@ bool IsWithin(const ustring& inner, const ustring& outer) {
     return a.size() == b.size() || b == "/" || a[b.size()] == '/';
 }
 
+// Two sessions on one folder, or one inside the other, would each take the other's
+// changes for their own. True (logged) when `local_path` meets a session's folder.
+bool OverlapsASession(const ustring& local_path) {
+    for (uint64_t id : Registry::getInstance().Ids()) {
+        Registry::Entry entry;
+        if (Registry::getInstance().Find(id, entry) != 1) continue;
+        if (!IsWithin(local_path, entry.local_path) && !IsWithin(entry.local_path, local_path))
+            continue;
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): sync folder (%s) overlaps the folder of session %llu\n",
+                       __LINE__, local_path.c_str_utf8(), static_cast<ull>(id));
+        return true;
+    }
+    return false;
+}
+
 // True while some task other than the caller still holds a copy of the session's entry.
 bool SessionInUse(uint64_t sess_id) {
     Registry::Entry entry;
@@ -250,6 +266,10 @@ int Tarnbridge::add_session(const PObject& request, PObject& reply) {
         return -1;
     }
     existing.clear();
+    if (OverlapsASession(session.local_path)) {
+        reply["error"] = "Failed to create registry entry.";
+        return -1;
+    }
     Logger::LogMsg(Logger::L_INFO, kAppLog,
                    "[INFO] app(%d): rescan syncfolder for session '%llu' do_merge[%d].\n", __LINE__,
                    static_cast<ull>(session.sess_id), do_merge ? 1 : 0);

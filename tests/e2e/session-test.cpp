@@ -107,8 +107,10 @@ TEST(SessionCommands, RefusalsGiveAnErrorChangeNothingAndTheDaemonServesOn) {
     world.WriteLocal(1, "/a-file", "keep me");
     const std::string file = world.Folder(1) + "/a-file";
     WriteFile(world.ConfigFolder(2) + "/db", "not a folder");
+    fs::create_directories(world.Folder(1) + "/inner");
     for (const PObject& bad :
          {With(world.SessionRequest(2), "sync_folder", file.c_str()),
+          With(world.SessionRequest(2), "sync_folder", (world.Folder(1) + "/inner").c_str()),
           With(world.SessionRequest(2), "sync_folder", "/nonexistent/x"),
           With(world.SessionRequest(2), "config_path", file.c_str()),
           With(world.SessionRequest(2), "config_path", (world.Folder(2) + "/").c_str()),
@@ -126,9 +128,9 @@ TEST(SessionCommands, RefusalsGiveAnErrorChangeNothingAndTheDaemonServesOn) {
     EXPECT_EQ(status["connection_list"][0]["connection_id"].asUInt64(), SyncWorld::kConnectionId);
     EXPECT_EQ(daemon.Stop(), 0);
     const std::string log = daemon.Log();
-    for (const char* text :
-         {"the daemon is already linked", "local watch folder (", "local config folder (",
-          "lies in the sync folder", "Failed to create folder "})
+    for (const char* text : {"the daemon is already linked", "local watch folder (",
+                             "local config folder (", "lies in the sync folder",
+                             "Failed to create folder ", "overlaps the folder of session 1"})
         EXPECT_NE(log.find(text), std::string::npos) << text;
 }
 
