@@ -19,6 +19,7 @@
 class ConnectionPool;
 class Detector;
 class Task;
+class Worker;
 
 // One queued request. All pointers belong to the sender. A message nobody waits for has
 // null result, mutex, cond and done.
@@ -127,6 +128,8 @@ class Tarnbridge {
     void drop_session(uint64_t sess_id);
     // The task of slot 0; null while unlinked.
     Detector* detector() const;
+    // The tasks of slots 4 up; none while unlinked.
+    std::vector<Worker*> workers() const;
 
     // Connections: "link_connection", "reload_connection", "unlink_connection".
     int create_connections(const PObject& request, PObject& reply);

@@ -9,6 +9,7 @@
 #include "runtime/registry.h"
 #include "runtime/task.h"
 #include "transport/connection-pool.h"
+#include "worker/worker.h"
 
 namespace {
 
@@ -127,5 +128,22 @@ int Tarnbridge::get_status(const PObject&, PObject& reply) {
         item["status"] = m_pool->isConnected() ? "connected" : "disconnected";
         reply["connection_list"] = PObject::array_type{item};
     }
+    PObject::array_type working;
+    for (Worker* w : workers()) {
+        PObject item;
+        uint64_t session_id = 0, progress = 0, total = 0;
+        ustring path;
+        Worker::WorkingType type = Worker::W_TYPE_NONE;
+        w->GetWorkingStatus(session_id, path, type, progress, total);
+        // A worker between files, or looking at a folder, has nothing to show.
+        if (type == Worker::W_TYPE_NONE) continue;
+        item["session_id"] = session_id;
+        item["path"] = path;
+        item["status"] = type == Worker::W_TYPE_UPLOAD ? "uploading" : "downloading";
+        item["progress"] = progress;
+        item["total_size"] = total;
+        working.push_back(item);
+    }
+    if (!working.empty()) reply["worker_list"] = working;
     return 0;
 }

@@ -6,6 +6,7 @@
 #include "daemon/app-log.h"
 #include "daemon/app.h"
 #include "daemon/request-keys.h"
+#include "daemon/worker-drop.h"
 #include "events/detector.h"
 #include "events/event-manager.h"
 #include "filter/black-list-v2.h"
@@ -21,6 +22,7 @@
 #include "state/file-status-db.h"
 #include "state/filter-db.h"
 #include "transport/connection-pool.h"
+#include "worker/worker.h"
 
 namespace {
 
@@ -191,6 +193,8 @@ int Tarnbridge::init_tasks() {
     task.resize(worker_count + 3);
     task[kDetectorSlot] = std::make_unique<Detector>();
     task[kSyncerSlot] = std::make_unique<Syncer>();
+    for (size_t slot = kFirstWorkerSlot; slot < task.size(); ++slot)
+        task[slot] = std::make_unique<Worker>();
     Logger::LogMsg(Logger::L_DEBUG, kAppLog, "[DEBUG] app(%d): totally %lu tasks\n", __LINE__,
                    static_cast<unsigned long>(task.size()));
     return 0;
@@ -212,6 +216,13 @@ void Tarnbridge::stop_all() {
 void Tarnbridge::destroy_members() {
     task.clear();
     destroy_connections();
+}
+
+std::vector<Worker*> Tarnbridge::workers() const {
+    std::vector<Worker*> list;
+    for (size_t slot = kFirstWorkerSlot; slot < task.size(); ++slot)
+        list.push_back(static_cast<Worker*>(task[slot].get()));
+    return list;
 }
 
 Detector* Tarnbridge::detector() const {
@@ -521,6 +532,5 @@ void Tarnbridge::resumeRegistry(uint64_t sess_id) {
 }
 
 void Tarnbridge::drop_session(uint64_t sess_id) {
-    Logger::LogMsg(Logger::L_INFO, kAppLog, "[INFO] app(%d): drop session %llu done\n", __LINE__,
-                   static_cast<ull>(sess_id));
+    DropSessionFromWorkers(workers(), sess_id);
 }
