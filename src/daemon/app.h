@@ -95,7 +95,8 @@ class Tarnbridge {
     int do_unlink(const PObject& request, PObject& reply);
     int init_env();
     void destroy_env();
-    // The task array: slot 0 the detector, 2 the syncer, 4 to the end the workers.
+    // The task array: slot 0 the detector, 1 the recycle cleaner, 2 the syncer, 4 to the
+    // end the workers.
     // -1 (logged) for a worker count the daemon cannot run with.
     int init_tasks();
     void start_all();
@@ -141,8 +142,8 @@ class Tarnbridge {
     // Made by "link_connection" and published as g_pool until "unlink". Declared before
     // the tasks, so that it outlives them.
     std::unique_ptr<ConnectionPool> m_pool;
-    // The tasks by slot; empty while unlinked. The recycle cleaner's and the progress
-    // syncer's slots stay empty until those tasks exist.
+    // The tasks by slot; empty while unlinked. The progress syncer's slot stays empty
+    // until that task exists.
     std::vector<std::unique_ptr<Task>> task;
     // Between a "link" that succeeded and the next "unlink".
     bool linked = false;

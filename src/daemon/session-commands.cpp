@@ -17,7 +17,9 @@
 #include "foundation/settings.h"
 #include "pulling/progress-cache.h"
 #include "pulling/syncer.h"
+#include "runtime/recycle-cleaner.h"
 #include "runtime/registry.h"
+#include "runtime/session-folders.h"
 #include "state/file-event-db.h"
 #include "state/file-status-db.h"
 #include "state/filter-db.h"
@@ -192,6 +194,7 @@ int Tarnbridge::init_tasks() {
     }
     task.resize(worker_count + 3);
     task[kDetectorSlot] = std::make_unique<Detector>();
+    task[kRecycleCleanerSlot] = std::make_unique<RecycleCleaner>();
     task[kSyncerSlot] = std::make_unique<Syncer>();
     for (size_t slot = kFirstWorkerSlot; slot < task.size(); ++slot)
         task[slot] = std::make_unique<Worker>();
@@ -407,18 +410,7 @@ int Tarnbridge::create_session_environment(const ustring& local_path, const ustr
                        __LINE__, sign.c_str_utf8());
         return -1;
     }
-    const ustring working = local_path + "/" + Detector::kWorkingDirectory;
-    FSRemove(working, false);
-    FSMKDir(working);
-    // Something that is not a folder of ours (a link, say) stays where it is, and the
-    // session is not started on top of it.
-    if (!IsFolder(working)) {
-        Logger::LogMsg(Logger::L_ERR, kAppLog,
-                       "[ERROR] app(%d): working directory (%s) is not a directory\n", __LINE__,
-                       working.c_str_utf8());
-        return -1;
-    }
-    if (FSMKDir(working + "/" + Detector::kRecycleBin) < 0) {
+    if (session_folders::ResetWorkingDirectory(local_path) < 0) {
         Logger::LogMsg(Logger::L_ERR, kAppLog,
                        "[ERROR] app(%d): Failed to create recycle bin directory.\n", __LINE__);
         return -1;
@@ -486,11 +478,17 @@ int Tarnbridge::remove_one_session(uint64_t sess_id, PObject& reply) {
         reply["error"] = "Remove session without puase";
         return -1;
     }
-    // A paused session's objects are let go of within a round of the task that holds them.
+    // A paused session's objects are let go of within a round of the task that holds them;
+    // one may take a copy again between the look and the Clear, which then refuses.
     const auto deadline = std::chrono::steady_clock::now() + kReleaseLimit;
-    while (SessionInUse(sess_id) && std::chrono::steady_clock::now() < deadline)
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    if (Registry::getInstance().Clear(sess_id) < 0) {
+    bool cleared = false;
+    while (!cleared && std::chrono::steady_clock::now() < deadline) {
+        if (SessionInUse(sess_id))
+            std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        else
+            cleared = Registry::getInstance().Clear(sess_id) == 0;
+    }
+    if (!cleared) {
         Logger::LogMsg(Logger::L_ERR, kAppLog,
                        "[ERROR] app(%d): session %llu is still in use, stop remove\n", __LINE__,
                        static_cast<ull>(sess_id));

@@ -21,7 +21,8 @@ ustring RecycleBinDir(const ustring& local_path);
 // A session's start: removes the working directory with everything in it (what a crash
 // left there is worth nothing now) and makes it and the recycle bin anew. The bin's
 // records in the session's database must be emptied with it. 0; -1 when the bin can't be
-// made.
+// made, or when something other than a directory (a link) stands in the working
+// directory's place, which is then left as it is.
 int ResetWorkingDirectory(const ustring& local_path);
 
 }  // namespace session_folders
