@@ -9,6 +9,7 @@
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
+#include <sstream>
 
 namespace platform {
 
@@ -106,7 +107,9 @@ int spawn_detached(const std::string& program, const std::vector<std::string>& a
 bool process_alive(int pid) {
     if (pid <= 0 || (::kill(pid, 0) != 0 && errno != EPERM)) return false;
     // A process that has ended but waits to be reaped still answers kill; where the
-    // reaper is slow or absent (some containers), its state tells.
+    // reaper is slow or absent (some containers), its state tells. Its first thread shows
+    // that state as soon as it has ended, while the others may still be winding down: the
+    // process has gone only when that thread is the last one counted.
     std::string stat_path = "/proc/" + std::to_string(pid) + "/stat";
     FILE* fp = std::fopen(stat_path.c_str(), "re");
     if (fp == nullptr) return true;
@@ -116,8 +119,16 @@ bool process_alive(int pid) {
     std::string stat(buf, n);
     size_t close_paren = stat.rfind(") ");
     if (close_paren == std::string::npos || close_paren + 2 >= stat.size()) return true;
-    char state = stat[close_paren + 2];
-    return state != 'Z' && state != 'X';
+    std::istringstream fields(stat.substr(close_paren + 2));
+    char state = 0;
+    std::string field;
+    fields >> state;
+    // num_threads comes 17 fields after the state.
+    for (int i = 0; i < 16 && fields >> field; ++i) {
+    }
+    long threads = 1;
+    fields >> threads;
+    return (state != 'Z' && state != 'X') || threads > 1;
 }
 
 std::string executable_dir() {
