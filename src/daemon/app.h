@@ -96,8 +96,7 @@ class Tarnbridge {
     int init_env();
     void destroy_env();
     // The task array: slot 0 the detector, 1 the recycle cleaner, 2 the syncer, 4 to the
-    // end the workers.
-    // -1 (logged) for a worker count the daemon cannot run with.
+    // end the workers. -1 (logged) for a worker count the daemon cannot run with.
     int init_tasks();
     void start_all();
     void stop_all();
