@@ -6,6 +6,7 @@
 #include "foundation/error-code.h"
 #include "foundation/log.h"
 #include "platform/clock.h"
+#include "transport/proxy-channel.h"
 
 std::atomic<ConnectionPool*> g_pool{nullptr};
 
@@ -47,8 +48,9 @@ class UnavailableChannel : public Channel {
     ChannelMode m_mode;
 };
 
-std::unique_ptr<Channel> MakeChannel(ChannelMode mode) {
+std::unique_ptr<Channel> MakeChannel(ChannelMode mode, const ProxyInfo& proxy) {
     if (mode == CHANNEL_NORMAL) return std::make_unique<Channel>(Channel::kCapacity);
+    if (mode == CHANNEL_PROXY) return std::make_unique<ProxyChannel>(proxy);
     return std::make_unique<UnavailableChannel>(mode);
 }
 
@@ -56,8 +58,8 @@ std::unique_ptr<Channel> MakeChannel(ChannelMode mode) {
 
 // ---- Connection ----
 
-Connection::Connection(ChannelMode mode, const ProxyInfo&, const TunnelInfo&, bool)
-    : channel(MakeChannel(mode)) {}
+Connection::Connection(ChannelMode mode, const ProxyInfo& proxy, const TunnelInfo&, bool)
+    : channel(MakeChannel(mode, proxy)) {}
 
 Connection::~Connection() = default;
 

@@ -21,6 +21,7 @@
 #include "foundation/channel.h"
 #include "foundation/mutex.h"
 #include "foundation/ustring.h"
+#include "transport/proxy-tunnel-info.h"
 #include "transport/ssl-channel.h"
 
 // How the server's address was found.
@@ -58,27 +59,6 @@ struct ConnectionInfo {
     ustring ssl_ca_file;
     // The SHA-256 fingerprint the server's certificate must have; empty: not pinned.
     ustring ssl_pin;
-};
-
-struct ProxyInfo {
-    bool use_proxy = false;
-    bool use_sys_proxy = false;
-    std::string proxy_ip;
-    uint16_t proxy_port = 0;
-    std::string user_name;
-    std::string password;
-    std::string domain;
-    std::string host;
-
-    bool operator==(const ProxyInfo&) const = default;
-};
-
-struct TunnelInfo {
-    bool use_tunnel = false;
-    std::string tunnel_ip;
-    uint16_t tunnel_port = 0;
-
-    bool operator==(const TunnelInfo&) const = default;
 };
 
 // One server connection and the keep-alive grant it holds.
