@@ -11,6 +11,8 @@
 #include "runtime/registry.h"
 #include "state/file-status-db.h"
 #include "state/filter-db.h"
+#include "transport/connection-pool.h"
+#include "transport/connection-request.h"
 
 namespace {
 
@@ -25,6 +27,7 @@ Tarnbridge::Tarnbridge() = default;
 
 Tarnbridge::~Tarnbridge() {
     if (msg_thread.joinable()) kill();
+    if (g_pool.load() == m_pool.get()) g_pool = nullptr;
 }
 
 int Tarnbridge::run() {
@@ -190,6 +193,8 @@ int Tarnbridge::do_link(const PObject&, PObject& reply) {
 
 int Tarnbridge::do_unlink(const PObject&, PObject&) {
     Logger::LogMsg(Logger::L_INFO, component(), "[INFO] app(%d): unlink daemon\n", __LINE__);
+    g_pool = nullptr;
+    m_pool.reset();
     destroy_env();
     return 0;
 }
@@ -233,11 +238,56 @@ int Tarnbridge::resume(const PObject&, PObject&) {
     return 0;
 }
 
-int Tarnbridge::create_connections(const PObject&, PObject&) {
+namespace {
+
+// The request's connection records; false (logged, with the reply's error) when it lacks
+// the keys every connection needs.
+bool read_connection_request(const PObject& request, PObject& reply, ConnectionInfo& info,
+                             ProxyInfo& proxy, TunnelInfo& tunnel) {
+    if (!has_connection_keys(request)) {
+        Logger::LogMsg(Logger::L_ERR, component(), "[ERROR] app(%d): invalid parameters.\n",
+                       __LINE__);
+        reply["error"] = "Invalid parameters";
+        return false;
+    }
+    prepare_connection_info(request, info, proxy, tunnel);
+    return true;
+}
+
+}  // namespace
+
+int Tarnbridge::create_connections(const PObject& request, PObject& reply) {
+    ConnectionInfo info;
+    ProxyInfo proxy;
+    TunnelInfo tunnel;
+    if (!read_connection_request(request, reply, info, proxy, tunnel)) return -1;
+    // Replacing a pool would free connections under the tasks that borrow them.
+    if (m_pool != nullptr) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] app(%d): connection already linked; reload_connection changes "
+                       "it\n",
+                       __LINE__);
+        reply["error"] = "Connection already linked";
+        return -1;
+    }
+    const size_t size = Settings::getInstance().getWorkerCount() + 1;
+    m_pool = std::make_unique<ConnectionPool>(info, proxy, tunnel, size);
+    g_pool = m_pool.get();
     return 0;
 }
 
-int Tarnbridge::reload_connection(const PObject&, PObject&) {
+int Tarnbridge::reload_connection(const PObject& request, PObject& reply) {
+    ConnectionInfo info;
+    ProxyInfo proxy;
+    TunnelInfo tunnel;
+    if (!read_connection_request(request, reply, info, proxy, tunnel)) return -1;
+    if (m_pool == nullptr) {
+        Logger::LogMsg(Logger::L_ERR, component(),
+                       "[ERROR] app(%d): reload_connection before link_connection\n", __LINE__);
+        reply["error"] = "No connection linked";
+        return -1;
+    }
+    m_pool->reloadConnection(info, proxy, tunnel);
     return 0;
 }
 

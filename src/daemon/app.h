@@ -5,11 +5,14 @@
 
 #include <atomic>
 #include <condition_variable>
+#include <memory>
 #include <mutex>
 #include <queue>
 #include <thread>
 
 #include "foundation/object.h"
+
+class ConnectionPool;
 
 // One queued request. All pointers belong to the sender. A message nobody waits for has
 // null result, mutex, cond and done.
@@ -65,14 +68,19 @@ class Tarnbridge {
     int do_unlink(const PObject& request, PObject& reply);
     int init_env();
     void destroy_env();
+    // "link_connection" makes the connection pool (one connection for each worker and
+    // the two syncers) from the request's server, proxy and tunnel keys and publishes it
+    // as g_pool; "reload_connection" rebuilds its connections for new keys once every
+    // borrower has given its connection back. Both refuse a request without the keys
+    // every connection needs ("Invalid parameters"); a second "link_connection" and a
+    // "reload_connection" with nothing linked are refused too. do_unlink frees the pool.
+    int create_connections(const PObject& request, PObject& reply);
+    int reload_connection(const PObject& request, PObject& reply);
     // The remaining commands are filled by the session and connection work; until then
     // each leaves the reply empty, so the request gets its "ack" alone:
     // pause/resume one session ("session_id") or all.
     int pause(const PObject& request, PObject& reply);
     int resume(const PObject& request, PObject& reply);
-    // "link_connection", "reload_connection", "unlink_connection": the connection pool.
-    int create_connections(const PObject& request, PObject& reply);
-    int reload_connection(const PObject& request, PObject& reply);
     int unlink_connection(const PObject& request, PObject& reply);
     // Session life: filters reloaded, sessions added and removed.
     int reload_session(const PObject& request, PObject& reply);
@@ -88,4 +96,6 @@ class Tarnbridge {
     std::mutex msg_lock;
     std::condition_variable msg_cond;
     std::thread msg_thread;
+    // The pool g_pool points to while linked; only the control thread changes it.
+    std::unique_ptr<ConnectionPool> m_pool;
 };
