@@ -57,7 +57,7 @@ int ProxyChannel::Open(const char* ip, int port) {
                        "[ERROR] proxy_channel(%d): ProxyChannel::Open: fail to connect to proxy "
                        "server (%s:%d)\n",
                        __LINE__, proxy_address.c_str(), proxy_port);
-        return ERR_IO;
+        return socket == ERR_AUTH ? ERR_AUTH : ERR_IO;
     }
     Attach(std::make_unique<ProxyMode>(socket));
     Logger::LogMsg(Logger::L_WARNING, kLog,

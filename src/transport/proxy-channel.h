@@ -17,8 +17,10 @@ class ProxyChannel : public Channel {
 
     using Channel::Open;
     // Opens a tunnel through the proxy to `ip`:`port` (the channel must be closed). The
-    // silence limit and the abort flag apply while the proxy is reached and answers. 0, or
-    // -2 for every failure, whose cause is in the log. Closing the channel ends the tunnel.
+    // silence limit and the abort flag apply while the proxy is reached and answers. 0;
+    // -6 when the proxy refuses the account (so that the user hears of it as of a refused
+    // login); -2 for every other failure. The cause is in the log. Closing the channel
+    // ends the tunnel.
     int Open(const char* ip, int port) override;
 
   protected:

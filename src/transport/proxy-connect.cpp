@@ -171,7 +171,8 @@ std::string FirstLine(const std::string& answer) {
     return line;
 }
 
-// 0 for a 2xx answer; otherwise ERR_IO with the reason logged.
+// 0 for a 2xx answer; ERR_AUTH when the proxy wants other credentials; otherwise ERR_IO;
+// the reason logged.
 int CheckAnswer(const Attempt& a, const PROXY_TARGET_INFO& target, const PROXY_AUTH_INFO& auth,
                 const std::string& answer) {
     int minor = 0;
@@ -196,7 +197,7 @@ int CheckAnswer(const Attempt& a, const PROXY_TARGET_INFO& target, const PROXY_A
         "[ERROR] proxy_channel(%d): proxy %s:%d refused the tunnel to %s:%d: %s ('%s')\n", __LINE__,
         a.proxy, a.proxy_port, target.szTargetAddress, target.TargetPort, why,
         FirstLine(answer).c_str());
-    return ERR_IO;
+    return auth_refused ? ERR_AUTH : ERR_IO;
 }
 
 bool Usable(const PROXY_SERVER_INFO* server, const PROXY_TARGET_INFO* target,

@@ -46,9 +46,10 @@ struct PROXY_WAIT_INFO {
 
 // Opens the tunnel. The connected socket (non-blocking, linger 1 second), which the caller
 // owns and ends with ZEPHProxyTunnelClose; or, every cause logged ("proxy_channel_debug"),
-// -1 when aborted, -2 when the proxy can't be reached, refuses (407, 403, 502 and every
-// other non-2xx answer), closes or answers something other than HTTP, -3 when a socket
-// can't be made, -4 for arguments it can't use, -9 when the proxy stays silent too long.
+// -1 when aborted, -2 when the proxy can't be reached, refuses (403, 502 and every other
+// non-2xx answer), closes or answers something other than HTTP, -3 when a socket can't be
+// made, -4 for arguments it can't use, -6 when the proxy refuses the credentials or asks
+// for some (407, or 401 as some proxies answer), -9 when the proxy stays silent too long.
 platform::socket_t ZEPHProxyTunnelOpen(const PROXY_SERVER_INFO* server,
                                        const PROXY_TARGET_INFO* target, const PROXY_AUTH_INFO* auth,
                                        const PROXY_WAIT_INFO& wait = PROXY_WAIT_INFO());

@@ -1,7 +1,7 @@
 // ProxyChannel through a real HTTP proxy (tinyproxy, with and without Basic credentials)
 // to a loopback target, and through scripted proxies that refuse, close, babble, stay
-// silent or are abandoned: every failure is -2 with its reason in the log, and nothing
-// reaches the target unless the proxy let the tunnel through.
+// silent or are abandoned: a refused account is -6, every other failure -2, each with its
+// reason in the log, and nothing reaches the target unless the proxy let the tunnel through.
 #include "transport/proxy-channel.h"
 
 #include <gtest/gtest.h>
@@ -77,7 +77,7 @@ TEST_F(ProxyChannelTest, WrongOrMissingCredentialsFailAndNothingReachesTheTarget
     loopback::Listener target;
     for (const char* user : {"alice", ""}) {
         ProxyChannel ch(Proxy(proxy.port(), user, "wrong"));
-        EXPECT_EQ(ch.Open("127.0.0.1", target.port()), -2);
+        EXPECT_EQ(ch.Open("127.0.0.1", target.port()), -6);
         EXPECT_TRUE(ch.IsClosed());
     }
     EXPECT_EQ(target.accept(200), -1);
