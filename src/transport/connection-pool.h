@@ -64,8 +64,8 @@ struct ConnectionInfo {
 // One server connection and the keep-alive grant it holds.
 class Connection {
   public:
-    // A closed connection on a channel of `mode`. Modes whose channel this build lacks get
-    // a channel that refuses to open, with a log line naming the mode.
+    // A closed connection on a channel of `mode`: direct, through the proxy, through the
+    // relay, or through the proxy to the relay.
     Connection(ChannelMode mode, const ProxyInfo& proxy, const TunnelInfo& tunnel, bool use_ssl);
     ~Connection();
     Connection(const Connection&) = delete;

@@ -1,12 +1,16 @@
 // The Syncer's pull, a whole protocol exchange through the pool, over the roads to the
-// server other than a direct connection: through a real HTTP proxy with its account, a
-// wrong proxy password that the user hears of and that reaches no server, and the pool
-// rebuilt from direct to proxy and back while a pull holds a connection.
+// server other than a direct connection: through a real HTTP proxy with its account,
+// through tarnbridge-relay alone and reached through the proxy, with the server's own TLS
+// inside the tunnel; a wrong proxy password that the user hears of and that reaches no
+// server; a relay that can't reach the server; and the pool rebuilt from direct to proxy
+// and back while a pull holds a connection.
 #include <future>
 #include <thread>
 
 #include "pulling/syncer-fixture.h"
-#include "support/tinyproxy.h"
+#include "relay.h"
+#include "server-certificate.h"
+#include "support/real-proxy.h"
 
 namespace {
 
@@ -15,7 +19,7 @@ using namespace std::chrono_literals;
 
 class SyncerRoutes : public SyncerConcurrency {
   protected:
-    static ProxyInfo Proxy(const Tinyproxy& proxy, const std::string& password) {
+    static ProxyInfo Proxy(const RealProxy& proxy, const std::string& password) {
         ProxyInfo p;
         p.use_proxy = true;
         p.proxy_ip = "127.0.0.1";
@@ -24,10 +28,18 @@ class SyncerRoutes : public SyncerConcurrency {
         p.password = password;
         return p;
     }
-    // How many tunnels to the server the proxy has been asked for.
-    size_t ProxiedConnects(const Tinyproxy& proxy) const {
+    static TunnelInfo Tunnel(int port) {
+        TunnelInfo t;
+        t.use_tunnel = true;
+        t.tunnel_ip = "127.0.0.1";
+        t.tunnel_port = static_cast<uint16_t>(port);
+        return t;
+    }
+    // How many tunnels to `port` (the server's by default) the proxy has been asked for.
+    size_t ProxiedConnects(const RealProxy& proxy, int port = 0) const {
         const std::string log = proxy.Log();
-        const std::string text = "CONNECT 127.0.0.1:" + std::to_string(server->port());
+        const std::string text =
+            "CONNECT 127.0.0.1:" + std::to_string(port ? port : server->port());
         size_t n = 0;
         for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
         return n;
@@ -42,7 +54,7 @@ class SyncerRoutes : public SyncerConcurrency {
 };
 
 TEST_F(SyncerRoutes, PullThroughAProxyWithItsAccount) {
-    Tinyproxy proxy("alice", "s3cret");
+    RealProxy proxy(RealProxy::TINYPROXY, "alice", "s3cret");
     ASSERT_TRUE(proxy.running());
     StartServer(nullptr, nullptr, Proxy(proxy, "s3cret"));
     Put("/a.txt", "a");
@@ -55,8 +67,45 @@ TEST_F(SyncerRoutes, PullThroughAProxyWithItsAccount) {
     EXPECT_EQ(LogCount("has been connect to proxy (127.0.0.1:"), 1u);
 }
 
+TEST_F(SyncerRoutes, PullThroughTheRelayAloneAndThroughTheProxyWithTlsInside) {
+    RealProxy proxy(RealProxy::TINYPROXY, "alice", "s3cret");
+    ASSERT_TRUE(proxy.running());
+    RelayOptions options;
+    options.listen = "127.0.0.1";
+    Relay relay(options);
+    std::string error;
+    ASSERT_EQ(relay.Start(error), 0) << error;
+    const auto tls = [](ConnectionInfo& c) { c.use_ssl = true; };
+    ASSERT_EQ(worker.Run(), 0);
+    for (const uint64_t session : {1, 2}) {  // the relay alone, then through the proxy
+        const bool via_proxy = session == 2;
+        StartServer(nullptr, tls, via_proxy ? Proxy(proxy, "s3cret") : ProxyInfo(),
+                    Tunnel(relay.port()));
+        std::string pin;
+        ASSERT_EQ(server_certificate::Ensure(server->options.data_dir, "127.0.0.1", pin), 0);
+        Put("/a.txt", "a");
+        Registry::getInstance().Remove(1);
+        AddSession(session);
+        ASSERT_EQ(PullOnce(), 0);
+        EXPECT_EQ(SyncId(session), 1u);
+        EXPECT_EQ(worker.Take(), (Paths{"/a.txt"}));
+        EXPECT_EQ(server->server->AcceptedCount(), 1u);
+        EXPECT_EQ(relay.AcceptedCount(), session);
+    }
+    EXPECT_EQ(LogCount("Syncer: channel is now encrypted using SSL"), 2u);
+    EXPECT_EQ(ProxiedConnects(proxy, relay.port()), 1u);
+    EXPECT_EQ(ProxiedConnects(proxy), 0u);  // the proxy saw the relay only
+
+    // The relay can't reach a server that is gone: the pull fails and says why.
+    const ConnectionInfo info = Info();
+    server.reset();
+    pool->reloadConnection(info, ProxyInfo(), Tunnel(relay.port()));
+    EXPECT_EQ(PullOnce(), ERR_IO);
+    EXPECT_EQ(LogCount("ZEPHTunnelClientHandshake: failed, code: 402"), 1u);
+}
+
 TEST_F(SyncerRoutes, WrongProxyPasswordIsAConnectionErrorTheUserHearsAndReachesNoServer) {
-    Tinyproxy proxy("alice", "s3cret");
+    RealProxy proxy(RealProxy::TINYPROXY, "alice", "s3cret");
     ASSERT_TRUE(proxy.running());
     StartServer(nullptr, nullptr, Proxy(proxy, "guess"));
     AddSession(1);
@@ -74,7 +123,7 @@ TEST_F(SyncerRoutes, WrongProxyPasswordIsAConnectionErrorTheUserHearsAndReachesN
 }
 
 TEST_F(SyncerRoutes, ReloadFromDirectToProxyAndBackWaitsForTheBorrowerAndSyncingGoesOn) {
-    Tinyproxy proxy("alice", "s3cret");
+    RealProxy proxy(RealProxy::TINYPROXY, "alice", "s3cret");
     ASSERT_TRUE(proxy.running());
     StartServer();
     server->WriteFaults("delay pull_event 1500 times=1\n");
