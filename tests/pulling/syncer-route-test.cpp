@@ -53,20 +53,6 @@ class SyncerRoutes : public SyncerConcurrency {
     }
 };
 
-TEST_F(SyncerRoutes, PullThroughAProxyWithItsAccount) {
-    RealProxy proxy(RealProxy::TINYPROXY, "alice", "s3cret");
-    ASSERT_TRUE(proxy.running());
-    StartServer(nullptr, nullptr, Proxy(proxy, "s3cret"));
-    Put("/a.txt", "a");
-    AddSession(1);
-    ASSERT_EQ(worker.Run(), 0);
-    ASSERT_EQ(PullOnce(), 0);
-    EXPECT_EQ(SyncId(1), 1u);
-    EXPECT_EQ(worker.Take(), (Paths{"/a.txt"}));
-    EXPECT_EQ(ProxiedConnects(proxy), 1u);
-    EXPECT_EQ(LogCount("has been connect to proxy (127.0.0.1:"), 1u);
-}
-
 TEST_F(SyncerRoutes, PullThroughTheRelayAloneAndThroughTheProxyWithTlsInside) {
     RealProxy proxy(RealProxy::TINYPROXY, "alice", "s3cret");
     ASSERT_TRUE(proxy.running());

@@ -106,7 +106,7 @@ RelaySession::~RelaySession() {
     ::close(m_fd);
 }
 
-bool RelaySession::Waiting(int fd, short events, int timeout_ms) const {
+bool RelaySession::PollSlice(int fd, short events, int timeout_ms) const {
     pollfd p{fd, events, 0};
     return ::poll(&p, 1, timeout_ms) >= 0 && !m_stopping.load();
 }
@@ -119,7 +119,7 @@ int RelaySession::SslCall(Op op, bool limited) {
         const int err = SSL_get_error(m_ssl, rc);
         if (err != SSL_ERROR_WANT_READ && err != SSL_ERROR_WANT_WRITE) return 0;
         if (limited && NowMs() > m_deadline_ms) return 0;
-        if (!Waiting(m_fd, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, kSliceMs)) return 0;
+        if (!PollSlice(m_fd, err == SSL_ERROR_WANT_READ ? POLLIN : POLLOUT, kSliceMs)) return 0;
     }
 }
 

@@ -49,7 +49,8 @@ class RelaySession {
     bool Answer(int status);
     // Copies bytes both ways until either side closes, or the relay stops.
     void Splice();
-    bool Waiting(int fd, short events, int timeout_ms) const;
+    // One wait for `events` on `fd`; false when the wait failed or the relay is stopping.
+    bool PollSlice(int fd, short events, int timeout_ms) const;
 
     int m_fd;
     std::string m_peer;
