@@ -13,6 +13,7 @@
 #include <utility>
 
 #include "foundation/log.h"
+#include "platform/net.h"
 #include "relay-session.h"
 #include "relay-tls.h"
 
@@ -28,6 +29,8 @@ Relay::~Relay() {
 }
 
 int Relay::Start(std::string& error) {
+    // TLS writes to a client that has gone must fail, not raise a signal that ends us.
+    platform::net_init();
     m_ctx = MakeRelayContext(m_options, error);
     if (m_ctx == nullptr) return -1;
     sockaddr_in addr{};
