@@ -14,6 +14,7 @@ Tarnbridge::Tarnbridge() = default;
 
 Tarnbridge::~Tarnbridge() {
     if (msg_thread.joinable()) kill();
+    if (g_pool.load() == m_pool.get()) g_pool = nullptr;
 }
 
 int Tarnbridge::run() {

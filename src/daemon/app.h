@@ -131,7 +131,13 @@ class Tarnbridge {
     // The tasks of slots 4 up; none while unlinked.
     std::vector<Worker*> workers() const;
 
-    // Connections: "link_connection", "reload_connection", "unlink_connection".
+    // "link_connection" makes the connection pool (one connection for each worker and
+    // the two syncers) from the request's server, proxy and tunnel keys and publishes it
+    // as g_pool; "reload_connection" rebuilds its connections for new keys once every
+    // borrower has given its connection back. Both refuse a request without the keys
+    // every connection needs, or with one of the wrong kind ("Invalid parameters"); a
+    // second "link_connection" and a "reload_connection" with nothing linked are refused
+    // too. "unlink_connection" takes every (paused) session away; the pool stays.
     int create_connections(const PObject& request, PObject& reply);
     int reload_connection(const PObject& request, PObject& reply);
     int unlink_connection(const PObject& request, PObject& reply);

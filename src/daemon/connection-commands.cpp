@@ -2,80 +2,57 @@
 // dropped) and the status report of sessions, connection and workers.
 #include "daemon/app-log.h"
 #include "daemon/app.h"
-#include "daemon/request-keys.h"
 #include "events/event-manager.h"
 #include "foundation/log.h"
 #include "foundation/settings.h"
 #include "runtime/registry.h"
 #include "runtime/task.h"
 #include "transport/connection-pool.h"
+#include "transport/connection-request.h"
 #include "worker/worker.h"
 
 namespace {
 
-// The keys "link_connection" and "reload_connection" cannot do without, of the kinds
-// the pool needs.
-bool ValidConnectionRequest(const PObject& request) {
-    return HasKey(request, "connection_id", KeyKind::INTEGER) &&
-           HasKey(request, "server_ip", KeyKind::TEXT) &&
-           HasKey(request, "server_port", KeyKind::PORT) &&
-           HasKey(request, "session", KeyKind::TEXT);
-}
-
-// Logs and answers a request whose keys don't do. Always -1.
-int InvalidConnectionRequest(PObject& reply) {
-    Logger::LogMsg(Logger::L_ERR, kAppLog, "[ERROR] app(%d): invalid parameters.\n", __LINE__);
-    reply["error"] = "Invalid parameters";
-    return -1;
-}
-
-// Missing keys read as 0, false or empty.
-void prepare_connection_info(const PObject& request, ConnectionInfo& info, ProxyInfo& proxy,
-                             TunnelInfo& tunnel) {
-    info.session = request["session"].asString();
-    info.server_ip = request["server_ip"].asString();
-    info.server_port = request["server_port"].asInt32();
-    info.conn_id = request["connection_id"].asUInt64();
-    info.c_mode = static_cast<ConnectionMode>(request["connection_mode"].asInt32());
-    info.username = request["username"].asString();
-    info.computer_name = request["computer_name"].asString();
-    info.use_ssl = request["use_ssl"].asBool();
-    info.package_version = request["package_version"].asInt32();
-    proxy.use_proxy = request["use_proxy"].asBool();
-    proxy.use_sys_proxy = request["use_sys_proxy"].asBool();
-    proxy.proxy_ip = request["proxy_ip"].asString().str();
-    proxy.proxy_port = request["proxy_port"].asUInt16();
-    proxy.user_name = request["proxy_username"].asString().str();
-    proxy.password = request["proxy_password"].asString().str();
-    proxy.domain = request["proxy_domain"].asString().str();
-    proxy.host = request["proxy_host"].asString().str();
-    tunnel.use_tunnel = request["use_tunnel"].asBool();
-    tunnel.tunnel_ip = request["tunnel_ip"].asString().str();
-    tunnel.tunnel_port = request["tunnel_port"].asUInt16();
+// The request's records; false (logged, with the reply's error) when it lacks a key every
+// connection needs, or holds one of the wrong kind.
+bool ReadConnectionRequest(const PObject& request, PObject& reply, ConnectionInfo& info,
+                           ProxyInfo& proxy, TunnelInfo& tunnel) {
+    if (!has_connection_keys(request)) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog, "[ERROR] app(%d): invalid parameters.\n", __LINE__);
+        reply["error"] = "Invalid parameters";
+        return false;
+    }
+    prepare_connection_info(request, info, proxy, tunnel);
+    // A server checked by the configuration stays checked unless the request says how.
+    const Settings& settings = Settings::getInstance();
+    if (!request.hasMember(connection_keys::kSslCaFile)) info.ssl_ca_file = settings.getSslCaFile();
+    if (!request.hasMember(connection_keys::kSslPin)) info.ssl_pin = settings.getSslPin();
+    return true;
 }
 
 }  // namespace
 
 int Tarnbridge::create_connections(const PObject& request, PObject& reply) {
-    if (!ValidConnectionRequest(request)) return InvalidConnectionRequest(reply);
+    ConnectionInfo info;
+    ProxyInfo proxy;
+    TunnelInfo tunnel;
+    if (!ReadConnectionRequest(request, reply, info, proxy, tunnel)) return -1;
     if (!linked) {
         Logger::LogMsg(Logger::L_ERR, kAppLog,
                        "[ERROR] app(%d): no connection before the daemon is linked\n", __LINE__);
         reply["error"] = "Not linked.";
         return -1;
     }
-    // Tasks may hold connections of the pool in place: it is rebuilt by
-    // "reload_connection", never replaced.
+    // Replacing a pool would free connections under the tasks that borrow them: it is
+    // rebuilt in place by "reload_connection".
     if (m_pool) {
         Logger::LogMsg(Logger::L_ERR, kAppLog,
-                       "[ERROR] app(%d): the connection is linked already\n", __LINE__);
+                       "[ERROR] app(%d): connection already linked; reload_connection changes "
+                       "it\n",
+                       __LINE__);
         reply["error"] = "Connection already linked.";
         return -1;
     }
-    ConnectionInfo info;
-    ProxyInfo proxy;
-    TunnelInfo tunnel;
-    prepare_connection_info(request, info, proxy, tunnel);
     // One connection for each worker, the syncer and the progress syncer.
     m_pool = std::make_unique<ConnectionPool>(info, proxy, tunnel,
                                               Settings::getInstance().getWorkerCount() + 1);
@@ -84,17 +61,16 @@ int Tarnbridge::create_connections(const PObject& request, PObject& reply) {
 }
 
 int Tarnbridge::reload_connection(const PObject& request, PObject& reply) {
-    if (!ValidConnectionRequest(request)) return InvalidConnectionRequest(reply);
-    if (!m_pool) {
-        Logger::LogMsg(Logger::L_ERR, kAppLog, "[ERROR] app(%d): no connection to reload\n",
-                       __LINE__);
-        reply["error"] = "No connection linked.";
-        return -1;
-    }
     ConnectionInfo info;
     ProxyInfo proxy;
     TunnelInfo tunnel;
-    prepare_connection_info(request, info, proxy, tunnel);
+    if (!ReadConnectionRequest(request, reply, info, proxy, tunnel)) return -1;
+    if (!m_pool) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): reload_connection before link_connection\n", __LINE__);
+        reply["error"] = "No connection linked.";
+        return -1;
+    }
     m_pool->reloadConnection(info, proxy, tunnel);
     return 0;
 }

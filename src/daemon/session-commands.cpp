@@ -5,7 +5,6 @@
 
 #include "daemon/app-log.h"
 #include "daemon/app.h"
-#include "daemon/request-keys.h"
 #include "daemon/worker-drop.h"
 #include "events/detector.h"
 #include "events/event-manager.h"
@@ -14,6 +13,7 @@
 #include "foundation/file-op.h"
 #include "foundation/log.h"
 #include "foundation/policy.h"
+#include "foundation/request-keys.h"
 #include "foundation/settings.h"
 #include "pulling/progress-cache.h"
 #include "pulling/syncer.h"

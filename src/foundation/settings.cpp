@@ -48,6 +48,7 @@ int Settings::loadConfigSettings(const ustring& path) {
     number("server_port", server_port);
     text("server_ip", server_ip);
     flag("delta_realign", delta_realign);
+    text("relay_host", relay_host);
     return 0;
 }
 
@@ -77,5 +78,6 @@ TB_GETTER(ustring, getServerIp, server_ip)
 TB_GETTER(ustring, getSession, session)
 TB_GETTER(ustring, getClientName, client_name)
 TB_GETTER(bool, useDeltaRealign, delta_realign)
+TB_GETTER(ustring, getRelayHost, relay_host)
 
 #undef TB_GETTER

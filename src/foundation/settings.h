@@ -38,6 +38,9 @@ class Settings {
     // Whether upload deltas find blocks again after inserts and deletes ("delta_realign",
     // false unless the text is exactly "true"); otherwise they keep the default form.
     bool useDeltaRealign() const;
+    // The relay service's host name, sent as the Host of every tunnel request
+    // ("relay_host").
+    ustring getRelayHost() const;
 
     Settings(const Settings&) = delete;
     Settings& operator=(const Settings&) = delete;
@@ -66,4 +69,5 @@ class Settings {
     int server_port = 0;
     ustring server_ip = "InvalidAddress";
     bool delta_realign = false;
+    ustring relay_host = "relay.tarnbridge.invalid";
 };

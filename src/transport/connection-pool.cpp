@@ -3,9 +3,10 @@
 
 #include <algorithm>
 
-#include "foundation/error-code.h"
 #include "foundation/log.h"
 #include "platform/clock.h"
+#include "transport/proxy-channel.h"
+#include "transport/tunnel-channel.h"
 
 std::atomic<ConnectionPool*> g_pool{nullptr};
 
@@ -28,36 +29,26 @@ const char* ModeName(ChannelMode mode) {
     }
 }
 
-// The channel of a mode this build has no implementation for: every attempt to open it
-// fails as an unreachable server would, and says why, so that a user who configured a
-// proxy or tunnel learns it from the log instead of seeing a direct connection.
-class UnavailableChannel : public Channel {
-  public:
-    explicit UnavailableChannel(ChannelMode mode) : m_mode(mode) {}
-    using Channel::Open;
-    int Open(const char* host, int port) override {
-        Logger::LogMsg(Logger::L_ERR, kLog,
-                       "[ERROR] connection(%d): Connection: cannot open %s:%d, %s channels are "
-                       "not available in this build\n",
-                       __LINE__, host != nullptr ? host : "", port, ModeName(m_mode));
-        return ERR_IO;
+std::unique_ptr<Channel> MakeChannel(ChannelMode mode, const ProxyInfo& proxy,
+                                     const TunnelInfo& tunnel) {
+    switch (mode) {
+        case CHANNEL_PROXY:
+            return std::make_unique<ProxyChannel>(proxy);
+        case CHANNEL_TUNNEL:
+            return std::make_unique<TunnelChannel>(tunnel);
+        case CHANNEL_PROXY_TUNNEL:
+            return std::make_unique<ProxyTunnelChannel>(proxy, tunnel);
+        default:
+            return std::make_unique<Channel>(Channel::kCapacity);
     }
-
-  private:
-    ChannelMode m_mode;
-};
-
-std::unique_ptr<Channel> MakeChannel(ChannelMode mode) {
-    if (mode == CHANNEL_NORMAL) return std::make_unique<Channel>(Channel::kCapacity);
-    return std::make_unique<UnavailableChannel>(mode);
 }
 
 }  // namespace
 
 // ---- Connection ----
 
-Connection::Connection(ChannelMode mode, const ProxyInfo&, const TunnelInfo&, bool)
-    : channel(MakeChannel(mode)) {}
+Connection::Connection(ChannelMode mode, const ProxyInfo& proxy, const TunnelInfo& tunnel, bool)
+    : channel(MakeChannel(mode, proxy, tunnel)) {}
 
 Connection::~Connection() = default;
 

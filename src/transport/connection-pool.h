@@ -21,6 +21,7 @@
 #include "foundation/channel.h"
 #include "foundation/mutex.h"
 #include "foundation/ustring.h"
+#include "transport/proxy-tunnel-info.h"
 #include "transport/ssl-channel.h"
 
 // How the server's address was found.
@@ -54,38 +55,17 @@ struct ConnectionInfo {
     bool use_ssl = true;
     long package_version = 0;
     // The server's certificate must lead to this PEM bundle and name server_ip; empty:
-    // no such check. Taken from the daemon's configuration, not from the control message.
+    // no such check. From the connection request, else the daemon's configuration.
     ustring ssl_ca_file;
     // The SHA-256 fingerprint the server's certificate must have; empty: not pinned.
     ustring ssl_pin;
 };
 
-struct ProxyInfo {
-    bool use_proxy = false;
-    bool use_sys_proxy = false;
-    std::string proxy_ip;
-    uint16_t proxy_port = 0;
-    std::string user_name;
-    std::string password;
-    std::string domain;
-    std::string host;
-
-    bool operator==(const ProxyInfo&) const = default;
-};
-
-struct TunnelInfo {
-    bool use_tunnel = false;
-    std::string tunnel_ip;
-    uint16_t tunnel_port = 0;
-
-    bool operator==(const TunnelInfo&) const = default;
-};
-
 // One server connection and the keep-alive grant it holds.
 class Connection {
   public:
-    // A closed connection on a channel of `mode`. Modes whose channel this build lacks get
-    // a channel that refuses to open, with a log line naming the mode.
+    // A closed connection on a channel of `mode`: direct, through the proxy, through the
+    // relay, or through the proxy to the relay.
     Connection(ChannelMode mode, const ProxyInfo& proxy, const TunnelInfo& tunnel, bool use_ssl);
     ~Connection();
     Connection(const Connection&) = delete;

@@ -85,9 +85,15 @@ TEST_F(ControllerVerbs, AFolderIsAddedShownPausedBroughtBackAfterAStopAndRemoved
     EXPECT_EQ(Run({"status"}).status, 1);  // no daemon yet
     EXPECT_FALSE(Exists(config + ".state"));
 
-    const RunResult added = Add(folder, address, {"--json"});
+    EXPECT_EQ(Add(folder, address, {"--proxy", "nocolon"}).status, 2);
+    const RunResult added = Add(folder, address, {"--json", "--ssl-pin", server.pin()});
     ASSERT_EQ(added.status, 0) << added.out << ReadFile(dir / "daemon.log");
     EXPECT_NE(added.out.find("\"session_id\":1"), std::string::npos) << added.out;
+    // The connection's options are kept for the start after a stop, and a later add may
+    // not change them.
+    EXPECT_NE(ReadFile(config + ".state").find(server.pin()), std::string::npos);
+    fs::create_directories(dir / "Music");
+    EXPECT_EQ(Add(dir / "Music", address, {"--no-ssl"}).status, 1);
     EXPECT_TRUE(Exists(config + ".sessions/1/conf/whitelist.filter"));
     EXPECT_EQ(fs::status(config + ".state").permissions() & fs::perms::others_read,
               fs::perms::none);

@@ -199,6 +199,43 @@ TEST(SessionCommands, ASessionStartsPausedOnAFreshWorkingDirectoryAndLeavesOnlyW
     EXPECT_NE(log.find("Failed to create recycle bin directory."), std::string::npos);
 }
 
+// The server's TLS identity comes with the connection request: a pin that does not match
+// keeps the pool from logging in, and a reload with the right one lets the session sync.
+TEST(ConnectionCommands, TheRequestsPinChecksTheServerAndAReloadChangesIt) {
+    SyncWorld world;
+    ASSERT_TRUE(world.ok());
+    DaemonProcess& daemon = world.daemon();
+    ASSERT_EQ(ErrorOf(daemon.Ask("link")), "");
+    PObject request = world.ConnectionRequest();
+    request["use_ssl"] = true;
+    request["ssl_pin"] = std::string(64, '0').c_str();
+    auto connection = [&] {
+        const PObject status = daemon.Ask("get_status");
+        return status["connection_list"][0]["status"].asString().str();
+    };
+    PObject reply;
+    ASSERT_TRUE(daemon.Ask(request, reply));
+    ASSERT_EQ(ErrorOf(reply), "");
+    ASSERT_EQ(ErrorOf(world.AddSession(1)), "");
+    ASSERT_EQ(ErrorOf(world.Resume(1)), "");
+    EXPECT_TRUE(WaitUntil([&] {
+        return daemon.Log().find("does not match ssl_pin") != std::string::npos;
+    })) << daemon.Log();
+    EXPECT_EQ(connection(), "disconnected");
+
+    request["action"] = "reload_connection";
+    request["ssl_pin"] = world.server().pin().c_str();
+    ASSERT_TRUE(daemon.Ask(request, reply));
+    ASSERT_EQ(ErrorOf(reply), "");
+    EXPECT_TRUE(WaitUntil([&] {
+        return world.SessionStatus(1)["status"].asString() == ustring("uptodate") &&
+               connection() == "connected";
+    })) << daemon.Log();
+    request["ssl_pin"] = uint64_t{5};
+    ASSERT_TRUE(daemon.Ask(request, reply));
+    EXPECT_EQ(ErrorOf(reply), "Invalid parameters");
+}
+
 TEST(SessionCommands, AWorkerCountTheDaemonCannotRunWithFailsTheLinkAndLinksNothing) {
     for (int count : {0, 1000}) {
         SyncWorld world(count);

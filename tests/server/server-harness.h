@@ -117,16 +117,17 @@ class ServerHarness {
 };
 
 // A daemon's pool of three connections to `server`, logged in as its account, plain unless
-// `client` changes the connection's settings.
+// `client` changes the connection's settings, direct unless `proxy` or `tunnel` is in use.
 inline std::unique_ptr<ConnectionPool> PoolFor(
-    const ServerHarness& server, const std::function<void(ConnectionInfo&)>& client = nullptr) {
+    const ServerHarness& server, const std::function<void(ConnectionInfo&)>& client = nullptr,
+    const ProxyInfo& proxy = ProxyInfo(), const TunnelInfo& tunnel = TunnelInfo()) {
     ConnectionInfo info;
     info.server_ip = "127.0.0.1";
     info.server_port = server.port();
     info.session = server.user.session.c_str();
     info.use_ssl = false;
     if (client) client(info);
-    return std::make_unique<ConnectionPool>(info, ProxyInfo(), TunnelInfo(), 3);
+    return std::make_unique<ConnectionPool>(info, proxy, tunnel, 3);
 }
 
 // One client connection.

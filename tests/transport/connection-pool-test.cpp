@@ -45,7 +45,7 @@ TEST(ConnectionPool, GrantedConnectionsAreLentFirstUntilTheGrantRunsOut) {
     EXPECT_EQ(pool.pop(), y);
 }
 
-TEST(ConnectionPool, ModeFollowsProxyAndTunnelAndMissingModesRefuseToOpen) {
+TEST(ConnectionPool, ModeFollowsProxyAndTunnelAndAnUnreachableRelayReachesNoServer) {
     ProxyInfo proxy;
     TunnelInfo tunnel;
     proxy.use_proxy = true;  // without an address it is no proxy
@@ -57,6 +57,8 @@ TEST(ConnectionPool, ModeFollowsProxyAndTunnelAndMissingModesRefuseToOpen) {
     proxy.use_proxy = false;
     EXPECT_EQ(ConnectionPool::getChannelMode(proxy, tunnel), CHANNEL_TUNNEL);
 
+    tunnel.tunnel_ip = "127.0.0.1";
+    tunnel.tunnel_port = static_cast<uint16_t>(loopback::Listener().port());  // nobody there
     loopback::Listener server;
     ConnectionPool pool(Info(server.port()), proxy, tunnel, 1);
     BorrowedConnection conn(pool);

@@ -23,6 +23,10 @@ bool Quoted(const std::string& text, std::string& out) {
     return true;
 }
 
+std::string OptionKey(size_t n) {
+    return "connection_option_" + std::to_string(n);
+}
+
 uint64_t Number(const ustring& text) {
     return std::strtoull(text.c_str_utf8(), nullptr, 10);
 }
@@ -52,6 +56,8 @@ bool ReadState(const std::string& config, ControllerState& state, std::string& e
     }
     state.server = values[ustring("server")].str();
     state.session = values[ustring("session")].str();
+    for (size_t n = 1; values.count(ustring(OptionKey(n).c_str())) != 0; ++n)
+        state.connection_options.push_back(values[ustring(OptionKey(n).c_str())].str());
     for (const auto& [key, value] : values) {
         const std::string k = key.str();
         unsigned long long id = 0;
@@ -85,6 +91,14 @@ bool WriteState(const std::string& config, const ControllerState& state, std::st
             return false;
         }
         text += "server = " + state.server + "\nsession = " + quoted + "\n";
+        for (size_t n = 0; n < state.connection_options.size(); ++n) {
+            if (!Quoted(state.connection_options[n], quoted)) {
+                error =
+                    "the connection option " + state.connection_options[n] + " can't be recorded";
+                return false;
+            }
+            text += OptionKey(n + 1) + " = " + quoted + "\n";
+        }
     }
     for (const auto& [id, s] : state.sessions) {
         if (!Quoted(s.folder, quoted)) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <vector>
 
 struct RecordedSession {
     std::string folder;  // the sync folder, absolute
@@ -20,6 +21,9 @@ struct ControllerState {
     int pid = -1;
     std::string server;   // HOST:PORT of the connection, empty when none
     std::string session;  // the account's session token
+    // The connection's other options as `tarnbridge add` was given them (TLS, proxy,
+    // relay), so that the daemon is connected the same way when the sessions come back.
+    std::vector<std::string> connection_options;
     std::map<uint64_t, RecordedSession> sessions;
 };
 

@@ -87,14 +87,26 @@ int run_start(int argc, char** argv) {
 }
 
 int run_send(int argc, char** argv) {
+    return run_built_request(
+        argc, argv,
+        [](const std::vector<std::string>& words, PObject& request, std::string& error) {
+            if (words.empty()) {
+                error = "send needs an ACTION";
+                return false;
+            }
+            request["action"] = words[0].c_str();
+            for (size_t i = 1; i < words.size(); ++i)
+                if (!add_request_arg(words[i], request, error)) return false;
+            return true;
+        });
+}
+
+int run_built_request(int argc, char** argv, const RequestBuilder& build) {
     Options o;
     std::string error;
     if (!parse_options(argc, argv, o, error)) return usage_error(error);
-    if (o.rest.empty()) return usage_error("send needs an ACTION");
     PObject request;
-    request["action"] = o.rest[0].c_str();
-    for (size_t i = 1; i < o.rest.size(); ++i)
-        if (!add_request_arg(o.rest[i], request, error)) return usage_error(error);
+    if (!build(o.rest, request, error)) return usage_error(error);
     ControllerState state;
     if (!find_daemon(o, state, error)) return failure(error);
     PObject reply;

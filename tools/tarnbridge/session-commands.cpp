@@ -2,11 +2,10 @@
 // control requests of the daemon, with the sessions recorded in the state file.
 #include "session-commands.h"
 
-#include <arpa/inet.h>
-#include <netdb.h>
 #include <signal.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 #include <filesystem>
@@ -15,6 +14,7 @@
 #include <set>
 #include <thread>
 
+#include "connection-command.h"
 #include "daemon-client.h"
 #include "foundation/config.h"
 #include "json-out.h"
@@ -37,10 +37,12 @@ void on_signal(int) {
     g_interrupted = 1;
 }
 
-// Options of the form --name VALUE and --flag, in any order; nothing else.
+// Options of the form --name VALUE and --flag, in any order, and the words left for
+// another reader.
 struct Args {
     std::map<std::string, std::string> values;
     std::set<std::string> flags;
+    std::vector<std::string> rest;
 
     bool has(const std::string& name) const { return values.count(name) != 0; }
     std::string get(const std::string& name) const {
@@ -49,8 +51,10 @@ struct Args {
     }
 };
 
+// Words that are neither go to `args.rest` when `keep_rest`, else they are an error.
 bool parse_args(int argc, char** argv, const std::set<std::string>& value_options,
-                const std::set<std::string>& flag_options, Args& args, std::string& error) {
+                const std::set<std::string>& flag_options, Args& args, std::string& error,
+                bool keep_rest = false) {
     for (int i = 0; i < argc; ++i) {
         const std::string word = argv[i];
         if (flag_options.count(word) != 0) {
@@ -61,6 +65,8 @@ bool parse_args(int argc, char** argv, const std::set<std::string>& value_option
                 return false;
             }
             args.values[word] = argv[++i];
+        } else if (keep_rest) {
+            args.rest.push_back(word);
         } else {
             error = "unexpected '" + word + "'";
             return false;
@@ -78,28 +84,12 @@ bool parse_id(const std::string& text, uint64_t& id) {
     return id != 0;
 }
 
-// HOST:PORT with HOST an IPv4 address or a name that resolves to one.
-bool parse_server(const std::string& text, std::string& ip, int& port, std::string& error) {
-    const size_t colon = text.rfind(':');
-    if (colon == std::string::npos || colon == 0 || !parse_port(text.substr(colon + 1), port)) {
-        error = "--server wants HOST:PORT, not '" + text + "'";
-        return false;
-    }
-    const std::string host = text.substr(0, colon);
-    addrinfo hints{};
-    hints.ai_family = AF_INET;
-    hints.ai_socktype = SOCK_STREAM;
-    addrinfo* found = nullptr;
-    if (::getaddrinfo(host.c_str(), nullptr, &hints, &found) != 0 || found == nullptr) {
-        error = "the server name '" + host + "' does not resolve to an IPv4 address";
-        return false;
-    }
-    char buf[INET_ADDRSTRLEN];
-    ::inet_ntop(AF_INET, &reinterpret_cast<sockaddr_in*>(found->ai_addr)->sin_addr, buf,
-                sizeof buf);
-    ::freeaddrinfo(found);
-    ip = buf;
-    return true;
+// The words of the connection request of `state`'s server, as the person gave them.
+std::vector<std::string> connection_words(const std::string& server, const std::string& token,
+                                          const std::vector<std::string>& options) {
+    std::vector<std::string> words = {"--server", server, "--session", token};
+    words.insert(words.end(), options.begin(), options.end());
+    return words;
 }
 
 // The configuration a command works on: given, readable, with its state. false with a
@@ -172,16 +162,12 @@ bool ensure_connected(const ControllerState& state, std::string& error) {
         error = "the daemon refused link: " + reply["error"].asString().str();
         return false;
     }
-    std::string ip;
-    int port = 0;
-    if (!parse_server(state.server, ip, port, error)) return false;
     request = PObject();
+    if (!build_connection_request(
+            connection_words(state.server, state.session, state.connection_options), request,
+            error))
+        return false;
     request["action"] = "link_connection";
-    request["connection_id"] = kConnectionId;
-    request["server_ip"] = ip.c_str();
-    request["server_port"] = static_cast<uint64_t>(port);
-    request["session"] = state.session.c_str();
-    request["use_ssl"] = false;
     return ask(state.daemon_port, request, reply, error);
 }
 
@@ -208,17 +194,34 @@ bool overlaps(const std::string& a, const std::string& b) {
     return x.compare(0, y.size(), y) == 0 || y.compare(0, x.size(), x) == 0;
 }
 
-// What `add` is asked for, checked before anything is changed. The exit status when it
-// can't be done, else 0.
+// The connection options `add` is given, with the proxy password it would take from the
+// environment written out, since the daemon may be started again without it.
+std::vector<std::string> given_options(const Args& args) {
+    std::vector<std::string> options = args.rest;
+    const char* password = std::getenv("TARNBRIDGE_PROXY_PASSWORD");
+    if (password != nullptr &&
+        std::find(options.begin(), options.end(), "--proxy-password") == options.end())
+        options.insert(options.end(), {"--proxy-password", password});
+    return options;
+}
+
+// What `add` is asked for, checked before anything is changed; the connection's options
+// are those given, or the recorded ones when none are. The exit status when it can't be
+// done, else 0.
 int check_add(const Args& args, const ControllerState& state, uint64_t& id,
-              RecordedSession& session, std::string& server, std::string& token) {
+              RecordedSession& session, ControllerState& connection) {
     for (const char* required : {"--folder", "--server", "--session", "--view"})
         if (!args.has(required)) return usage_error(std::string("add needs ") + required);
-    std::string error, ip;
-    int port = 0;
-    server = args.get("--server");
-    token = args.get("--session");
-    if (!parse_server(server, ip, port, error)) return usage_error(error);
+    std::string error;
+    connection.server = args.get("--server");
+    connection.session = args.get("--session");
+    connection.connection_options =
+        args.rest.empty() && !state.server.empty() ? state.connection_options : given_options(args);
+    PObject request;
+    if (!build_connection_request(
+            connection_words(connection.server, connection.session, connection.connection_options),
+            request, error))
+        return usage_error(error);
     if (!parse_id(args.get("--view"), session.view))
         return usage_error("--view wants a view id, not '" + args.get("--view") + "'");
     if (args.has("--session-id") && !parse_id(args.get("--session-id"), id))
@@ -229,9 +232,13 @@ int check_add(const Args& args, const ControllerState& state, uint64_t& id,
     session.folder = fs::weakly_canonical(fs::absolute(args.get("--folder"), ec), ec).string();
     if (ec || !fs::is_directory(session.folder, ec))
         return failure(args.get("--folder") + " is not a folder");
-    if (!state.server.empty() && (state.server != server || state.session != token))
+    if (!state.server.empty() &&
+        (state.server != connection.server || state.session != connection.session))
         return failure("this daemon is connected to " + state.server +
                        " already; one configuration serves one server account");
+    if (!state.server.empty() && state.connection_options != connection.connection_options)
+        return failure("this daemon is connected to " + state.server +
+                       " with other options; give none to use the recorded ones");
     if (state.sessions.count(id) != 0)
         return failure("session " + std::to_string(id) + " is recorded already, for " +
                        state.sessions.at(id).folder);
@@ -406,15 +413,15 @@ int run_add(int argc, char** argv) {
     std::string error, config;
     if (!parse_args(argc, argv,
                     {"--config", "--folder", "--server", "--session", "--view", "--session-id"},
-                    {"--json"}, args, error))
+                    {"--json"}, args, error, true))
         return usage_error(error);
     ControllerState state;
     int code = 0;
     if (!load(args, config, state, code)) return code;
     uint64_t id = 0;
     RecordedSession session;
-    std::string server, token;
-    if ((code = check_add(args, state, id, session, server, token)) != 0) return code;
+    ControllerState connection;
+    if ((code = check_add(args, state, id, session, connection)) != 0) return code;
 
     if (!daemon_alive(state)) {
         Config::map_type values;
@@ -424,8 +431,9 @@ int run_add(int argc, char** argv) {
         if (!WriteState(config, state, error)) return failure(error);
         restore_sessions(config, state);
     }
-    state.server = server;
-    state.session = token;
+    state.server = connection.server;
+    state.session = connection.session;
+    state.connection_options = connection.connection_options;
     if (!ensure_connected(state, error)) return failure(error);
     const std::string folder = SessionConfigFolder(config, id);
     std::error_code ec;
@@ -443,7 +451,7 @@ int run_add(int argc, char** argv) {
         out["session_id"] = id;
         out["folder"] = session.folder.c_str();
         out["view_id"] = session.view;
-        out["server"] = server.c_str();
+        out["server"] = state.server.c_str();
         out["config_path"] = folder.c_str();
         std::string json;
         append_json(json, out);
@@ -451,7 +459,7 @@ int run_add(int argc, char** argv) {
     } else {
         std::printf("session %llu: %s with view %llu on %s\n", static_cast<unsigned long long>(id),
                     session.folder.c_str(), static_cast<unsigned long long>(session.view),
-                    server.c_str());
+                    state.server.c_str());
     }
     return 0;
 }

@@ -8,7 +8,9 @@
 #include "controller-state.h"
 
 // tarnbridge add --config FILE --folder DIR --server HOST:PORT --session TOKEN --view ID
-//                [--session-id N] [--json]
+//                [--session-id N] [--json] [CONNECTION OPTIONS]
+// The connection options are those of link-connection (connection-command.h); they are
+// recorded with the server, and a later add gives the same or none.
 int run_add(int argc, char** argv);
 // tarnbridge status [--config FILE] [--watch] [--json]
 int run_status(int argc, char** argv);

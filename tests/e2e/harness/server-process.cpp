@@ -8,6 +8,8 @@ ServerProcess::ServerProcess() {
     std::string out;
     if (!Command("init", {"--port", "0"}, &out)) return;
     std::smatch match;
+    if (!std::regex_search(out, match, std::regex("ssl_pin = (\\S+)\n"))) return;
+    m_pin = match[1];
     if (!std::regex_search(out, match, std::regex("session = \"([0-9a-f]+)\"\nview_id = (\\d+)")))
         return;
     m_session = match[1];

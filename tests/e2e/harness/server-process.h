@@ -25,6 +25,8 @@ class ServerProcess {
     // The account's session token and its view, as a daemon logs in with them.
     const std::string& session() const { return m_session; }
     uint64_t view_id() const { return m_view_id; }
+    // The SHA-256 fingerprint of the server's TLS certificate.
+    const std::string& pin() const { return m_pin; }
     const std::string& data_dir() const { return m_data; }
 
     // Replaces the fault file, which the server reads again when it changes.
@@ -51,6 +53,7 @@ class ServerProcess {
     std::string m_data = m_dir / "data";
     std::string m_faults = m_dir / "faults";
     std::string m_session;
+    std::string m_pin;
     uint64_t m_view_id = 0;
     int m_port = -1;
     int m_puts = 0;  // names the local files that Put sends

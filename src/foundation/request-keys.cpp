@@ -1,5 +1,5 @@
 // request-keys.cpp: the kinds of control request values.
-#include "daemon/request-keys.h"
+#include "foundation/request-keys.h"
 
 bool HasKey(const PObject& request, const char* key, KeyKind kind) {
     const PObject& value = request[key];

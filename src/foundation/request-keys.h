@@ -1,6 +1,7 @@
 // request-keys.h: reading the keys of a control request. The controlling process is
-// another program, so a key may be missing or hold any kind of value; the commands test
-// the kinds here before they read a value, and refuse what does not fit.
+// another program, so a key may be missing or hold any kind of value; the daemon's
+// commands and the connection request reader test the kinds here before they read a
+// value, and refuse what does not fit.
 #pragma once
 
 #include "foundation/object.h"
