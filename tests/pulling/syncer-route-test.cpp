@@ -37,12 +37,8 @@ class SyncerRoutes : public SyncerConcurrency {
     }
     // How many tunnels to `port` (the server's by default) the proxy has been asked for.
     size_t ProxiedConnects(const RealProxy& proxy, int port = 0) const {
-        const std::string log = proxy.Log();
-        const std::string text =
-            "CONNECT 127.0.0.1:" + std::to_string(port ? port : server->port());
-        size_t n = 0;
-        for (size_t at = log.find(text); at != std::string::npos; at = log.find(text, at + 1)) ++n;
-        return n;
+        return CountIn(proxy.Log(),
+                       "CONNECT 127.0.0.1:" + std::to_string(port ? port : server->port()));
     }
     ConnectionInfo Info() const {
         ConnectionInfo info;

@@ -2,9 +2,7 @@
 // controlling process does it.
 #include "harness/sync-world.h"
 
-#include <chrono>
 #include <filesystem>
-#include <thread>
 
 #include <sqlite3.h>
 
@@ -22,17 +20,6 @@ bool Failed(const PObject& reply) {
 }
 
 }  // namespace
-
-bool WaitUntil(const std::function<bool()>& condition, double seconds) {
-    const auto deadline = std::chrono::steady_clock::now() +
-                          std::chrono::duration_cast<std::chrono::steady_clock::duration>(
-                              std::chrono::duration<double>(seconds));
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > deadline) return false;
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    return true;
-}
 
 SyncWorld::SyncWorld(int worker_count)
     : m_daemon(std::make_unique<DaemonProcess>(m_notifications.port(), worker_count)) {

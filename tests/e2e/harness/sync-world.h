@@ -16,10 +16,14 @@
 #include "harness/notifications.h"
 #include "harness/server-process.h"
 #include "harness/tree.h"
+#include "support/eventually.h"
 #include "support/temp-dir.h"
 
-// Looks every 20 ms until `condition` holds; false when `seconds` passed first.
-bool WaitUntil(const std::function<bool()>& condition, double seconds = 20);
+// Looks until `condition` holds; false when `seconds` passed first.
+inline bool WaitUntil(const std::function<bool()>& condition, double seconds = 20) {
+    return Eventually(condition, nullptr,
+                      std::chrono::milliseconds(static_cast<int64_t>(seconds * 1000)));
+}
 
 class SyncWorld {
   public:
