@@ -102,7 +102,7 @@ bool add_option(const std::string& option, const std::string& value, PObject& re
 
 bool build_connection_request(const std::vector<std::string>& words, PObject& request,
                               std::string& error) {
-    request[k::kConnectionId] = uint64_t{1};
+    request[k::kConnectionId] = kControllerConnectionId;
     request[k::kUseSsl] = true;
     request[k::kUseProxy] = false;
     request[k::kUseTunnel] = false;

@@ -4,10 +4,14 @@
 // connection as part of their work build their request the same way.
 #pragma once
 
+#include <cstdint>
 #include <string>
 #include <vector>
 
 #include "foundation/object.h"
+
+// The connection id the controller gives the daemon's one connection unless told another.
+constexpr uint64_t kControllerConnectionId = 1;
 
 // Fills `request` from the options in `words`:
 //   --server HOST:PORT --session TOKEN [--connection-id N] [--no-ssl] [--ssl-pin SHA256]

@@ -24,9 +24,6 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// The daemon's one connection, as the controller makes it.
-constexpr uint64_t kConnectionId = 1;
-
 const char* const kDefaultBlackList = "[Version]\nmajor = 1\nminor = 0\n";
 const char* const kDefaultWhiteList =
     "[Version]\nmajor = 1\nminor = 0\n\n[File]\nwhite_ext = \"*\"\n";
@@ -177,7 +174,7 @@ bool add_to_daemon(const std::string& config, const ControllerState& state, uint
     if (!prepare_session_folder(folder, error)) return false;
     PObject request;
     request["action"] = "add_session";
-    request["connection_id"] = kConnectionId;
+    request["connection_id"] = kControllerConnectionId;
     request["session_id"] = id;
     request["view_id"] = session.view;
     request["config_path"] = folder.c_str();
@@ -194,10 +191,14 @@ bool overlaps(const std::string& a, const std::string& b) {
     return x.compare(0, y.size(), y) == 0 || y.compare(0, x.size(), x) == 0;
 }
 
-// The connection options `add` is given, with the proxy password it would take from the
-// environment written out, since the daemon may be started again without it.
+// The connection options `add` is given, as they must read when the daemon is started
+// again from elsewhere and without this environment: the CA file's path absolute, the
+// proxy password from the environment written out.
 std::vector<std::string> given_options(const Args& args) {
     std::vector<std::string> options = args.rest;
+    auto ca = std::find(options.begin(), options.end(), "--ssl-ca-file");
+    std::error_code ec;
+    if (ca != options.end() && ca + 1 != options.end()) ca[1] = fs::absolute(ca[1], ec).string();
     const char* password = std::getenv("TARNBRIDGE_PROXY_PASSWORD");
     if (password != nullptr &&
         std::find(options.begin(), options.end(), "--proxy-password") == options.end())
