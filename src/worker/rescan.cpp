@@ -49,3 +49,9 @@ void Worker::CreateDirSelfEvent() {
     WorkerLog(Logger::L_INFO, "[INFO] worker(%d): CreateDirSelfEvent: download [%s].\n", __LINE__,
               e.m_path.c_str_utf8());
 }
+
+int Worker::PushRemoveEvent(const ustring& path, bool is_dir) {
+    WorkerLog(Logger::L_DEBUG, "[DEBUG] worker(%d): PushRemoveEvent: %s\n", __LINE__,
+              path.c_str_utf8());
+    return PushLocalRemoveEvent(context.root_entry, path, is_dir);
+}

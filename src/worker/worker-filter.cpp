@@ -2,9 +2,14 @@
 // list, then the black lists (the process-wide one before the session's own).
 #include <string>
 
+#include "foundation/error-code.h"
+
 #include "filter/black-list-v2.h"
 #include "filter/filter.h"
 #include "filter/white-list-cpp.h"
+#include "state/filter-db.h"
+#include "transport/connection-pool.h"
+#include "worker/conflict-name.h"
 #include "worker/worker-log.h"
 #include "worker/worker.h"
 
@@ -28,6 +33,12 @@ int TestWithBlackLists(BlackList2* session, PathTest test, const ustring& path,
         if (rc != 0) return rc;
     }
     return 0;
+}
+
+// The name this computer goes by in conflict names.
+ustring ClientName() {
+    ConnectionPool* pool = g_pool.load();
+    return pool != nullptr ? pool->getClientName() : ustring();
 }
 
 }  // namespace
@@ -74,4 +85,48 @@ int Worker::TestDirectory(const ustring& path, const ustring& full_path) {
 int Worker::TestFilePath(const ustring& path, const ustring& full_path) {
     return TestWithBlackLists(context.root_entry.black_list, &BlackList2::TestFilePath, path,
                               full_path);
+}
+
+int Worker::TestBaseNameConflict(const ustring& basename) {
+    const size_t n = basename.length();
+    if (n == 0) return 1;
+    int rc = 0;
+    if (basename[0] == ' ' || basename[n - 1] == ' ') {
+        WorkerLog(Logger::L_WARNING,
+                  "[WARNING] worker(%d): TestBaseNameConflict : WhiteSpaceConflict '%s'.\n",
+                  __LINE__, basename.c_str_utf8());
+        rc = WhiteSpaceConflictRename(GetFullPath(), basename, ClientName());
+    } else if (basename[n - 1] == '.') {
+        WorkerLog(Logger::L_WARNING,
+                  "[WARNING] worker(%d): TestBaseNameConflict : TailCharacterConflict '%s'.\n",
+                  __LINE__, basename.c_str_utf8());
+        rc = ConflictRename(GetFullPath(), ClientName(), "TailCharacterConflict");
+    } else {
+        return 1;
+    }
+    return rc < 0 ? ERR_SYS : 0;
+}
+
+int Worker::AddFilteredEventToDB(const Event& ev, int filtered_type) {
+    if (ev.isServerEvent()) return 0;
+    FilterLocalEvent fe;
+    fe.sess_id = ev.m_sess_id;
+    fe.file_type = ev.isDir() ? 1 : 0;
+    fe.path = ev.m_path;
+    fe.event_type = ev.m_type;
+    fe.file_size = ev.m_data_size;
+    fe.file_mod_time = ev.m_time;
+    fe.file_checksum = ev.m_data_hash;
+    fe.filtered_type = filtered_type;
+    fe.is_exist = ev.m_type == Event::EV_REMOVE ? 0 : 1;
+    if (ev.isFile()) {
+        const size_t slash = ev.m_path.rfind('/');
+        fe.base_name = slash == ustring::npos ? ev.m_path : ev.m_path.substr(slash + 1);
+    }
+    if (FilterDB::getInstance().setLocalFilteredEvent(fe) < 0)
+        WorkerLog(Logger::L_ERR,
+                  "[ERROR] worker(%d): Failed to setLocalFilteredEvent for session '%llu', path "
+                  "'%s' .\n",
+                  __LINE__, static_cast<unsigned long long>(ev.m_sess_id), ev.m_path.c_str_utf8());
+    return 0;
 }

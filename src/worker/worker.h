@@ -17,9 +17,11 @@
 #include <functional>
 
 #include "events/event.h"
+#include "foundation/file-op.h"
 #include "foundation/mutex.h"
 #include "foundation/object.h"
 #include "foundation/stream.h"
+#include "foundation/temp-file.h"
 #include "foundation/ustring.h"
 #include "runtime/registry.h"
 #include "runtime/task.h"
@@ -201,6 +203,50 @@ class Worker : public Task, private ServerCaller {
     int ExpandDeleteEvent();
     // After the children of a directory were looked at, the event for the directory itself.
     void CreateDirSelfEvent();
+
+    // The steps of UploadLocal (upload.cpp). TestUploadLocalFilter: 1 pass, 0 filtered (the
+    // event is done), or a daemon code. IsUploadLocalFakeEvent: true when there is nothing
+    // to upload (the object vanished or is neither file nor directory).
+    // IsUploadLocalFakeRequest: true when every part of the request refers to the base.
+    int TestUploadLocalFilter();
+    bool IsUploadLocalFakeEvent(const FILE_INFO& local);
+    bool IsUploadLocalFakeRequest(const PObject& request);
+    // Fill the request's parts. PrepareFileBlock reads the file once for its hash, its new
+    // signature (into `signature`) and, against the row's signature, a delta; 0, -1 when
+    // the file changed while being read, -3 on any other failure.
+    int PrepareFileBlock(PObject& request, TempFile& signature);
+    int PrepareMtime(const FILE_INFO& local, const ClientFileEventInfo& db, PObject& request);
+    int PrepareMacAttrFile(PObject& request);
+    int PrepareExecBit(PObject& request);
+    // The upload exchanges on `ch`: plain, or resumable with its token, dry run and
+    // resumption. 0 (an error reply stands in `response`) or a daemon code.
+    int ProtoUploadObject(Channel& ch, PObject& request, PObject& response);
+    int ProtoResumeUploadObject(Channel& ch, PObject& request, PObject& response);
+    // Writes the row the server's answer makes, moving `sign_path` into the session's
+    // signature store. 0; -1.
+    int CommitDatabaseUpload(const PObject& request, const PObject& response,
+                             const ClientFileEventInfo& base, const ustring& sign_path);
+    // After the commit: an object gone meanwhile gets its removal event. 0; -1.
+    int CheckLocalModification(const PObject& request);
+    // A name the server cannot hold (blanks at its ends, a final dot) is renamed locally:
+    // 1 for a clean name, 0 renamed (the new name brings its own event), -3 on failure.
+    int TestBaseNameConflict(const ustring& basename);
+    // Remembers a local change a selective sync rule kept back. 0.
+    int AddFilteredEventToDB(const Event& ev, int filtered_type);
+    // Queues the removal of a local object. 0 or the event manager's code.
+    int PushRemoveEvent(const ustring& path, bool is_dir);
+
+    // Shared by the transfers (worker-commit.cpp). LocallyModified: true when `cur` is not
+    // what the row `base` describes (type, size, time, and `cur_hash` when given).
+    // UpdateDatabaseInfo: writes the row, 0 or -1. CalculateMD4: 0 with the file's hash, -1.
+    bool LocallyModified(const FILE_INFO& cur, const ClientFileEventInfo& base,
+                         const ustring& cur_hash);
+    int UpdateDatabaseInfo(const ClientFileEventInfo& info);
+    int CalculateMD4(const ustring& full_path, ustring& hash);
+
+    // Removal's primitives (removal.cpp). RemoveDatabaseInfo: forgets the row of the
+    // current path, 0 or -1.
+    int RemoveDatabaseInfo();
     // Replaces the handlers events are routed to.
     void SetHandlers(WorkerHandlers handlers) { m_handlers = std::move(handlers); }
 
@@ -239,6 +285,14 @@ class Worker : public Task, private ServerCaller {
     int* CallerAbortFlag() override { return AbortFlag(); }
     ProtoRespCaller RespCaller() const override { return PROTO_RESP_WORKER; }
     TlsStyle Tls() const override { return TLS_IN_CONNECT; }
+
+    // UploadLocal's parts (upload.cpp): the request built or taken from the cache; the
+    // exchange on a pooled connection; the answer carried out.
+    int BuildUploadRequest(const FILE_INFO& local, TempFile& signature, PObject& request,
+                           bool& resumable);
+    int SendUpload(PObject& request, PObject& response, bool resumable);
+    int SettleUploadReply(PObject& request, PObject& response, const ustring& sign_path);
+    int HandleUploadError(const PObject& response);
 
     // Steps 7 to 10 of a loop turn: the event through its handler, then its fate.
     void CarryOut();

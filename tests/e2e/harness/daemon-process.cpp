@@ -25,7 +25,9 @@ DaemonProcess::DaemonProcess(int ui_port, int worker_count) {
                 "\nfilter_db_path = " + (h / "filter.sqlite") + "\nsystem_filter_path = " +
                 (h / "system.filter") + "\nworker_count = " + std::to_string(worker_count) +
                 "\nui_port = " + std::to_string(ui_port) + "\n");
-    h.write("levels", "client_debug = 7\nipc = 6\nsyncer_debug = 7\nworker_debug = 6\n");
+    h.write("levels",
+            "client_debug = 7\nipc = 6\nsyncer_debug = 7\nworker_debug = 7\nconflict_rename_debug "
+            "= 6\n");
     h.write("system.filter", "[Version]\nmajor = 1\nminor = 0\n");
 }
 

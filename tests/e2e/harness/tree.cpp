@@ -44,7 +44,8 @@ Tree LocalTree(const std::string& root) {
     std::error_code ec;
     fs::recursive_directory_iterator it(root, ec);
     for (; !ec && it != fs::recursive_directory_iterator(); it.increment(ec)) {
-        const std::string rel = "/" + fs::relative(it->path(), root).generic_string();
+        // Lexical: relative() would resolve a link to wherever it points.
+        const std::string rel = "/" + it->path().lexically_relative(root).generic_string();
         if (rel == kWorkingDirectory) {
             it.disable_recursion_pending();
             continue;
