@@ -10,7 +10,7 @@
 #include <filesystem>
 #include <string>
 
-#include "harness/relay.h"
+#include "harness/counting-relay.h"
 #include "harness/sync-world.h"
 #include "support/files.h"
 

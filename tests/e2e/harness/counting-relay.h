@@ -1,4 +1,4 @@
-// relay.h: a counting TCP relay between the daemon and the server, so that a test can tell
+// counting-relay.h: a counting TCP relay between the daemon and the server, so that a test can tell
 // how many bytes the daemon sent on each connection (a delta's size, a resumed upload's
 // remainder) without the server having to report them.
 #pragma once

@@ -1,5 +1,5 @@
-// relay.cpp: one thread accepts, one thread per connection copies both ways with poll.
-#include "harness/relay.h"
+// counting-relay.cpp: one thread accepts, one thread per connection copies both ways with poll.
+#include "harness/counting-relay.h"
 
 #include <poll.h>
 #include <sys/socket.h>
