@@ -26,6 +26,13 @@ constexpr size_t kSignatureHash = 8;
 // The server generation that says nothing of itself and knows no max_id.
 constexpr unsigned long kLegacyBuild = 2402;
 
+// A link is never opened (it stays local), so whether its target is readable is moot.
+bool LockedForReading(const ustring& path) {
+    FILE_INFO info;
+    if (FSStat(path, info) == 0 && info.type == FT_SLINK) return false;
+    return isFileLocked(path, FS_GENERIC_READ);
+}
+
 bool IsLegacyServer() {
     return g_server_version.load() == kLegacyBuild;
 }
@@ -60,7 +67,7 @@ int Worker::UploadLocal() {
                   __LINE__, path.c_str_utf8(), rc);
         return rc;
     }
-    if (isFileLocked(GetFullPath(), FS_GENERIC_READ)) {
+    if (LockedForReading(GetFullPath())) {
         WorkerLog(Logger::L_ERR,
                   "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
                   "'%s'.\n",
@@ -270,7 +277,7 @@ int Worker::TestUploadLocalFilter() {
             AddFilteredEventToDB(e, rc);
         return filtered(rc);
     }
-    if (isFileLocked(full, FS_GENERIC_READ)) {
+    if (LockedForReading(full)) {
         WorkerLog(Logger::L_ERR,
                   "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
                   "'%s'.\n",
@@ -375,7 +382,10 @@ int Worker::PrepareFileBlock(PObject& request, TempFile& signature) {
                   "'%s'\n",
                   __LINE__, full.c_str_utf8());
     }
-    if (reader.readFile() != 0) {
+    const int read = reader.readFile();
+    // A pause or a stop ends the read: that is the loop's business, not a failure.
+    if (read == FileReader::ERROR_ABORT) return streamErr2DaemonErr(ERR_INT);
+    if (read != 0) {
         WorkerLog(Logger::L_ERR,
                   "[ERROR] worker(%d): PrepareFileBlock: Failed to read file for '%s', try it "
                   "again\n",

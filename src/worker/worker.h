@@ -213,7 +213,8 @@ class Worker : public Task, private ServerCaller {
     bool IsUploadLocalFakeRequest(const PObject& request);
     // Fill the request's parts. PrepareFileBlock reads the file once for its hash, its new
     // signature (into `signature`) and, against the row's signature, a delta; 0, -1 when
-    // the file changed while being read, -3 on any other failure.
+    // the file changed while being read, -21 when a pause ended the read, -3 on any other
+    // failure.
     int PrepareFileBlock(PObject& request, TempFile& signature);
     int PrepareMtime(const FILE_INFO& local, const ClientFileEventInfo& db, PObject& request);
     int PrepareMacAttrFile(PObject& request);
