@@ -268,6 +268,8 @@ TEST(Harness, ServerSideChangesShowInTheListingAndTheComparison) {
     ASSERT_TRUE(world.server().Rm("/c"));
     EXPECT_FALSE(world.server().Rm("/nothing"));
     EXPECT_EQ(world.CompareTrees(1), "only on the server: /z\nonly on the server: /z/b.txt\n");
+    // The local edits below are the comparison's to see, not the daemon's to upload.
+    ASSERT_EQ(ErrorOf(world.Pause(1)), "");
     ASSERT_TRUE(world.MkdirLocal(1, "/z"));
     ASSERT_TRUE(world.WriteLocal(1, "/z/b.txt", "hellO"));
     EXPECT_EQ(world.CompareTrees(1), "differs: /z/b.txt local f 5 " +
