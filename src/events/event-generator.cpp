@@ -11,25 +11,6 @@ namespace {
 
 constexpr const char* kLog = "worker_debug";
 
-// A server path must name something below the session root and nothing else:
-// one leading "/", plain names between single separators, no "." or "..", no
-// trailing
-// "/" except for the root itself.
-bool IsUsableServerPath(const ustring& path) {
-    if (path.empty() || path[0] != '/' || !ustring::is_valid(path)) return false;
-    if (path.size() == 1) return true;
-    size_t start = 1;
-    for (;;) {
-        size_t end = path.find('/', start);
-        if (end == ustring::npos) end = path.size();
-        const size_t len = end - start;
-        if (len == 0) return false;
-        if (len <= 2 && path.substr(start, len) == ustring(len == 1 ? "." : "..")) return false;
-        if (end == path.size()) return true;
-        start = end + 1;
-    }
-}
-
 Event MakeEvent(const Registry::Entry& reg, Event::Type type, const ustring& path, bool isDir) {
     Event e;
     e.m_type = type;
@@ -64,6 +45,27 @@ void ReadServerRecord(const Registry::Entry& reg, const PObject& ref, Event& e) 
 }
 
 }  // namespace
+
+bool IsUsableServerPath(const ustring& path) {
+    if (path.empty() || path[0] != '/' || !ustring::is_valid(path)) return false;
+    // A backslash would separate names where the other platform reads these paths, and a
+    // NUL ends the name the system sees.
+    for (size_t i = 0; i < path.size(); ++i)
+        if (path[i] == '\\' || path[i] == '\0') return false;
+    if (path.size() == 1) return true;
+    size_t start = 1;
+    for (;;) {
+        size_t end = path.find('/', start);
+        if (end == ustring::npos) end = path.size();
+        const size_t len = end - start;
+        if (len == 0) return false;
+        if (len <= 2 && path.substr(start, len) == ustring(len == 1 ? "." : "..")) return false;
+        // A drive ("C:") as the first name reads as an absolute path elsewhere.
+        if (start == 1 && len == 2 && path[2] == ':') return false;
+        if (end == path.size()) return true;
+        start = end + 1;
+    }
+}
 
 int PushEvent(Registry::Entry& reg, const PObject& ref) {
     Event e;

@@ -17,13 +17,17 @@
 #include "runtime/registry.h"
 #include "state/selective-sync.h"
 
+// True when a path from the server names something below the session root and nothing
+// else: one leading "/", plain names between single separators, no "." or "..", no
+// trailing "/" except for the root itself, no backslash, no NUL, no drive ("/C:").
+bool IsUsableServerPath(const ustring& path);
 // One record of the server's "event_list" ("is_dir", "is_removed", "path",
 // "sync_id", optional "max_id", "file", "common_attribute", "mtime",
 // "mac_attribute", "exec_bit"). 1 when a server event was pushed; 0 when none
 // is needed: a removal of a path this client doesn't know, or a change the
 // database already holds while the object is on disk (the client's own work
 // coming back). A record whose path is not an absolute path of plain names
-// (empty, "//", ".", "..") is dropped with an error, also 0.
+// (see IsUsableServerPath) is dropped with an error, also 0.
 int PushEvent(Registry::Entry& reg, const PObject& ref);
 // A local change a filter held back and a new filter lets through: an upload
 // when ref.is_exist is not 0, otherwise a forced download; a directory when

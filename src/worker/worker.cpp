@@ -361,6 +361,8 @@ int Worker::HandleError(int err) {
                       __LINE__, GetId());
             patch_err_count = 0;
             action = 0;
+            // The server's copy stays out of reach: the user must hear of it.
+            UI_IPC::ReportSessionErrorToUI(context.current_event.m_sess_id, err);
         }
     } else {
         sys_err_count = 0;

@@ -236,6 +236,43 @@ class Worker : public Task, private ServerCaller {
     int AddFilteredEventToDB(const Event& ev, int filtered_type);
     // Queues the removal of a local object. 0 or the event manager's code.
     int PushRemoveEvent(const ustring& path, bool is_dir);
+    // What TestDownloadConflict finds, or a negative daemon code.
+    enum DownloadConflict {
+        CONFLICT_NONE = 0,     // the local object is the base: it may be replaced
+        CONFLICT_RETRY = 1,    // changed on both sides: the local one moves to a conflict name
+        CONFLICT_IGNORE = 2,   // the local object already is the new one
+        CONFLICT_REMOVED = 3,  // the local object is gone
+    };
+    // The steps of DownloadRemote (download.cpp). `response` is a "resume_download" reply.
+    // TestDownloadRemoteFilter: 1 pass, 0 filtered. MergeEvent: 0 when the local object
+    // already is what the event describes (its row is then written), else -1.
+    // PrepareFileFromLocal: 0 when content of the event's hash found in the recycle bin or
+    // elsewhere in the folder was put in place and committed, else -1.
+    int TestDownloadRemoteFilter();
+    int MergeEvent();
+    int PrepareFileFromLocal();
+    int TestDownloadConflict(const FILE_INFO& local, const ClientFileEventInfo& db,
+                             const PObject& response);
+    // 0 when the target may be replaced (a local change moved to a conflict name, a base
+    // of the other type moved to the recycle bin), or a daemon code.
+    int HandleDownloadConflict(const PObject& response);
+    // After a patch or hash failure: 0 when the local file already is the new one, -1
+    // when a changed local file was moved aside (fetch again whole), -3 otherwise.
+    int HandleDownloadPatchError(const PObject& response);
+    // The verified new file in `new_path` (the full path itself when nothing is to be
+    // replaced), its signature in `signature`. 0 or a daemon code.
+    int PrepareDownloadFile(const PObject& response, ustring& new_path, TempFile& signature);
+    int ProcessDownloadFile(const PObject& response, TempFile& signature);
+    int ProcessDownloadDirectory(const PObject& response);
+    // "resume_download" on `ch`, asking for a resume token first when the request has
+    // none. 0 (an error reply stands in `response`) or a daemon code.
+    int ProtoResumeDownloadObject(Channel& ch, PObject& request, PObject& response);
+    int CommitDatabaseDownload(const PObject& response, const ClientFileEventInfo& base,
+                               const ustring& sign_path);
+    // Sets the object's time from the reply. 0.
+    int UpdateAttribute(const ustring& full_path, const PObject& response);
+    // FSStat of the full path. 0; -1.
+    int GetFilesystemInfo(FILE_INFO& info);
 
     // Shared by the transfers (worker-commit.cpp). LocallyModified: true when `cur` is not
     // what the row `base` describes (type, size, time, and `cur_hash` when given).
@@ -246,8 +283,15 @@ class Worker : public Task, private ServerCaller {
     int CalculateMD4(const ustring& full_path, ustring& hash);
 
     // Removal's primitives (removal.cpp). RemoveDatabaseInfo: forgets the row of the
-    // current path, 0 or -1.
+    // current path, 0 or -1. ProcessRenameRemoveLocal: moves the local object to the
+    // recycle bin with its rows, 0 or -3. moveFileToRecycleBin: parks a received file
+    // there (0), or deletes it (-1).
     int RemoveDatabaseInfo();
+    int ProcessRenameRemoveLocal(const FILE_INFO& local);
+    int RenameRemoveFile();
+    int RenameRemoveDirectory();
+    int moveFileToRecycleBin(const ustring& src, uint64_t size, const ustring& hash,
+                             const ustring& mac_hash);
     // Replaces the handlers events are routed to.
     void SetHandlers(WorkerHandlers handlers) { m_handlers = std::move(handlers); }
 
@@ -294,6 +338,26 @@ class Worker : public Task, private ServerCaller {
     int SendUpload(PObject& request, PObject& response, bool resumable);
     int SettleUploadReply(PObject& request, PObject& response, const ustring& sign_path);
     int HandleUploadError(const PObject& response);
+    // DownloadRemote's parts (download.cpp): the request from the base row; the transfer
+    // (resumed from the caches when they hold one) and what follows it; a broken
+    // transfer's received part kept for the retry; the reply carried out and committed;
+    // the filter records of the path forgotten; content found locally by hash and put in
+    // place; a failed patch's verdict; the local object moved to a conflict name; and
+    // whether the local file already holds the reply's content (1, 0, or -3).
+    PObject DownloadRequest(const ClientFileEventInfo& base);
+    int FetchAndPlace(const ClientFileEventInfo& base, TempFile& signature);
+    void KeepPartialResponse(int rc, PObject& response);
+    int SettleReply(const ClientFileEventInfo& base, const PObject& request, PObject& response,
+                    TempFile& signature);
+    int ForgetFilteredPath();
+    int FindLocalCopy(ustring& source, bool& from_recycle);
+    int PlaceLocalCopy(const ustring& moved, bool from_recycle, const ustring& source,
+                       TempFile& signature);
+    int SettlePatchError(const PObject& response, ustring& new_path);
+    int MoveAsideConflict();
+    int SameContent(const FILE_INFO& local, const PObject& response);
+    // RenameRemoveFile and RenameRemoveDirectory, told apart by `is_dir` (removal.cpp).
+    int MoveToRecycleBin(bool is_dir);
 
     // Steps 7 to 10 of a loop turn: the event through its handler, then its fate.
     void CarryOut();

@@ -125,13 +125,15 @@ TEST_F(EventGenerator, EveryKeyOfAServerRecordReachesItsFieldOrFallsBack) {
 }
 
 TEST_F(EventGenerator, ServerRecordWithAnUnusablePathIsDropped) {
-    for (const char* path : {"", "relative", "/a/../../etc", "/a//b", "/a/", "/.", "/x/.."}) {
+    for (const char* path : {"", "relative", "/a/../../etc", "/a//b", "/a/", "/.", "/x/..",
+                             "/a\\..\\b", "/C:", "/C:/x", "//server/share"}) {
         EXPECT_EQ(PushEvent(entry, Record(path, 40)), 0) << path;
     }
     EXPECT_TRUE(Pulled().empty());
     // Names that merely contain dots are ordinary.
     EXPECT_EQ(PushEvent(entry, Record("/..hidden/a.b", 42)), 1);
     EXPECT_EQ(Pulled().count("/..hidden/a.b"), 1u);
+    EXPECT_TRUE(IsUsableServerPath("/a/C:"));
 }
 
 // ---------------------------------------------------------------------------------------

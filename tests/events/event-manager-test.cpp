@@ -36,18 +36,6 @@ TEST_F(Turns, SessionsAlternateAndServerEventsCountUntilDone) {
     EXPECT_EQ(mgr.GetPendingServerEvent(2), 0);
 }
 
-TEST_F(Turns, BlockedSessionGivesMinusOneAndKeepsItsPlace) {
-    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/d", DIR_NODE)));
-    mgr.PushLocalEvent(In(1, Local(Event::EV_CREATE, "/d/f")));
-    RecordingTask a, b;
-    Event held, e;
-    ASSERT_EQ(mgr.PullEvent(&a, held), 0);
-    EXPECT_EQ(mgr.PullEvent(&b, e), -1);  // /d/f waits for its parent
-    ASSERT_EQ(mgr.DoneEvent(&a, held), 0);
-    ASSERT_EQ(mgr.PullEvent(&b, e), 0);
-    EXPECT_EQ(e.m_path, ustring("/d/f"));
-}
-
 TEST_F(Turns, UnknownSessionsBrokenPathsAndFileExpandsAreDropped) {
     mgr.PushLocalEvent(In(99, Local(Event::EV_MODIFY, "/x")));
     mgr.PushLocalEvent(In(1, Local(Event::EV_MODIFY, "/bad\xff\xfe")));

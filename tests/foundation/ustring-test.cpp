@@ -1,4 +1,4 @@
-// Behaviour of the system's string type: conversions, searches, order, normalization.
+// Behaviour of the system's string type: conversions, edits, order, normalization.
 #include <gtest/gtest.h>
 
 #include <stdexcept>
@@ -65,23 +65,6 @@ TEST(UstringEdit, SubstrUsesBytesAndTrimStripsOnlyTheGivenSet) {
     EXPECT_EQ(ustring(t).trim(" -"), ustring("x y"));
     EXPECT_EQ(ustring(t).ltrim(" "), ustring("-x y-  "));
     EXPECT_EQ(ustring(t).rtrim(" "), ustring("  -x y-"));
-}
-
-TEST(UstringSearch, FindsBytesAndGivesNposOutOfRange) {
-    ustring s("/a/bc/a/d");
-    EXPECT_EQ(s.find("/a"), 0u);
-    EXPECT_EQ(s.find("/a", 1), 5u);
-    EXPECT_EQ(s.find("zz"), ustring::npos);
-    EXPECT_EQ(s.find("a", 9), ustring::npos);
-    EXPECT_EQ(s.rfind("/a"), 5u);
-    EXPECT_EQ(s.rfind("/a", 4), 0u);
-    EXPECT_EQ(s.rfind('/', 100), 7u);
-    EXPECT_EQ(s.find_first_of("bd"), 3u);
-    EXPECT_EQ(s.find_first_not_of("/a"), 3u);
-    EXPECT_EQ(s.find_last_of("ab"), 6u);
-    EXPECT_EQ(s.find_last_not_of("d/"), 6u);
-    EXPECT_EQ(ustring("").rfind('a'), ustring::npos);
-    EXPECT_EQ(ustring("aaa").find_first_not_of('a'), ustring::npos);
 }
 
 TEST(UstringOrder, ComparesUnsignedBytesAndFoldsAsciiOnly) {

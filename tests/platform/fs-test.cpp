@@ -103,26 +103,4 @@ TEST_F(PosixFsTest, TemporaryFolderIsAFixedCaseSensitiveVolume) {
     EXPECT_EQ(err, ENOENT);
 }
 
-TEST(VolumeTypes, KnownTypesAreClassified) {
-    auto show = [](const platform::VolumeInfo& v) {
-        static const char* const classes[] = {"fixed", "remote", "optical", "memory"};
-        return v.fs_name + " " + classes[static_cast<int>(v.klass)] + (v.is_fat ? " fat" : "") +
-               (v.folds_case ? " folds" : "");
-    };
-    const std::pair<uint64_t, const char*> rows[] = {{0xEF53, "ext4 fixed"},
-                                                     {0x58465342, "xfs fixed"},
-                                                     {0x9123683E, "btrfs fixed"},
-                                                     {0x01021994, "tmpfs memory"},
-                                                     {0x4d44, "vfat fixed fat folds"},
-                                                     {0x2011BAB0, "exfat fixed fat folds"},
-                                                     {0x6969, "nfs remote"},
-                                                     {0xFF534D42, "cifs remote folds"},
-                                                     {0xFE534D42, "smb2 remote folds"},
-                                                     {0x9660, "iso9660 optical"},
-                                                     {0x15013346, "udf optical"},
-                                                     {0x1234abcd, "0x1234abcd fixed"}};
-    for (const auto& [magic, want] : rows)
-        EXPECT_EQ(show(platform::describe_volume_type(magic)), want);
-}
-
 }  // namespace

@@ -10,6 +10,7 @@
 
 #include "platform/clock.h"
 #include "runtime/task.h"
+#include "support/eventually.h"
 
 namespace {
 
@@ -55,16 +56,6 @@ class SleepingTask : public Task {
     int m_seconds;
 };
 
-template <typename Pred>
-bool Eventually(Pred pred, int64_t ms = 5000) {
-    auto start = SteadyClock::now();
-    while (!pred()) {
-        if (ElapsedMs(start) > ms) return false;
-        std::this_thread::sleep_for(Ms(1));
-    }
-    return true;
-}
-
 TEST(TaskConcurrency, RunStartsOneThreadAndJoinAllowsARestart) {
     Task fresh;
     EXPECT_EQ(fresh.GetState(), Task::STOP);
@@ -101,7 +92,7 @@ TEST(TaskConcurrency, StopPauseOrDestructionCutsAWaitShort) {
         const auto start = SteadyClock::now();
         if (how != "destroy") {
             how == "stop" ? task->Stop() : task->Pause();
-            EXPECT_TRUE(Eventually([&] { return task->done.load(); }, 1000));
+            EXPECT_TRUE(Eventually([&] { return task->done.load(); }, nullptr, Ms(1000)));
             EXPECT_EQ(task->result.load(), -1);
         }
         task.reset();  // the destructor stops and joins the thread
@@ -118,7 +109,7 @@ TEST(TaskConcurrency, WaitRunsItsTimeOnTheProcessClock) {
     std::this_thread::sleep_for(Ms(150));
     EXPECT_FALSE(task.done.load());
     clock.Advance(3600 * 1000);
-    EXPECT_TRUE(Eventually([&] { return task.done.load(); }, 1000));
+    EXPECT_TRUE(Eventually([&] { return task.done.load(); }, nullptr, Ms(1000)));
     EXPECT_EQ(task.result.load(), 0);
     EXPECT_EQ(task.Join(), 0);
 }
@@ -134,26 +125,12 @@ TEST(TaskConcurrency, PausedTaskHoldsStillAndResumes) {
     EXPECT_EQ(task.rounds.load(), frozen);
 
     task.Resume();
-    EXPECT_TRUE(Eventually([&] { return task.rounds.load() > frozen; }, 1000));
+    EXPECT_TRUE(Eventually([&] { return task.rounds.load() > frozen; }, nullptr, Ms(1000)));
     task.Pause();
     auto start = SteadyClock::now();
     task.Stop();  // a stop while paused ends the pause sleep too
     ASSERT_EQ(task.Join(), 0);
     EXPECT_LT(ElapsedMs(start), 900);
-}
-
-TEST(TaskConcurrency, AbortFlagIsSeenByAPollingThread) {
-    Task task;
-    EXPECT_FALSE(task.IsAborted());
-    std::thread poller([&] {
-        std::atomic_ref<int> flag(*task.AbortFlag());
-        EXPECT_TRUE(Eventually([&] { return flag.load() != 0; }, 2000));
-    });
-    task.SetAbortFlag(1);
-    poller.join();
-    EXPECT_TRUE(task.IsAborted());
-    task.SetAbortFlag(0);
-    EXPECT_FALSE(task.IsAborted());
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-// counting-channel.cpp: the request byte count and its cut-off.
+// counting-channel.cpp: the request and reply byte counts and their cut-offs.
 #include "counting-channel.h"
 
 #include <algorithm>
@@ -16,4 +16,14 @@ int CountingChannel::Read(char* buf, size_t len, size_t& got) {
     m_consumed += got;
     if (rc < 0) return rc;
     return got < len ? ERR_IO : rc;
+}
+
+int CountingChannel::Write(const char* buf, size_t len) {
+    if (m_write_limit == 0) return Channel::Write(buf, len);
+    const uint64_t room = m_write_limit - std::min(m_write_limit, m_written);
+    const size_t allowed = static_cast<size_t>(std::min<uint64_t>(len, room));
+    int rc = allowed > 0 ? Channel::Write(buf, allowed) : 0;
+    if (rc < 0) return rc;
+    m_written += allowed;
+    return allowed < len ? ERR_IO : rc;
 }

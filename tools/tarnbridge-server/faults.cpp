@@ -48,12 +48,17 @@ std::vector<Faults::Rule> Faults::Parse(const std::string& text, int& bad) {
             rule.kind = Rule::CLOSE_AFTER;
             rule.action = w[1];
             ok = ParseNumber(w[2], rule.value) && rule.value > 0;
-        } else if (ok && w[0] == "error" && w.size() == 4) {
-            rule.kind = Rule::ERROR;
+        } else if (ok && w[0] == "cut-reply" && w.size() == 3) {
+            rule.kind = Rule::CUT_REPLY;
+            rule.action = w[1];
+            ok = ParseNumber(w[2], rule.value) && rule.value > 0;
+        } else if (ok && (w[0] == "error" || w[0] == "bad-hash") &&
+                   w.size() == (w[0] == "error" ? 4u : 3u)) {
+            rule.kind = w[0] == "error" ? Rule::ERROR : Rule::BAD_HASH;
             rule.action = w[1];
             rule.path = w[2];
-            ok = ParseNumber(w[3], rule.value) && rule.value > 0 &&
-                 (rule.path == "*" || server_path::Normalize(w[2], rule.path));
+            if (rule.kind == Rule::ERROR) ok = ParseNumber(w[3], rule.value) && rule.value > 0;
+            ok = ok && (rule.path == "*" || server_path::Normalize(w[2], rule.path));
         } else if (ok && w[0] == "delay" && w.size() == 3) {
             rule.kind = Rule::DELAY;
             rule.action = w[1];
@@ -100,7 +105,8 @@ const Faults::Rule* Faults::Fire(Rule::Kind kind, const std::string& action,
     for (Rule& rule : m_rules) {
         if (rule.kind != kind || rule.remaining == 0) continue;
         if (rule.action != "*" && rule.action != action) continue;
-        if (kind == Rule::ERROR && rule.path != "*" && rule.path != path) continue;
+        const bool by_path = kind == Rule::ERROR || kind == Rule::BAD_HASH;
+        if (by_path && rule.path != "*" && rule.path != path) continue;
         if (rule.remaining > 0) --rule.remaining;
         return &rule;
     }
@@ -123,4 +129,15 @@ uint32_t Faults::DelayMs(const std::string& action) {
     std::lock_guard<std::mutex> lock(m_mutex);
     const Rule* rule = Fire(Rule::DELAY, action, std::string());
     return rule ? static_cast<uint32_t>(rule->value) : 0;
+}
+
+uint64_t Faults::CutReplyAfter(const std::string& action) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    const Rule* rule = Fire(Rule::CUT_REPLY, action, std::string());
+    return rule ? rule->value : 0;
+}
+
+bool Faults::BadHash(const std::string& action, const std::string& path) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return Fire(Rule::BAD_HASH, action, path) != nullptr;
 }

@@ -7,6 +7,10 @@
 //                                        requests whose path is PATH
 //   delay ACTION MILLISECONDS [times=N]  hold the reply that long (keep-alives go out
 //                                        meanwhile when it is long)
+//   cut-reply ACTION BYTES [times=N]     drop the connection once BYTES bytes of the reply
+//                                        to an ACTION request were sent
+//   bad-hash ACTION PATH [times=N]       spoil the "file"."hash" of the reply to ACTION
+//                                        requests whose path is PATH
 //
 // ACTION is a request's action ("upload", "resume_download", ...) or "*" for any; PATH is a
 // view path or "*". A rule with times=N fires N times after each load of the file, then
@@ -23,7 +27,7 @@
 class Faults {
   public:
     struct Rule {
-        enum Kind { CLOSE_AFTER, ERROR, DELAY } kind = CLOSE_AFTER;
+        enum Kind { CLOSE_AFTER, ERROR, DELAY, CUT_REPLY, BAD_HASH } kind = CLOSE_AFTER;
         std::string action;
         std::string path;
         uint64_t value = 0;
@@ -38,6 +42,10 @@ class Faults {
     uint32_t ErrorFor(const std::string& action, const std::string& path);
     // Milliseconds to hold the reply, 0 for none.
     uint32_t DelayMs(const std::string& action);
+    // The bytes of the reply after which the connection is to be cut, 0 for none.
+    uint64_t CutReplyAfter(const std::string& action);
+    // Whether the reply's hash is to be spoiled.
+    bool BadHash(const std::string& action, const std::string& path);
 
     // Parses the text of a fault file; bad lines are skipped and counted in `bad`.
     static std::vector<Rule> Parse(const std::string& text, int& bad);

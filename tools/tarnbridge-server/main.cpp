@@ -1,6 +1,6 @@
 // main.cpp: the tarnbridge-server command line.
 //   tarnbridge-server --data DIR [--port P] [--listen ADDR] [--alive S] [--faults FILE]
-//                     [--keepalive S] [--versions N] [--legacy-2402] [--no-tls] [--stats]
+//                     [--keepalive S] [--versions N] [--legacy-2402] [--no-tls] [--stats] [--trace]
 //   tarnbridge-server init --data DIR [--view NAME] [--account NAME] [--port P] [--listen ADDR]
 //                          [--no-tls]
 //   tarnbridge-server ls --data DIR [VIEW [PATH]]
@@ -31,7 +31,7 @@ namespace {
 const char* const kUsage =
     "usage: tarnbridge-server --data DIR [--port P] [--listen ADDR] [--alive SECONDS]\n"
     "                         [--faults FILE] [--keepalive SECONDS] [--versions N] "
-    "[--legacy-2402] [--no-tls] [--stats]\n"
+    "[--legacy-2402] [--no-tls] [--stats] [--trace]\n"
     "       tarnbridge-server init --data DIR [--view NAME] [--account NAME] [--port P] "
     "[--listen ADDR] [--no-tls]\n"
     "       tarnbridge-server ls --data DIR [VIEW [PATH]]\n"
@@ -67,6 +67,8 @@ int ParseArgs(int argc, char** argv, int first, Args& args) {
             args.options.tls = false;
         } else if (a == "--stats") {
             args.stats = true;
+        } else if (a == "--trace") {
+            args.options.trace_payloads = true;
         } else if (a == "--data" && has_value) {
             args.options.data_dir = argv[++i];
         } else if (a == "--listen" && has_value) {

@@ -20,6 +20,9 @@ struct ServerOptions {
     // Agree to TLS when a client asks ("encrypt_channel", or "connect" with "do_ssl"),
     // presenting the data folder's certificate; false refuses both, as a plain-only server.
     bool tls = true;
+    // Print a line for each file payload a download reply carries (path, bytes, form), so
+    // that tests and people can see what crossed the wire.
+    bool trace_payloads = false;
     // A fault-injection file, re-read when it changes; empty for none.
     std::string faults_path;
     // A request still being worked on after this many seconds gets a keep-alive message,

@@ -15,7 +15,7 @@ ServerProcess::ServerProcess() {
     m_session = match[1];
     m_view_id = std::stoull(match[2]);
     m_process = std::make_unique<ChildProcess>(std::vector<std::string>{
-        kServerBinary, "--data", m_data, "--port", "0", "--faults", m_faults});
+        kServerBinary, "--data", m_data, "--port", "0", "--faults", m_faults, "--trace"});
     if (!m_process->WaitForOutput(" port ", 15)) return;
     const std::string started = m_process->Out();
     if (std::regex_search(started, match, std::regex("listening on \\S+ port (\\d+)")))
@@ -68,4 +68,16 @@ bool ServerProcess::Listing(Tree& tree) {
 
 std::string ServerProcess::Output() const {
     return m_process ? m_process->Out() : std::string();
+}
+
+std::vector<ServerProcess::Payload> ServerProcess::Payloads(const std::string& path) const {
+    std::vector<Payload> found;
+    const std::string out = Output();
+    const std::regex line(" (\\S+): (\\d+) payload bytes from (\\d+) \\((delta|whole)\\)");
+    for (auto it = std::sregex_iterator(out.begin(), out.end(), line); it != std::sregex_iterator();
+         ++it) {
+        if ((*it)[1] != path) continue;
+        found.push_back({std::stoull((*it)[2]), std::stoull((*it)[3]), (*it)[4] == "delta"});
+    }
+    return found;
 }

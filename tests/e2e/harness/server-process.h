@@ -6,6 +6,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "harness/tree.h"
 #include "support/process.h"
@@ -43,6 +44,14 @@ class ServerProcess {
 
     // The output of the server so far.
     std::string Output() const;
+    // The file payloads the server has sent for `path` so far, in order: bytes, offset and
+    // whether each was a delta.
+    struct Payload {
+        uint64_t bytes = 0;
+        uint64_t offset = 0;
+        bool delta = false;
+    };
+    std::vector<Payload> Payloads(const std::string& path) const;
 
   private:
     // Runs a command of the server's command line on the data folder; true for exit 0.
