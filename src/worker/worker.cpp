@@ -458,8 +458,9 @@ void Worker::GetWorkingStatus(uint64_t& session_id, ustring& path, WorkingType& 
     if (GetState() != RUN) return;
     ustring history;
     trans_stream.GetStatus(history, sent, total_size);
-    // Only a file body counts as progress; the rest of a request is bookkeeping.
-    if (history != ustring("file.file.data")) {
+    // Only a file body counts as progress; the rest of a request is bookkeeping. The
+    // stream's key path is then the "data" value of the message's "file" member, both ways.
+    if (history != ustring("file.data")) {
         sent = 0;
         total_size = 0;
     }

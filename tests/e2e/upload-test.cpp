@@ -21,6 +21,7 @@ namespace fs = std::filesystem;
 // A running session 1 whose connection goes through a counting relay.
 class Upload : public ::testing::Test {
   protected:
+    explicit Upload(const std::string& extra_config = "") : world(3, extra_config) {}
     void SetUp() override {
         ASSERT_TRUE(world.ok());
         PObject reply = world.daemon().Ask("link");
@@ -102,6 +103,23 @@ TEST_F(Upload, AnEditOfALargeFileGoesAsASmallDeltaAndTheSameContentByReference) 
     EXPECT_TRUE(Logged("Server side has same file hash"));
 }
 
+// The daemon configured to find blocks again after an insert: one byte at the front of a
+// large file costs a delta, not the file.
+class RealignedUpload : public Upload {
+  protected:
+    RealignedUpload() : Upload("delta_realign = true\n") {}
+};
+
+TEST_F(RealignedUpload, AnInsertAtTheFrontGoesAsASmallDelta) {
+    std::string content = RandomBytes(4 << 20, 7);
+    ASSERT_TRUE(world.WriteLocal(1, "/shifted", content));
+    ASSERT_TRUE(Synced());
+    const uint64_t whole = relay.Sent();
+    ASSERT_TRUE(world.WriteLocal(1, "/shifted", "!" + content));
+    ASSERT_TRUE(Synced());
+    EXPECT_LT(relay.Sent() - whole, uint64_t{64 << 10});
+}
+
 TEST_F(Upload, AConnectionCutMidFileResumesWithTheRemainingBytes) {
     constexpr uint64_t kSize = 24 << 20, kCut = 16 << 20;
     world.server().WriteFaults("close-after resume_upload " + std::to_string(kCut) + " times=1\n");
@@ -113,6 +131,25 @@ TEST_F(Upload, AConnectionCutMidFileResumesWithTheRemainingBytes) {
     ASSERT_GE(per.size(), 2u);
     EXPECT_GE(per[0], kCut);
     EXPECT_LT(per[1], kSize - kCut + (1 << 20));
+}
+
+TEST_F(Upload, TheStatusShowsAFileBodyPartlySent) {
+    constexpr uint64_t kSize = 24 << 20;
+    relay.Hold(relay.Sent() + (8 << 20));
+    ASSERT_TRUE(world.WriteLocal(1, "/slow", RandomBytes(kSize, 8)));
+    PObject seen;
+    EXPECT_TRUE(WaitUntil([&] {
+        const PObject status = world.daemon().Ask("get_status");
+        if (!status["worker_list"].isArray()) return false;
+        seen = status["worker_list"][0];
+        return seen["progress"].asUInt64() > 0;
+    })) << seen.toString().c_str_utf8();
+    EXPECT_STREQ(seen["path"].asString().c_str_utf8(), "/slow");
+    EXPECT_STREQ(seen["status"].asString().c_str_utf8(), "uploading");
+    EXPECT_LT(seen["progress"].asUInt64(), kSize);
+    EXPECT_GE(seen["total_size"].asUInt64(), kSize);
+    relay.Release();
+    ASSERT_TRUE(Synced(60));
 }
 
 TEST_F(Upload, AFileChangedDuringItsUploadIsNotCommittedWithTheOldHash) {

@@ -29,6 +29,16 @@ std::vector<uint64_t> CountingRelay::SentPerConnection() {
     return m_sent;
 }
 
+void CountingRelay::Hold(uint64_t bytes) {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    m_hold_at = bytes;
+}
+
+bool CountingRelay::Held() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return std::accumulate(m_sent.begin(), m_sent.end(), uint64_t{0}) >= m_hold_at;
+}
+
 void CountingRelay::Accept() {
     for (;;) {
         pollfd p[2] = {{m_listener.fd(), POLLIN, 0}, {m_wake[0], POLLIN, 0}};
@@ -50,8 +60,12 @@ void CountingRelay::Accept() {
 void CountingRelay::Pump(int client, int server, size_t slot) {
     char buf[65536];
     for (bool open = true; open;) {
-        pollfd p[3] = {{client, POLLIN, 0}, {server, POLLIN, 0}, {m_wake[0], POLLIN, 0}};
-        if (::poll(p, 3, -1) < 0 || p[2].revents != 0) break;
+        // While held, the daemon's side is looked at again every few milliseconds.
+        const bool held = Held();
+        pollfd p[3] = {{client, static_cast<short>(held ? 0 : POLLIN), 0},
+                       {server, POLLIN, 0},
+                       {m_wake[0], POLLIN, 0}};
+        if (::poll(p, 3, held ? 20 : -1) < 0 || p[2].revents != 0) break;
         for (int side = 0; side < 2 && open; ++side) {
             if (p[side].revents == 0) continue;
             const ssize_t n = ::read(p[side].fd, buf, sizeof buf);

@@ -24,17 +24,23 @@ class CountingRelay {
     // the connections were accepted).
     uint64_t Sent();
     std::vector<uint64_t> SentPerConnection();
+    // Stops carrying the daemon's bytes once `Sent()` reaches `bytes` (the server's still
+    // flow), so a transfer can be watched mid-body; Release() lets them go again.
+    void Hold(uint64_t bytes);
+    void Release() { Hold(UINT64_MAX); }
 
   private:
     void Accept();
     // Copies both ways until either side closes; counts the daemon's bytes in m_sent[slot].
     void Pump(int client, int server, size_t slot);
+    bool Held();
 
     loopback::Listener m_listener;
     int m_target;
     int m_wake[2] = {-1, -1};  // written when the relay closes
     std::mutex m_mutex;
     std::vector<uint64_t> m_sent;
+    uint64_t m_hold_at = UINT64_MAX;
     std::vector<std::thread> m_threads;
     std::thread m_acceptor;
 };

@@ -17,14 +17,14 @@ constexpr uint32_t kReplySeconds = 60;
 
 }  // namespace
 
-DaemonProcess::DaemonProcess(int ui_port, int worker_count) {
+DaemonProcess::DaemonProcess(int ui_port, int worker_count, const std::string& extra_config) {
     const TempDir& h = m_home;
     h.write("tarnbridge.conf",
             "log_file_path = " + (h / "daemon.log") + "\nlog_level_file_path = " + (h / "levels") +
                 "\ndb_path = " + (h / "db.sqlite") + "\nfstat_db_path = " + (h / "fstat.sqlite") +
                 "\nfilter_db_path = " + (h / "filter.sqlite") + "\nsystem_filter_path = " +
                 (h / "system.filter") + "\nworker_count = " + std::to_string(worker_count) +
-                "\nui_port = " + std::to_string(ui_port) + "\n");
+                "\nui_port = " + std::to_string(ui_port) + "\n" + extra_config);
     h.write("levels",
             "client_debug = 7\nipc = 6\nsyncer_debug = 7\nworker_debug = 7\nconflict_rename_debug "
             "= 6\n");

@@ -18,8 +18,9 @@
 class DaemonProcess {
   public:
     // A configuration in a folder of its own (log, databases, system filter), telling the
-    // daemon to send notifications to `ui_port` and to run `worker_count` - 1 workers.
-    DaemonProcess(int ui_port, int worker_count = 3);
+    // daemon to send notifications to `ui_port` and to run `worker_count` - 1 workers;
+    // `extra_config` lines are appended to it as they are.
+    DaemonProcess(int ui_port, int worker_count = 3, const std::string& extra_config = "");
     // Kills the daemon if it still runs.
     ~DaemonProcess();
     DaemonProcess(const DaemonProcess&) = delete;

@@ -21,8 +21,9 @@ bool Failed(const PObject& reply) {
 
 }  // namespace
 
-SyncWorld::SyncWorld(int worker_count)
-    : m_daemon(std::make_unique<DaemonProcess>(m_notifications.port(), worker_count)) {
+SyncWorld::SyncWorld(int worker_count, const std::string& extra_config)
+    : m_daemon(
+          std::make_unique<DaemonProcess>(m_notifications.port(), worker_count, extra_config)) {
     m_ok = m_server.ok() && m_daemon->Start();
 }
 

@@ -31,7 +31,8 @@ class SyncWorld {
     static constexpr uint64_t kConnectionId = 1;
 
     // Starts the server and the daemon (not yet linked); ok() tells whether both run.
-    explicit SyncWorld(int worker_count = 3);
+    // `extra_config` lines go into the daemon's configuration.
+    explicit SyncWorld(int worker_count = 3, const std::string& extra_config = "");
     ~SyncWorld();
     SyncWorld(const SyncWorld&) = delete;
     SyncWorld& operator=(const SyncWorld&) = delete;
