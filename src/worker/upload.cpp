@@ -33,6 +33,17 @@ bool LockedForReading(const ustring& path) {
     return isFileLocked(path, FS_GENERIC_READ);
 }
 
+// Times are kept to the second, so a rewrite of the same size within the second its row's
+// bytes were read leaves size and time as the row has them. The row's signature was written
+// while those bytes were read: a file whose time is not older than it may hide such a
+// rewrite, and only its content can tell. No signature to compare with counts the same.
+bool MayHideASameSecondWrite(const FILE_INFO& cur, const ClientFileEventInfo& row) {
+    FILE_INFO signature;
+    if (row.signaturePath.empty() || FSStat(row.signaturePath, signature) < 0 || !signature.isExist)
+        return true;
+    return cur.mtime >= signature.mtime;
+}
+
 bool IsLegacyServer() {
     return g_server_version.load() == kLegacyBuild;
 }
@@ -339,7 +350,8 @@ int Worker::PrepareFileBlock(PObject& request, TempFile& signature) {
     }
     PObject& file = request["file"];
     file["size"] = first.size;
-    if (db.syncID != 0 && !LocallyModified(first, db, ustring())) {
+    if (db.syncID != 0 && !LocallyModified(first, db, ustring()) &&
+        !MayHideASameSecondWrite(first, db)) {
         WorkerLog(Logger::L_INFO,
                   "[INFO] worker(%d): PrepareFileBlock: File '%s' is not modified (weak check)\n",
                   __LINE__, full.c_str_utf8());

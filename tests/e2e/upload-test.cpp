@@ -103,6 +103,19 @@ TEST_F(Upload, AnEditOfALargeFileGoesAsASmallDeltaAndTheSameContentByReference) 
     EXPECT_TRUE(Logged("Server side has same file hash"));
 }
 
+// Two writes of the same size within one second leave size and time as they were: the
+// second must still go up. A time ahead of the clock stands for "the same second" here.
+TEST_F(Upload, ARewriteKeepingSizeAndTimeStillGoesUp) {
+    const timespec ahead = {::time(nullptr) + 100, 0};
+    const timespec times[2] = {ahead, ahead};
+    ASSERT_TRUE(world.WriteLocal(1, "/same", "first"));
+    ASSERT_EQ(::utimensat(AT_FDCWD, Local("/same").c_str(), times, 0), 0);
+    ASSERT_TRUE(Synced());
+    ASSERT_TRUE(world.WriteLocal(1, "/same", "again"));
+    ASSERT_EQ(::utimensat(AT_FDCWD, Local("/same").c_str(), times, 0), 0);
+    ASSERT_TRUE(Synced());
+}
+
 // The daemon configured to find blocks again after an insert: one byte at the front of a
 // large file costs a delta, not the file.
 class RealignedUpload : public Upload {
