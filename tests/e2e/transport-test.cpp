@@ -1,5 +1,6 @@
 // The sync scenarios over each way to the server: TLS with the server's pin, an HTTP proxy,
-// and both at once: an upload and a download, each broken mid-file and resumed. Then the
+// the relay's tunnel, and these combined: an upload and a download, each broken mid-file
+// and resumed. Then the
 // way changed under running transfers, from direct to a proxy and back.
 #include <gtest/gtest.h>
 
@@ -9,6 +10,7 @@
 
 #include "harness/counting-relay.h"
 #include "harness/sync-world.h"
+#include "relay.h"
 #include "support/files.h"
 #include "support/real-proxy.h"
 
@@ -18,6 +20,7 @@ struct Way {
     const char* name;
     bool tls;
     bool proxy;
+    bool tunnel;
 };
 
 class Ways : public ::testing::Test {
@@ -25,6 +28,8 @@ class Ways : public ::testing::Test {
     void SetUp() override {
         ASSERT_TRUE(world.ok());
         ASSERT_TRUE(proxy.running());
+        std::string error;
+        ASSERT_EQ(relay.Start(error), 0) << error;
         ASSERT_EQ(ErrorOf(world.daemon().Ask("link")), "");
     }
     // Links the connection as `way` says, with the server reached at `server_port`.
@@ -38,6 +43,11 @@ class Ways : public ::testing::Test {
         if (way.proxy) {
             request["proxy_ip"] = "127.0.0.1";
             request["proxy_port"] = static_cast<uint64_t>(proxy.port());
+        }
+        request["use_tunnel"] = way.tunnel;
+        if (way.tunnel) {
+            request["tunnel_ip"] = "127.0.0.1";
+            request["tunnel_port"] = static_cast<uint64_t>(relay.port());
         }
         PObject reply;
         if (!world.daemon().Ask(request, reply)) return "no reply";
@@ -60,8 +70,15 @@ class Ways : public ::testing::Test {
         return count;
     }
 
+    static RelayOptions OnLoopback() {
+        RelayOptions options;
+        options.listen = "127.0.0.1";
+        return options;
+    }
+
     SyncWorld world;
     RealProxy proxy{RealProxy::TINYPROXY};
+    Relay relay{OnLoopback()};
 };
 
 class Transport : public Ways, public ::testing::WithParamInterface<Way> {};
@@ -83,6 +100,9 @@ TEST_P(Transport, UploadsAndDownloadsResumeAfterACut) {
     if (way.proxy) {
         EXPECT_GE(ProxiedConnections(), 2u) << proxy.Log();
     }
+    if (way.tunnel) {
+        EXPECT_GE(relay.AcceptedCount(), 2u);
+    }
     if (way.tls) {
         // The workers asked for TLS in their logins and the Syncer turned its channel.
         const std::string log = world.daemon().Log();
@@ -93,13 +113,16 @@ TEST_P(Transport, UploadsAndDownloadsResumeAfterACut) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Ways, Transport,
-                         ::testing::Values(Way{"Tls", true, false}, Way{"Proxy", false, true},
-                                           Way{"TlsThroughProxy", true, true}),
+                         ::testing::Values(Way{"Tls", true, false, false},
+                                           Way{"Proxy", false, true, false},
+                                           Way{"TlsThroughProxy", true, true, false},
+                                           Way{"Tunnel", false, false, true},
+                                           Way{"TlsInATunnelThroughProxy", true, true, true}),
                          [](const auto& info) { return std::string(info.param.name); });
 
 TEST_F(Ways, TheWayChangesUnderARunningTransfer) {
     CountingRelay relay{world.server().port()};
-    const Way direct{"Direct", false, false};
+    const Way direct{"Direct", false, false, false};
     ASSERT_EQ(Link("link_connection", direct, relay.port()), "");
     ASSERT_EQ(ErrorOf(world.AddSession(1)), "");
     ASSERT_EQ(ErrorOf(world.Resume(1)), "");
@@ -109,7 +132,7 @@ TEST_F(Ways, TheWayChangesUnderARunningTransfer) {
     ASSERT_TRUE(world.WriteLocal(1, "/held.bin", RandomBytes(16 << 20, 3)));
     ASSERT_TRUE(WaitUntil([&] { return relay.Sent() >= (4u << 20); }));
     std::future<std::string> reload = std::async(std::launch::async, [&] {
-        return Link("reload_connection", {"Proxy", false, true}, world.server().port());
+        return Link("reload_connection", {"Proxy", false, true, false}, world.server().port());
     });
     // The reload waits for the worker to give its connection back.
     EXPECT_EQ(reload.wait_for(std::chrono::milliseconds(500)), std::future_status::timeout);
