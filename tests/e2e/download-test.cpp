@@ -1,9 +1,7 @@
 // Server changes reaching the disk, against the real daemon and server: new files, deltas,
 // a download broken mid-file and resumed, content copied from what the folder already
-// holds, both sides changed while paused, and a server that keeps sending a wrong hash.
-// Every download here also shows up as a local change, which only the upload side can
-// retire, so the scenarios keep to the top level of the folder, where such a change holds
-// up nothing else; folder trees and the type jumps are tried on one worker instead.
+// holds, both sides changed while paused, a server that keeps sending a wrong hash, and a
+// folder tree whose downloads, seen again as local changes, send nothing back.
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -127,6 +125,18 @@ TEST_F(Download, BothSidesChangedWhilePausedKeepBothVersions) {
     }
     EXPECT_EQ(kept["c"], "local edit");
     EXPECT_EQ(kept["x"], "kept");
+}
+
+TEST_F(Download, AFolderTreeComesDownAndItsEchoSendsNoRequest) {
+    ASSERT_TRUE(world.server().Mkdir("/d"));
+    ASSERT_TRUE(world.server().Mkdir("/d/e"));
+    ASSERT_TRUE(world.server().Mkdir("/d/empty"));
+    ASSERT_TRUE(world.server().Put("/d/e/f.txt", "deep"));
+    ASSERT_TRUE(world.server().Put("/d/g.bin", RandomBytes(100000, 3)));
+    ASSERT_TRUE(Synced()) << world.CompareTrees(1) << world.daemon().Log();
+    const std::string log = world.daemon().Log();
+    EXPECT_EQ(log.find("RunProtocol(upload)"), std::string::npos);
+    EXPECT_EQ(log.find("RunProtocol(resume_upload)"), std::string::npos);
 }
 
 }  // namespace
