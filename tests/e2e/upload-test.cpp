@@ -8,6 +8,7 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <set>
 #include <string>
 
 #include "harness/counting-relay.h"
@@ -207,6 +208,21 @@ TEST_F(Upload, NamesTheServerRefusesAreMovedAsideAndNothingIsLost) {
     }
     EXPECT_EQ(conflicts, 1);
     EXPECT_EQ(tails, 1);
+}
+
+// A new file on each side under one name, with no agreement between them yet: the server
+// refuses the upload as a conflict, the local one is moved aside and goes up under its new
+// name, the server's comes down, and both sides end alike.
+TEST_F(Upload, ANewFileMeetingADifferentServerFileKeepsBoth) {
+    ASSERT_EQ(world.Pause(1)["error"].asString(), ustring());
+    ASSERT_TRUE(world.server().Put("/both.txt", "theirs"));
+    ASSERT_TRUE(world.WriteLocal(1, "/both.txt", "mine, longer"));
+    ASSERT_EQ(world.Resume(1)["error"].asString(), ustring());
+    ASSERT_TRUE(Synced());
+    std::multiset<std::string> contents;
+    for (const auto& [path, entry] : LocalTree(world.Folder(1)))
+        if (path.rfind("/both", 0) == 0) contents.insert(ReadFile(Local(path)));
+    EXPECT_EQ(contents, (std::multiset<std::string>{"mine, longer", "theirs"}));
 }
 
 }  // namespace
