@@ -48,7 +48,8 @@ class Join : public ::testing::Test {
 };
 
 TEST_F(Join, BothSidesEndWithTheUnionAndEqualFilesCrossNeitherWay) {
-    const std::string big = RandomBytes(300000, 3);
+    // Above the size from which uploads first ask whether the server holds the content.
+    const std::string big = RandomBytes(600000, 3);
     ServerProcess& server = world.server();
     for (const char* dir : {"/shared", "/shared/deep", "/ldir", "/lempty"})
         ASSERT_TRUE(world.MkdirLocal(1, dir));
