@@ -38,8 +38,9 @@ struct FileListBuilder {
     bool Directory(const ustring& full, const DIR_ENTRY& entry, FileListBuilder& inner) const {
         const int id = list->AddDirectory(dir_id, entry.name.c_str_utf8(), entry.mtime);
         if (id < 0) {
-            WorkerLog(Logger::L_DEBUG, "[DEBUG] worker(%d): Worker (%d): local list: add dir '%s'\n",
-                      __LINE__, worker_id, Text(full));
+            WorkerLog(Logger::L_DEBUG,
+                      "[DEBUG] worker(%d): Worker (%d): local list: add dir '%s'\n", __LINE__,
+                      worker_id, Text(full));
             return false;
         }
         if (WorkerLogOn(Logger::L_DEBUG))
@@ -85,16 +86,15 @@ template <class Handler>
 int Walk(const ustring& path, const Handler& handler, const Task& task, int flag, bool top) {
     DIR_HANDLE dh;
     if (FSOpenDir(path, flag, dh) < 0) {
-        WorkerLog(Logger::L_WARNING, "[WARNING] worker(%d): FSOpenDir(%s)\n", __LINE__,
-                  Text(path));
+        WorkerLog(Logger::L_WARNING, "[WARNING] worker(%d): FSOpenDir(%s)\n", __LINE__, Text(path));
         return 0;
     }
     DIR_ENTRY entry;
     while (FSReadDir(dh, entry) > 0) {
         if (entry.name == ustring(".") || entry.name == ustring("..")) continue;
         if (task.IsAborted()) {
-            WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): Traversing '%s' ... abort\n",
-                      __LINE__, Text(path));
+            WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): Traversing '%s' ... abort\n", __LINE__,
+                      Text(path));
             FSCloseDir(dh);
             return -1;
         }
@@ -102,8 +102,7 @@ int Walk(const ustring& path, const Handler& handler, const Task& task, int flag
         const ustring full = path + "/" + entry.name;
         if (entry.type == FT_DIR) {
             Handler inner = handler;
-            if (handler.Directory(full, entry, inner) &&
-                Walk(full, inner, task, flag, false) < 0) {
+            if (handler.Directory(full, entry, inner) && Walk(full, inner, task, flag, false) < 0) {
                 WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): Traversing '%s' ... abort\n",
                           __LINE__, Text(path));
                 FSCloseDir(dh);
@@ -275,8 +274,9 @@ int Worker::BuildLocalFileListWithoutResursive(const ustring& path, FileList& fl
                       static_cast<unsigned long long>(entry.size));
             flist.AddFile(0, entry.name.c_str_utf8(), entry.mtime, entry.size);
         } else if (entry.type == FT_DIR) {
-            WorkerLog(Logger::L_DEBUG, "[DEBUG] worker(%d): BuildLocalFileList: add dir '%s' (%u)\n",
-                      __LINE__, Text(entry.name), entry.mtime);
+            WorkerLog(Logger::L_DEBUG,
+                      "[DEBUG] worker(%d): BuildLocalFileList: add dir '%s' (%u)\n", __LINE__,
+                      Text(entry.name), entry.mtime);
             flist.AddDirectory(0, entry.name.c_str_utf8(), entry.mtime);
         }
     }

@@ -139,8 +139,8 @@ int Worker::TestFilteredDeleteEvent(uint64_t sess_id, const ustring& path, bool 
     // Selective sync took it off the disk: the server keeps it, and the filter record
     // says it is not here.
     WorkerLog(Logger::L_DEBUG,
-              "[DEBUG] worker(%d): TestFilteredDeleteEvent: filter '%s' (blocked: %d)\n",
-              __LINE__, path.c_str_utf8(), rc);
+              "[DEBUG] worker(%d): TestFilteredDeleteEvent: filter '%s' (blocked: %d)\n", __LINE__,
+              path.c_str_utf8(), rc);
     FilterLocalEvent fe;
     fe.sess_id = sess_id;
     fe.path = path;

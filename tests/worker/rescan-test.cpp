@@ -46,9 +46,9 @@ class Walks : public WorkerFixture {
         evtest::RecordingTask reader;
         Event e;
         while (EventManager::getInstance().PullEvent(&reader, e) == 0) {
-            const char* kind = e.isServerEvent()                ? "download "
+            const char* kind = e.isServerEvent()              ? "download "
                                : e.m_type == Event::EV_REMOVE ? "remove "
-                                                                : "upload ";
+                                                              : "upload ";
             seen.insert(kind + e.m_path.str());
             EventManager::getInstance().DoneEvent(&reader, e);
         }
