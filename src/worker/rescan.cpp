@@ -31,7 +31,6 @@ bool IsWorkingDirectory(const ustring& name) {
 struct FileListBuilder {
     FileList* list;
     int dir_id;
-    size_t root_len;
     int worker_id;
 
     // The node for a directory, into `inner` for its children; false skips the subtree.
@@ -144,7 +143,7 @@ int Worker::Rescan() {
               __LINE__, GetId(), Text(path));
     StringBuffer names;
     FileList fs_list(names);
-    const FileListBuilder builder{&fs_list, 0, GetFullPath().length(), GetId()};
+    const FileListBuilder builder{&fs_list, 0, GetId()};
     int rc = Walk(GetFullPath(), builder, *this, 1, path == ustring("/"));
     if (rc >= 0) {
         FileList db_list(names);

@@ -104,16 +104,6 @@ TEST_F(Join, EditsAndCreationsMadeWhileTheDaemonWasDownAreFoundOnBothSides) {
     EXPECT_EQ(ReadFile(Local("/folder/d.txt")), "d");
 }
 
-TEST_F(Join, AFileDeletedWhileTheDaemonWasDownIsRemovedNotBroughtBack) {
-    Start();
-    ASSERT_TRUE(world.WriteLocal(1, "/gone.txt", "bytes"));
-    ASSERT_TRUE(Synced());
-    ASSERT_TRUE(world.Restart(false, [&] { world.RemoveLocal(1, "/gone.txt"); }));
-    // The database remembers the file, so its absence is a deletion to send on.
-    EXPECT_TRUE(WaitUntil([&] { return Logged("PushRemoveEvent: /gone.txt"); }));
-    EXPECT_FALSE(fs::exists(Local("/gone.txt")));
-}
-
 TEST_F(Join, APauseStopsALongComparisonAndResumeRunsItWhole) {
     // Many names the filter keeps back make a long comparison that sends nothing; the
     // sentinel comes last in the comparison's order.
