@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include "events/detector.h"
+#include "state/file-list.h"
 #include "worker/worker-fixture.h"
 
 namespace {
@@ -113,7 +114,16 @@ TEST_F(Walks, AnExpansionUploadsEverythingBelowAndAStoppedWalkGivesUp) {
     ASSERT_EQ(Run(e, &Worker::Expand), 0);
     EXPECT_EQ(Queued(), (std::set<std::string>{"upload /e/f", "upload /e/g", "upload /e/g/h"}));
 
+    // One level of the root, without the daemon's own folder.
+    StringBuffer names;
+    FileList top(names);
+    ASSERT_EQ(workers[0].BuildLocalFileListWithoutResursive(Root(1).c_str(), top), 0);
+    std::set<std::string> listed;
+    for (auto it = top.rbegin(); it != top.rend(); ++it) listed.insert(it->path.str());
+    EXPECT_EQ(listed, std::set<std::string>{"/e"});
+
     workers[0].SetAbort(true);
+    EXPECT_EQ(workers[0].BuildLocalFileListWithoutResursive(Root(1).c_str(), top), -1);
     EXPECT_EQ(Run(e, &Worker::Expand), -1);
     EXPECT_EQ(Run(RescanOf("/", false), &Worker::Rescan), -1);
     EXPECT_TRUE(Queued().empty());
