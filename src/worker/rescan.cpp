@@ -5,7 +5,10 @@
 // one StringBuffer shared by the disk's list and the database's, and only time and size
 // are compared, never content. Both walks poll the abort flag at every entry, so a pause
 // or a stop ends them within one directory read.
+#include <string.h>
 #include <strings.h>
+
+#include <vector>
 
 #include "events/event-generator.h"
 #include "events/event-manager.h"
@@ -78,18 +81,21 @@ struct ExpandHandler {
     void File(const ustring& full, const DIR_ENTRY&) const { Push(full, false); }
 };
 
-// Depth-first walk of `path`. A directory that cannot be listed counts as empty; links and
-// special files are never visited. 0; -1 when the abort flag ended it. `top` marks the
-// session root, whose working directory is left out.
+// Depth-first walk of `path`; links and special files are never visited. A directory
+// whose listing fails is added to `unlisted` (when given) with what was read of it. 0; -1
+// when the abort flag ended it. `top` marks the session root, whose working directory is
+// left out.
 template <class Handler>
-int Walk(const ustring& path, const Handler& handler, const Task& task, int flag, bool top) {
+int Walk(const ustring& path, const Handler& handler, const Task& task, int flag, bool top,
+         std::vector<ustring>* unlisted) {
     DIR_HANDLE dh;
     if (FSOpenDir(path, flag, dh) < 0) {
         WorkerLog(Logger::L_WARNING, "[WARNING] worker(%d): FSOpenDir(%s)\n", __LINE__, Text(path));
         return 0;
     }
     DIR_ENTRY entry;
-    while (FSReadDir(dh, entry) > 0) {
+    int read = 0;
+    while ((read = FSReadDir(dh, entry)) > 0) {
         if (entry.name == ustring(".") || entry.name == ustring("..")) continue;
         if (task.IsAborted()) {
             WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): Traversing '%s' ... abort\n", __LINE__,
@@ -101,7 +107,8 @@ int Walk(const ustring& path, const Handler& handler, const Task& task, int flag
         const ustring full = path + "/" + entry.name;
         if (entry.type == FT_DIR) {
             Handler inner = handler;
-            if (handler.Directory(full, entry, inner) && Walk(full, inner, task, flag, false) < 0) {
+            if (handler.Directory(full, entry, inner) &&
+                Walk(full, inner, task, flag, false, unlisted) < 0) {
                 WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): Traversing '%s' ... abort\n",
                           __LINE__, Text(path));
                 FSCloseDir(dh);
@@ -112,7 +119,19 @@ int Walk(const ustring& path, const Handler& handler, const Task& task, int flag
         }
     }
     FSCloseDir(dh);
+    if (read < 0 && unlisted != nullptr) {
+        WorkerLog(Logger::L_WARNING,
+                  "[WARNING] worker(%d): cannot list '%s'; what it holds is left as it is\n",
+                  __LINE__, Text(path));
+        unlisted->push_back(path);
+    }
     return 0;
+}
+
+// Whether `path` is `dir` or lies below it.
+bool IsWithin(const ustring& path, const ustring& dir) {
+    return path.length() >= dir.length() && path.str().compare(0, dir.length(), dir.str()) == 0 &&
+           (path.length() == dir.length() || path[dir.length()] == '/');
 }
 
 bool IsMtimeChange(uint32_t t1, uint32_t t2) {
@@ -144,13 +163,23 @@ int Worker::Rescan() {
     StringBuffer names;
     FileList fs_list(names);
     const FileListBuilder builder{&fs_list, 0, GetId()};
-    int rc = Walk(GetFullPath(), builder, *this, 1, path == ustring("/"));
+    std::vector<ustring> unlisted;
+    int rc = Walk(GetFullPath(), builder, *this, 1, path == ustring("/"), &unlisted);
+    // A folder that cannot be listed says nothing of what it holds: had its rows been
+    // compared with an empty listing, an unmounted or unreadable folder would become
+    // removals on the server.
+    m_unlisted.clear();
+    for (const ustring& full : unlisted) {
+        if (full == GetFullPath()) rc = -1;
+        m_unlisted.push_back(full.substr(GetLocalWatch().length()));
+    }
     if (rc >= 0) {
         FileList db_list(names);
         FileEventDB* db = GetEventDatabase();
         rc = db != nullptr ? db->getFileList(&db_list, path) : -1;
         if (rc >= 0) rc = CompareFileList(path, fs_list, db_list, context.current_event.isMerge());
     }
+    m_unlisted.clear();
     if (rc < 0) {
         WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): interrupted while rescaning '%s'\n",
                   __LINE__, Text(path));
@@ -165,7 +194,7 @@ int Worker::Expand() {
               __LINE__, GetId(), Text(path));
     const size_t root_len = GetFullPath().length() - (path == ustring("/") ? 0 : path.length());
     const ExpandHandler handler{&context.root_entry, root_len};
-    if (Walk(GetFullPath(), handler, *this, 0, path == ustring("/")) < 0) {
+    if (Walk(GetFullPath(), handler, *this, 0, path == ustring("/"), nullptr) < 0) {
         WorkerLog(Logger::L_NOTICE, "[NOTE] worker(%d): interrupted while expanding '%s'\n",
                   __LINE__, Text(path));
         return -1;
@@ -233,6 +262,8 @@ int Worker::CompareFileList(const ustring& root, const FileList& fs_list, const 
 }
 
 void Worker::OnlyInDatabase(const ustring& path, bool is_dir, bool do_merge) {
+    for (const ustring& dir : m_unlisted)
+        if (IsWithin(path, dir)) return;
     if (TestFilteredDeleteEvent(context.current_event.m_sess_id, path, is_dir) == 1) return;
     // Without merging the disk is the truth and the user deleted it; a merging scan does
     // not take the disk's word for it and brings the object back.
@@ -255,7 +286,8 @@ int Worker::BuildLocalFileListWithoutResursive(const ustring& path, FileList& fl
         return 0;
     }
     DIR_ENTRY entry;
-    while (FSReadDir(dh, entry) > 0) {
+    int read = 0;
+    while ((read = FSReadDir(dh, entry)) > 0) {
         if (entry.name == ustring(".") || entry.name == ustring("..") ||
             entry.name == ustring(session_folders::kWorkingDirectory))
             continue;
@@ -280,6 +312,12 @@ int Worker::BuildLocalFileListWithoutResursive(const ustring& path, FileList& fl
         }
     }
     FSCloseDir(dh);
+    // A listing cut short would read as deletions of what it did not reach.
+    if (read < 0) {
+        WorkerLog(Logger::L_WARNING, "[WARNING] worker(%d): cannot list '%s'\n", __LINE__,
+                  Text(path));
+        return -1;
+    }
     return 0;
 }
 

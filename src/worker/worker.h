@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "events/event.h"
 #include "foundation/file-op.h"
@@ -298,8 +299,8 @@ class Worker : public Task, private ServerCaller {
     // on disk; for what only the database knows a removal, or with `do_merge` a forced
     // download, unless selective sync merely hid it. 0; -1 when the abort flag stopped it
     // (the events pushed so far stay). BuildLocalFileListWithoutResursive lists one level
-    // of `path` into `flist`, the working directory left out: 0, also for a directory that
-    // cannot be listed; -1 when stopped. The Push functions forward to the event generator
+    // of `path` into `flist`, the working directory left out: 0; -1 when stopped or when
+    // the directory cannot be listed. The Push functions forward to the event generator
     // for the current session and give its 1.
     int CompareFileList(const ustring& root, const FileList& fs_list, const FileList& db_list,
                         bool do_merge);
@@ -397,4 +398,6 @@ class Worker : public Task, private ServerCaller {
     ProcessEvent_T m_current_event GUARDED_BY(worker_state_lock);
     std::atomic<PauseType_T*> pause_instance{nullptr};
     std::atomic<uint64_t> m_walking_session{0};
+    // The folders a rescan could not list (paths in the session), whose rows it leaves be.
+    std::vector<ustring> m_unlisted;
 };

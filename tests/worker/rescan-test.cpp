@@ -6,6 +6,7 @@
 
 #include "events/detector.h"
 #include "state/file-list.h"
+#include "support/fault-fs.h"
 #include "worker/worker-fixture.h"
 
 namespace {
@@ -102,6 +103,24 @@ TEST_F(Walks, ARescanQueuesWhatDiffersAndMergingBringsBackWhatTheDiskLacks) {
     WriteFile(Disk("/report/x"), "longer bytes");
     ASSERT_EQ(Run(RescanOf("/report", false), &Worker::Rescan), 0);
     EXPECT_EQ(Queued(), std::set<std::string>{"upload /report/x"});
+}
+
+TEST_F(Walks, WhatCannotBeListedIsNeitherRemovedNorFetched) {
+    ::mkdir(Disk("/locked").c_str(), 0700);
+    WriteFile(Disk("/locked/f"), "f");
+    Row("/locked", true);
+    Row("/locked/f", false);
+    Row("/gone", false, 5);
+    tbtest::FaultFileSystem faults;
+    tbtest::ScopedFileSystem installed(faults);
+    // The root is listed first, then its one folder.
+    faults.FailNth(tbtest::FsOp::kOpenDir, 2, EACCES);
+    ASSERT_EQ(Run(RescanOf("/", false), &Worker::Rescan), 0);
+    EXPECT_EQ(Queued(), std::set<std::string>{"remove /gone"});
+    // A root that cannot be listed ends the rescan with nothing concluded.
+    faults.FailNth(tbtest::FsOp::kOpenDir, 1, EIO);
+    EXPECT_EQ(Run(RescanOf("/", true), &Worker::Rescan), -1);
+    EXPECT_TRUE(Queued().empty());
 }
 
 TEST_F(Walks, AnExpansionUploadsEverythingBelowAndAStoppedWalkGivesUp) {
