@@ -10,6 +10,8 @@ void DropSessionFromWorkers(const std::vector<Worker*>& workers, uint64_t sess_i
     for (Worker* w : workers) {
         Worker::ProcessEvent_T info;
         w->GetCurrentProcessEventInfo(info);
+        // A walk shows no path in the status, but it works on the session all the same.
+        if (info.session_id == 0) info.session_id = w->WalkingSession();
         if (info.session_id == 0 || (sess_id != 0 && info.session_id != sess_id)) continue;
         Logger::LogMsg(Logger::L_INFO, kAppLog, "[INFO] app(%d): pause worker %d\n", __LINE__,
                        w->GetId());

@@ -130,3 +130,28 @@ int Worker::AddFilteredEventToDB(const Event& ev, int filtered_type) {
                   __LINE__, static_cast<unsigned long long>(ev.m_sess_id), ev.m_path.c_str_utf8());
     return 0;
 }
+
+int Worker::TestFilteredDeleteEvent(uint64_t sess_id, const ustring& path, bool isDir) {
+    BlackList2* list = GetBlackList();
+    if (list == nullptr) return 0;
+    const int rc = isDir ? list->TestDirectoryPath(path) : list->TestFilePath(path);
+    if (rc != FILTER_PATH_PREFIX_SELECTIVE_SYNC) return 0;
+    // Selective sync took it off the disk: the server keeps it, and the filter record
+    // says it is not here.
+    WorkerLog(Logger::L_DEBUG,
+              "[DEBUG] worker(%d): TestFilteredDeleteEvent: filter '%s' (blocked: %d)\n", __LINE__,
+              path.c_str_utf8(), rc);
+    FilterLocalEvent fe;
+    fe.sess_id = sess_id;
+    fe.path = path;
+    fe.file_type = isDir ? 1 : 0;
+    fe.event_type = Event::EV_REMOVE;
+    fe.filtered_type = FILTER_PATH_PREFIX_SELECTIVE_SYNC;
+    if (!isDir) fe.base_name = path.substr(path.rfind('/') + 1);
+    if (FilterDB::getInstance().setLocalFilteredEvent(fe) < 0)
+        WorkerLog(Logger::L_ERR,
+                  "[ERROR] worker(%d): Failed to set LocalFilteredEvent for session '%llu', path "
+                  "'%s' .\n",
+                  __LINE__, static_cast<unsigned long long>(sess_id), path.c_str_utf8());
+    return 1;
+}

@@ -159,17 +159,27 @@ void Worker::DoTask() {
     }
 }
 
-void Worker::CarryOut() {
-    // A rescan or an expansion is finished whatever it gave: an interrupted walk has
-    // already pushed what it found, and the next walk of the path is asked for anew.
-    if (context.current_event.isRescan()) {
-        m_handlers.rescan(*this);
+void Worker::CarryOutWalk() {
+    const bool rescan = context.current_event.isRescan();
+    const int rc = rescan ? m_handlers.rescan(*this) : m_handlers.expand(*this);
+    m_walking_session = 0;
+    // A walk that failed on its own is finished: what it pushed stands, and a later walk
+    // is asked for anew. One a pause or a stop cut short goes back whole and runs again
+    // when its session does; without waiting, so that the pause is answered at once.
+    if (rc >= 0 || !IsAborted()) {
         DoneEvent();
         return;
     }
-    if (context.current_event.isExpand()) {
-        m_handlers.expand(*this);
-        DoneEvent();
+    if (EventManager::getInstance().RedoEvent(this, context.current_event) != 0)
+        WorkerLog(Logger::L_ERR, "[ERROR] worker(%d): Worker (%d): failed to redo event\n",
+                  __LINE__, GetId());
+    ClearCache();
+    ClearContext();
+}
+
+void Worker::CarryOut() {
+    if (context.current_event.isRescan() || context.current_event.isExpand()) {
+        CarryOutWalk();
         return;
     }
     const int result = ProcessEvent();
@@ -254,7 +264,8 @@ int Worker::UpdateContext() {
     context.working_directory = entry.local_path + "/" + Detector::kWorkingDirectory;
     context.sign_directory = entry.config_path + "/db/sign";
     context.full_path = e.m_path == ustring("/") ? entry.local_path : entry.local_path + e.m_path;
-    if (entry.pause && !e.isExpand() && !e.isRescan()) {
+    // Walks wait too: a paused session does no work on its folder, and a long walk is.
+    if (entry.pause) {
         WorkerLog(Logger::L_DEBUG,
                   "[DEBUG] worker(%d): Worker (%d): session %llu is paused, process this event "
                   "(%s) later\n",
@@ -486,12 +497,14 @@ void Worker::GetCurrentProcessEventInfo(ProcessEvent_T& info) {
 void Worker::ClearCurrentProcessEventInfo() {
     MutexLock lock(worker_state_lock);
     m_current_event = ProcessEvent_T();
+    m_walking_session = 0;
 }
 
 void Worker::AdjustCurrentProcessEventInfo() {
     const Event& e = context.current_event;
     if (e.isExpand() || e.isRescan()) {
         ClearCurrentProcessEventInfo();
+        m_walking_session = e.m_sess_id;
         return;
     }
     SetCurrentProcessEventInfo(e.m_sess_id, e.m_path, W_TYPE_NONE);

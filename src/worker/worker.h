@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstdint>
 #include <functional>
+#include <vector>
 
 #include "events/event.h"
 #include "foundation/file-op.h"
@@ -30,6 +31,7 @@
 #include "transport/exchange.h"
 
 class BlackList2;
+class FileList;
 class WhiteListCpp;
 class Worker;
 
@@ -292,6 +294,26 @@ class Worker : public Task, private ServerCaller {
     int RenameRemoveDirectory();
     int moveFileToRecycleBin(const ustring& src, uint64_t size, const ustring& hash,
                              const ustring& mac_hash);
+    // Rescan's steps (rescan.cpp). CompareFileList merges the disk's list and the
+    // database's of the directory `root` into events: an upload for what is new or changed
+    // on disk; for what only the database knows a removal, or with `do_merge` a forced
+    // download, unless selective sync merely hid it. 0; -1 when the abort flag stopped it
+    // (the events pushed so far stay). BuildLocalFileListWithoutResursive lists one level
+    // of `path` into `flist`, the working directory left out: 0; -1 when stopped or when
+    // the directory cannot be listed. The Push functions forward to the event generator
+    // for the current session and give its 1.
+    int CompareFileList(const ustring& root, const FileList& fs_list, const FileList& db_list,
+                        bool do_merge);
+    int BuildLocalFileListWithoutResursive(const ustring& path, FileList& flist);
+    int PushUploadEvent(const ustring& path, bool is_dir);
+    int PushDownloadEvent(const ustring& path, bool is_dir);
+    // 1 when a path gone from the disk was only hidden by selective sync (it is then
+    // recorded as filtered, and nothing is removed), else 0.
+    int TestFilteredDeleteEvent(uint64_t sess_id, const ustring& path, bool isDir);
+    // The session whose folder this worker walks for a rescan or an expansion; 0 when it
+    // walks none. Read by other threads, so that a pause reaches a walk too.
+    uint64_t WalkingSession() const { return m_walking_session.load(); }
+
     // Replaces the handlers events are routed to.
     void SetHandlers(WorkerHandlers handlers) { m_handlers = std::move(handlers); }
 
@@ -361,6 +383,11 @@ class Worker : public Task, private ServerCaller {
 
     // Steps 7 to 10 of a loop turn: the event through its handler, then its fate.
     void CarryOut();
+    // A rescan or expansion through its handler: finished, or given back when a pause or a
+    // stop cut it short, so that it runs whole again.
+    void CarryOutWalk();
+    // CompareFileList's rule for a path only the database knows (rescan.cpp).
+    void OnlyInDatabase(const ustring& path, bool is_dir, bool do_merge);
     // Empties the context and forgets what was to be told of it.
     void ClearContext();
     // The user interface's report of an error of type `type`.
@@ -370,4 +397,7 @@ class Worker : public Task, private ServerCaller {
     Mutex worker_state_lock;
     ProcessEvent_T m_current_event GUARDED_BY(worker_state_lock);
     std::atomic<PauseType_T*> pause_instance{nullptr};
+    std::atomic<uint64_t> m_walking_session{0};
+    // The folders a rescan could not list (paths in the session), whose rows it leaves be.
+    std::vector<ustring> m_unlisted;
 };

@@ -1,6 +1,7 @@
 // counting-relay.cpp: one thread accepts, one thread per connection copies both ways with poll.
 #include "harness/counting-relay.h"
 
+#include <fcntl.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <unistd.h>
@@ -8,7 +9,8 @@
 #include <numeric>
 
 CountingRelay::CountingRelay(int target_port) : m_target(target_port) {
-    if (::pipe(m_wake) != 0) throw std::runtime_error("relay pipe");
+    // Kept from children: a daemon started later must not hold the write end open.
+    if (::pipe2(m_wake, O_CLOEXEC) != 0) throw std::runtime_error("relay pipe");
     m_acceptor = std::thread([this] { Accept(); });
 }
 

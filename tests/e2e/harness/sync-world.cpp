@@ -144,15 +144,17 @@ int64_t SyncWorld::StoredSyncId(uint64_t id) const {
     return value;
 }
 
-bool SyncWorld::Restart(bool crash) {
+bool SyncWorld::Restart(bool crash, const std::function<void()>& while_down) {
     if (crash)
         m_daemon->Kill();
     else if (m_daemon->Stop() != 0)
         return false;
+    if (while_down) while_down();
     if (!m_daemon->Start() || !Connect().isNull()) return false;
     for (const auto& [id, running] : m_sessions) {
-        PObject reply;
-        if (!m_daemon->Ask(SessionRequest(id), reply) || Failed(reply)) return false;
+        PObject request = SessionRequest(id), reply;
+        request["sync_mode"] = true;
+        if (!m_daemon->Ask(request, reply) || Failed(reply)) return false;
         if (running && Failed(m_daemon->Ask("resume", id))) return false;
     }
     return true;

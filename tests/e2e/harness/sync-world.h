@@ -80,11 +80,12 @@ class SyncWorld {
     // be read.
     int64_t StoredSyncId(uint64_t id) const;
 
-    // Kills the daemon with SIGKILL (when `crash`) or stops it, starts it again on the
-    // same configuration, connects, adds every session added so far (their folders and
-    // databases as they are) and resumes those that were running. True when all of it
-    // was answered without an error.
-    bool Restart(bool crash = true);
+    // Kills the daemon with SIGKILL (when `crash`) or stops it, runs `while_down`, starts
+    // it again on the same configuration, connects, adds every session added so far
+    // (their folders and databases as they are, with "sync_mode" true: the folders were
+    // in step before, so what is missing from them was deleted) and resumes those that
+    // were running. True when all of it was answered without an error.
+    bool Restart(bool crash = true, const std::function<void()>& while_down = nullptr);
 
   private:
     TempDir m_dir;
