@@ -314,7 +314,8 @@ int Worker::TestRemoveRemoteFilter() {
     if (e.isDir() || db.syncID == 0) return 1;
     FilterLocalEvent fe;
     FilterDB& filters = FilterDB::getInstance();
-    if (filters.getLocalFilteredEventByPath(e.m_sess_id, e.m_path, fe) == 1) {
+    // The look-up leaves the record without a path when there is none.
+    if (filters.getLocalFilteredEventByPath(e.m_sess_id, e.m_path, fe) == 0 && !fe.path.empty()) {
         // Known as filtered: the record now says the local file is gone, and the server's
         // copy is left alone.
         WorkerLog(Logger::L_WARNING, "[WARNING] worker(%d): Filtered Event: '%s' ((blocked: %d)\n",

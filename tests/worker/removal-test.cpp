@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <set>
 
+#include "filter/black-list-v2.h"
 #include "foundation/error-code.h"
 #include "state/filter-db.h"
 #include "worker-fixture.h"
@@ -35,6 +36,7 @@ class RemovalTest : public WorkerFixture {
     void Agreed(const std::string& path, const std::string* bytes, uint64_t id) {
         const std::string full = Root(1) + path;
         if (bytes != nullptr) {
+            fs::create_directories(fs::path(full).parent_path());
             ASSERT_TRUE(WriteFile(full, *bytes));
         } else {
             fs::create_directories(full);
@@ -141,6 +143,42 @@ TEST_F(RemovalTest, WhatVanishesWithTheWholeFolderIsRemovedOnNeitherSide) {
     EXPECT_EQ(Remove("/k", false, 10), ERR_INT);
     EXPECT_TRUE(HasRow("/k"));
     fs::rename(Root(1) + ".away", Root(1));
+}
+
+TEST_F(RemovalTest, ARemovalSelectiveSyncHidesIsRecordedAsFilteredAndNotSent) {
+    BlackList2 rules;
+    BlackList2::InsertFilter(&rules.GetFilter()->Common, FILTER_PATH_PREFIX_SELECTIVE_SYNC,
+                             ustring("/sel"));
+    rules.ReturnFilter();
+    Registry::Entry entry;
+    ASSERT_EQ(Registry::getInstance().Find(1, entry), 1);
+    entry.black_list = &rules;
+    Registry::getInstance().Set(entry);
+    const std::string bytes = "kept on the server";
+    Agreed("/sel/a.txt", &bytes, 5);
+    Agreed("/other.txt", &bytes, 5);
+    fs::remove(Root(1) + "/sel/a.txt");
+    fs::remove(Root(1) + "/other.txt");
+
+    // No server is linked: an attempt to reach one would give -2.
+    EXPECT_EQ(Remove("/sel/a.txt", false, 0, true), 0);
+    FilterLocalEvent record;
+    ASSERT_EQ(FilterDB::getInstance().getLocalFilteredEventByPath(1, "/sel/a.txt", record), 0);
+    ASSERT_EQ(record.path, ustring("/sel/a.txt"));
+    EXPECT_EQ(record.filtered_type, FILTER_PATH_PREFIX_SELECTIVE_SYNC);
+    EXPECT_EQ(record.is_exist, 0);
+    EXPECT_EQ(record.base_name, ustring("a.txt"));
+
+    // A path known as filtered keeps its record, now saying the file is gone here.
+    record.path = "/other.txt";
+    record.is_exist = 1;
+    ASSERT_GE(FilterDB::getInstance().setLocalFilteredEvent(record), 0);
+    EXPECT_EQ(Remove("/other.txt", false, 0, true), 0);
+    record = FilterLocalEvent();
+    ASSERT_EQ(FilterDB::getInstance().getLocalFilteredEventByPath(1, "/other.txt", record), 0);
+    EXPECT_EQ(record.filtered_type, 0);
+    EXPECT_EQ(record.is_exist, 0);
+    EXPECT_TRUE(HasRow("/other.txt"));
 }
 
 }  // namespace
