@@ -1,10 +1,8 @@
 // Removals both ways against the real daemon and server: what the server removes lands in
-// the session's recycle bin with its bytes and loses its row, what the user removes leaves
+// the session's recycle bin with its bytes, what the user removes leaves
 // the server, a user's edit outlives the server's removal, a removal the server refuses
 // for a newer version brings that version back, and a sync folder that vanishes whole
 // takes nothing from the server.
-#include <sqlite3.h>
-
 #include <gtest/gtest.h>
 
 #include <filesystem>
@@ -45,26 +43,10 @@ class Removal : public ::testing::Test {
             if (it->is_regular_file()) contents.insert(ReadFile(it->path().string()));
         return contents;
     }
-    // The number of rows matching `where` in a table of the session's database; -1 when
-    // it can't be read.
-    int64_t Rows(const std::string& table, const std::string& where) const {
-        const std::string path = world.ConfigFolder(1) + "/db/event-db.sqlite";
-        const std::string sql = "SELECT COUNT(*) FROM " + table + " WHERE " + where;
-        sqlite3* db = nullptr;
-        sqlite3_stmt* query = nullptr;
-        int64_t count = -1;
-        if (sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
-            sqlite3_busy_timeout(db, 5000) == SQLITE_OK &&
-            sqlite3_prepare_v2(db, sql.c_str(), -1, &query, nullptr) == SQLITE_OK &&
-            sqlite3_step(query) == SQLITE_ROW)
-            count = sqlite3_column_int64(query, 0);
-        sqlite3_finalize(query);
-        sqlite3_close(db);
-        return count;
-    }
-    // Whether a file of the folder's top level holds exactly `bytes`.
+    // Whether a file directly in the folder `dir` holds exactly `bytes`.
     bool SomeFileHolds(const std::string& dir, const std::string& bytes) const {
-        for (const auto& entry : fs::directory_iterator(Local(dir)))
+        std::error_code ec;
+        for (const auto& entry : fs::directory_iterator(Local(dir), ec))
             if (entry.is_regular_file() && ReadFile(entry.path().string()) == bytes) return true;
         return false;
     }
@@ -72,12 +54,11 @@ class Removal : public ::testing::Test {
     SyncWorld world;
 };
 
-TEST_F(Removal, ServerRemovalsMoveFilesAndTreesIntoTheBinAndForgetTheirRows) {
+TEST_F(Removal, ServerRemovalsMoveFilesAndTreesIntoTheBin) {
     ASSERT_TRUE(world.server().Put("/a.txt", "alpha"));
     ASSERT_TRUE(world.server().Put("/d/x", "x bytes"));
     ASSERT_TRUE(world.server().Put("/d/sub/y", "y bytes"));
     ASSERT_TRUE(Synced());
-    ASSERT_EQ(Rows("eventinfo", "path = 'd/sub/y'"), 1);
 
     ASSERT_TRUE(world.server().Rm("/a.txt"));
     ASSERT_TRUE(world.server().Rm("/d"));
@@ -88,9 +69,6 @@ TEST_F(Removal, ServerRemovalsMoveFilesAndTreesIntoTheBinAndForgetTheirRows) {
     EXPECT_EQ(bin.count("alpha"), 1u);
     EXPECT_EQ(bin.count("x bytes"), 1u);
     EXPECT_EQ(bin.count("y bytes"), 1u);
-    EXPECT_EQ(Rows("eventinfo", "path IN ('a.txt', 'd', 'd/x', 'd/sub', 'd/sub/y')"), 0);
-    // The bin knows what each of its items was, for content a later download can reuse.
-    EXPECT_GE(Rows("recycle_bin_table", "1"), 3);
 }
 
 TEST_F(Removal, LocalRemovalsOfAFileAndATreeReachTheServer) {
@@ -109,7 +87,6 @@ TEST_F(Removal, LocalRemovalsOfAFileAndATreeReachTheServer) {
     ASSERT_TRUE(world.server().Listing(server));
     EXPECT_EQ(server.size(), 1u);
     EXPECT_EQ(server.count("/stays"), 1u);
-    EXPECT_TRUE(WaitUntil([&] { return Rows("eventinfo", "path LIKE 't%' OR path = 'f'") == 0; }));
     // What the user removed is the user's business: nothing of it is kept in the bin.
     EXPECT_TRUE(BinContents().empty());
 }
