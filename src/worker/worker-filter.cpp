@@ -110,19 +110,7 @@ int Worker::TestBaseNameConflict(const ustring& basename) {
 int Worker::AddFilteredEventToDB(const Event& ev, int filtered_type) {
     if (ev.isServerEvent()) return 0;
     FilterLocalEvent fe;
-    fe.sess_id = ev.m_sess_id;
-    fe.file_type = ev.isDir() ? 1 : 0;
-    fe.path = ev.m_path;
-    fe.event_type = ev.m_type;
-    fe.file_size = ev.m_data_size;
-    fe.file_mod_time = ev.m_time;
-    fe.file_checksum = ev.m_data_hash;
-    fe.filtered_type = filtered_type;
-    fe.is_exist = ev.m_type == Event::EV_REMOVE ? 0 : 1;
-    if (ev.isFile()) {
-        const size_t slash = ev.m_path.rfind('/');
-        fe.base_name = slash == ustring::npos ? ev.m_path : ev.m_path.substr(slash + 1);
-    }
+    ConvertToFilteredEvent(ev, filtered_type, fe);
     if (FilterDB::getInstance().setLocalFilteredEvent(fe) < 0)
         WorkerLog(Logger::L_ERR,
                   "[ERROR] worker(%d): Failed to setLocalFilteredEvent for session '%llu', path "

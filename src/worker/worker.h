@@ -34,6 +34,7 @@ class BlackList2;
 class FileList;
 class WhiteListCpp;
 class Worker;
+struct FilterLocalEvent;
 
 // The handlers an event is routed to. Each works on the worker's current context and
 // returns a daemon code (0 or an ERR_ code); a rescan or an expansion gives 0 or -1. A
@@ -284,6 +285,19 @@ class Worker : public Task, private ServerCaller {
     int UpdateDatabaseInfo(const ClientFileEventInfo& info);
     int CalculateMD4(const ustring& full_path, ustring& hash);
 
+    // The steps of the removals (removal.cpp). TestRemoveLocalFilter and
+    // TestRemoveRemoteFilter: 1 pass, 0 filtered (the event is done, a selective sync
+    // rule's verdict recorded for a local one), negative failure. ExpandLocalDeleteEvent
+    // and ExpandServerDeleteEvent: events for the members one level below `path` (the
+    // server's, only rows at most `sync_id`), 0 or -1 when interrupted. ProtoRemoveObject:
+    // "remove" on `ch`, 0 (an error reply stands in `response`) or a daemon code.
+    // ConvertToFilteredEvent: the filter record of a local event, 0.
+    int TestRemoveLocalFilter();
+    int TestRemoveRemoteFilter();
+    int ExpandLocalDeleteEvent(const ustring& path);
+    int ExpandServerDeleteEvent(const ustring& path, uint64_t sess_id, uint64_t sync_id);
+    int ProtoRemoveObject(Channel& ch, const PObject& request, PObject& response);
+    int ConvertToFilteredEvent(const Event& ev, int filter_type, FilterLocalEvent& out);
     // Removal's primitives (removal.cpp). RemoveDatabaseInfo: forgets the row of the
     // current path, 0 or -1. ProcessRenameRemoveLocal: moves the local object to the
     // recycle bin with its rows, 0 or -3. moveFileToRecycleBin: parks a received file
@@ -380,6 +394,13 @@ class Worker : public Task, private ServerCaller {
     int SameContent(const FILE_INFO& local, const PObject& response);
     // RenameRemoveFile and RenameRemoveDirectory, told apart by `is_dir` (removal.cpp).
     int MoveToRecycleBin(bool is_dir);
+    // RemoveLocal's and RemoveRemote's parts (removal.cpp): whether a folder about to go
+    // to the bin holds anything its rows don't describe (1, 0, or -1 when it could not be
+    // looked at or the abort flag stopped the look); the "remove" request from the row;
+    // an error reply's verdict: 1 to forget the row, else the handler's code.
+    int ChangedBelow(const ustring& dir, const ustring& path);
+    PObject RemoveRequest(const ClientFileEventInfo& db);
+    int SettleRemoveError(uint32_t code, bool is_dir);
 
     // Steps 7 to 10 of a loop turn: the event through its handler, then its fate.
     void CarryOut();
