@@ -379,13 +379,24 @@ int Worker::ExpandDeleteEvent() {
     return ERR_OK;
 }
 
-// The one-level comparison of disk and database this needs is the rescan's; until it is
-// there the event is given back, and nothing is removed on either side meanwhile.
+// One level of a folder the user removed: what is still on disk against the rows, so each
+// member the disk no longer has becomes its own removal and what is still there stays.
 int Worker::ExpandLocalDeleteEvent(const ustring& path) {
-    WorkerLog(Logger::L_NOTICE,
-              "[NOTE] worker(%d): interrupted while expanding local delete event (%s)\n", __LINE__,
-              Text(path));
-    return -1;
+    const ustring root = path == ustring("/") ? GetLocalWatch() : GetLocalWatch() + path;
+    FileEventDB* db = GetEventDatabase();
+    StringBuffer names;
+    FileList db_list(names);
+    FileList fs_list(names);
+    int rc = db != nullptr ? db->getFileListWithoutRecursive(&db_list, path) : -1;
+    if (rc >= 0) rc = BuildLocalFileListWithoutResursive(root, fs_list);
+    if (rc >= 0) rc = CompareFileList(path, fs_list, db_list, false);
+    if (rc < 0) {
+        WorkerLog(Logger::L_NOTICE,
+                  "[NOTE] worker(%d): interrupted while expanding local delete event (%s)\n",
+                  __LINE__, Text(path));
+        return -1;
+    }
+    return 0;
 }
 
 int Worker::ExpandServerDeleteEvent(const ustring& path, [[maybe_unused]] uint64_t sess_id,
