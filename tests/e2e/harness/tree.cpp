@@ -18,6 +18,18 @@ std::string Describe(const TreeEntry& e) {
     return "f " + std::to_string(e.size) + " " + e.md4;
 }
 
+std::string Hex(MD4_CTX& ctx) {
+    unsigned char digest[MD4_DIGEST_LENGTH];
+    MD4_Final(digest, &ctx);
+    static const char kHex[] = "0123456789abcdef";
+    std::string hex;
+    for (unsigned char b : digest) {
+        hex += kHex[b >> 4];
+        hex += kHex[b & 15];
+    }
+    return hex;
+}
+
 }  // namespace
 
 std::string Md4OfFile(const std::string& path) {
@@ -28,15 +40,14 @@ std::string Md4OfFile(const std::string& path) {
     char buf[65536];
     while (in.read(buf, sizeof buf) || in.gcount() > 0)
         MD4_Update(&ctx, buf, static_cast<size_t>(in.gcount()));
-    unsigned char digest[MD4_DIGEST_LENGTH];
-    MD4_Final(digest, &ctx);
-    static const char kHex[] = "0123456789abcdef";
-    std::string hex;
-    for (unsigned char b : digest) {
-        hex += kHex[b >> 4];
-        hex += kHex[b & 15];
-    }
-    return hex;
+    return Hex(ctx);
+}
+
+std::string Md4OfBytes(const std::string& bytes) {
+    MD4_CTX ctx;
+    MD4_Init(&ctx);
+    MD4_Update(&ctx, bytes.data(), bytes.size());
+    return Hex(ctx);
 }
 
 Tree LocalTree(const std::string& root) {

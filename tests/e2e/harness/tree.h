@@ -30,3 +30,4 @@ std::string TreeDiff(const Tree& local, const Tree& server);
 
 // The MD4 of a file's bytes in lower-case hex; empty when it can't be read.
 std::string Md4OfFile(const std::string& path);
+std::string Md4OfBytes(const std::string& bytes);
