@@ -387,8 +387,13 @@ int Worker::ExpandLocalDeleteEvent(const ustring& path) {
     StringBuffer names;
     FileList db_list(names);
     FileList fs_list(names);
-    int rc = db != nullptr ? db->getFileListWithoutRecursive(&db_list, path) : -1;
-    if (rc >= 0) rc = BuildLocalFileListWithoutResursive(root, fs_list);
+    // A folder that is gone has nothing left on disk; a sync folder that is gone says
+    // nothing about its members, so that waits until it is back.
+    FILE_INFO folder, top;
+    int rc = FSStat(root, folder) == 0 && FSStat(GetLocalWatch(), top) == 0 && top.isExist ? 0 : -1;
+    if (rc >= 0 && db != nullptr) rc = db->getFileListWithoutRecursive(&db_list, path);
+    if (rc >= 0 && db == nullptr) rc = -1;
+    if (rc >= 0 && folder.isExist) rc = BuildLocalFileListWithoutResursive(root, fs_list);
     if (rc >= 0) rc = CompareFileList(path, fs_list, db_list, false);
     if (rc < 0) {
         WorkerLog(Logger::L_NOTICE,

@@ -82,26 +82,45 @@ TEST_F(Join, BothSidesEndWithTheUnionAndEqualFilesCrossNeitherWay) {
     EXPECT_EQ(versions, (std::multiset<std::string>{"mine", "theirs, longer"}));
 }
 
-TEST_F(Join, EditsAndCreationsMadeWhileTheDaemonWasDownAreFoundOnBothSides) {
+TEST_F(Join, ChangesMadeWhileTheDaemonWasDownAreFoundOnBothSides) {
     Start();
-    ASSERT_TRUE(world.WriteLocal(1, "/edit-local.txt", "v1"));
-    ASSERT_TRUE(world.WriteLocal(1, "/edit-server.txt", "v1"));
+    for (const char* path :
+         {"/edit-local.txt", "/edit-server.txt", "/gone-local.txt", "/gone-server.txt"})
+        ASSERT_TRUE(world.WriteLocal(1, path, "v1"));
     ASSERT_TRUE(world.MkdirLocal(1, "/folder"));
     ASSERT_TRUE(world.WriteLocal(1, "/folder/a.txt", "a"));
+    ASSERT_TRUE(world.MkdirLocal(1, "/old-name"));
+    ASSERT_TRUE(world.WriteLocal(1, "/old-name/moved.txt", "moved"));
     ASSERT_TRUE(Synced());
+    // The eight changes that went up have come back in a pull: the session knows where the
+    // server stands before it goes down.
+    ASSERT_TRUE(WaitUntil([&] { return world.StoredSyncId(1) >= 8; }, 30));
 
     ASSERT_TRUE(world.Restart(false, [&] {
         world.WriteLocal(1, "/edit-local.txt", "v2, edited here");
         world.WriteLocal(1, "/folder/b.txt", "b");
         world.MkdirLocal(1, "/new-dir");
         world.WriteLocal(1, "/new-dir/c.txt", "c");
+        world.RemoveLocal(1, "/gone-local.txt");
+        world.MoveLocal(1, "/old-name", "/new-name");
         world.server().Put("/edit-server.txt", "v2, edited there");
         world.server().Put("/folder/d.txt", "d");
+        world.server().Rm("/gone-server.txt");
     }));
     ASSERT_TRUE(Synced());
     EXPECT_EQ(ReadFile(Local("/edit-server.txt")), "v2, edited there");
     EXPECT_EQ(ReadFile(Local("/edit-local.txt")), "v2, edited here");
     EXPECT_EQ(ReadFile(Local("/folder/d.txt")), "d");
+    // The database remembered both removed files: neither came back, and the one the
+    // server removed is in the bin.
+    EXPECT_FALSE(fs::exists(Local("/gone-local.txt")));
+    EXPECT_FALSE(fs::exists(Local("/gone-server.txt")));
+    EXPECT_EQ(ReadFile(Local("/new-name/moved.txt")), "moved");
+    std::set<std::string> binned;
+    for (const auto& entry :
+         fs::recursive_directory_iterator(Local("/.ZephanorWorkingDirectory/#ZephRecycle")))
+        if (entry.is_regular_file()) binned.insert(ReadFile(entry.path().string()));
+    EXPECT_EQ(binned.count("v1"), 1u);
 }
 
 TEST_F(Join, APauseStopsALongComparisonAndResumeRunsItWhole) {
