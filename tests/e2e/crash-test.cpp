@@ -1,7 +1,8 @@
 // The daemon killed with SIGKILL again and again while files go up and come down, and
 // started again on the same configuration each time: after every kill no file stands under
 // its final name with anything but a whole version, the session's database passes SQLite's
-// own check, and at the end both sides hold the last version of every file.
+// own check, and at the end both sides hold the last version of every file. Then the server
+// killed in the middle of an upload.
 #include <sqlite3.h>
 
 #include <gtest/gtest.h>
@@ -88,6 +89,24 @@ TEST_F(Crash, KillsDuringUploadsAndDownloadsLoseNothing) {
     for (const auto& [name, bytes] : last) {
         EXPECT_EQ(Md4OfFile(world.Folder(1) + name), Md4OfBytes(bytes)) << name;
     }
+}
+
+// The server killed while a file body is on its way up, and started again on its data:
+// the upload starts over or goes on, and the server ends with the whole file.
+TEST_F(Crash, AServerKilledMidUploadEndsWithTheWholeFile) {
+    const std::string bytes = RandomBytes(48 << 20, 21);
+    ASSERT_TRUE(world.WriteLocal(1, "/large.bin", bytes));
+    ASSERT_TRUE(WaitUntil([&] {
+        const PObject status = world.daemon().Ask("get_status");
+        return status["worker_list"].isArray() &&
+               status["worker_list"][0]["progress"].asUInt64() > 0;
+    }));
+    ASSERT_TRUE(world.server().Restart());
+    ASSERT_TRUE(WaitUntil([&] { return world.CompareTrees(1).empty(); }, 120))
+        << world.CompareTrees(1) << world.daemon().Log();
+    Tree server;
+    ASSERT_TRUE(world.server().Listing(server));
+    EXPECT_EQ(server["/large.bin"].md4, Md4OfBytes(bytes));
 }
 
 }  // namespace

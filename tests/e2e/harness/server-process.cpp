@@ -14,12 +14,25 @@ ServerProcess::ServerProcess() {
         return;
     m_session = match[1];
     m_view_id = std::stoull(match[2]);
-    m_process = std::make_unique<ChildProcess>(std::vector<std::string>{
-        kServerBinary, "--data", m_data, "--port", "0", "--faults", m_faults, "--trace"});
-    if (!m_process->WaitForOutput(" port ", 15)) return;
+    Serve(0);
+}
+
+bool ServerProcess::Serve(int port) {
+    m_process = std::make_unique<ChildProcess>(
+        std::vector<std::string>{kServerBinary, "--data", m_data, "--port", std::to_string(port),
+                                 "--faults", m_faults, "--trace"});
+    if (!m_process->WaitForOutput(" port ", 15)) return false;
+    std::smatch match;
     const std::string started = m_process->Out();
-    if (std::regex_search(started, match, std::regex("listening on \\S+ port (\\d+)")))
-        m_port = std::stoi(match[1]);
+    if (!std::regex_search(started, match, std::regex("listening on \\S+ port (\\d+)")))
+        return false;
+    m_port = std::stoi(match[1]);
+    return true;
+}
+
+bool ServerProcess::Restart() {
+    if (m_process) m_process->Kill(SIGKILL);
+    return Serve(m_port);
 }
 
 ServerProcess::~ServerProcess() {

@@ -30,6 +30,10 @@ class ServerProcess {
     const std::string& pin() const { return m_pin; }
     const std::string& data_dir() const { return m_data; }
 
+    // Ends the server with SIGKILL, as a crash or a power cut would, and starts it again
+    // on the same data and port; false when it did not serve again in time.
+    bool Restart();
+
     // Replaces the fault file, which the server reads again when it changes.
     void WriteFaults(const std::string& text);
 
@@ -57,6 +61,8 @@ class ServerProcess {
     // Runs a command of the server's command line on the data folder; true for exit 0.
     bool Command(const std::string& verb, const std::vector<std::string>& args,
                  std::string* out = nullptr);
+    // Starts the server on `port` (0: one the system picks) and learns the port.
+    bool Serve(int port);
 
     TempDir m_dir;
     std::string m_data = m_dir / "data";
