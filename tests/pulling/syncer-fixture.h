@@ -1,7 +1,7 @@
 // syncer-fixture.h: the Syncer against an in-process reference server, for the Syncer's
-// tests: a pool on the server's port (directly, or through a proxy or relay the test
-// gives), sessions with real databases, a test worker that retires server events when the
-// test lets it, a watched manual clock, and the daemon log to look into.
+// tests: a pool on the server's port (directly, or through a proxy the test gives),
+// sessions with real databases, a test worker that retires server events when the test
+// lets it, a watched manual clock, and the daemon log to look into.
 #pragma once
 
 #include <gtest/gtest.h>
@@ -90,23 +90,21 @@ class SyncerConcurrency : public ::testing::Test {
         Logger::Destroy();
     }
 
-    // A new server, and a new pool reaching it through `proxy` and `tunnel` when they are
-    // in use.
+    // A new server, and a new pool reaching it through `proxy` when it is in use.
     void StartServer(const std::function<void(ServerOptions&)>& tweak = nullptr,
                      const std::function<void(ConnectionInfo&)>& client = nullptr,
-                     const ProxyInfo& proxy = ProxyInfo(),
-                     const TunnelInfo& tunnel = TunnelInfo()) {
+                     const ProxyInfo& proxy = ProxyInfo()) {
         g_pool = nullptr;
         pool.reset();
         server = std::make_unique<ServerHarness>(tweak);
-        MakePool(client, proxy, tunnel);
+        MakePool(client, proxy);
     }
     // A new pool for the same server.
     void MakePool(const std::function<void(ConnectionInfo&)>& client,
-                  const ProxyInfo& proxy = ProxyInfo(), const TunnelInfo& tunnel = TunnelInfo()) {
+                  const ProxyInfo& proxy = ProxyInfo()) {
         g_pool = nullptr;
         pool.reset();
-        pool = PoolFor(*server, client, proxy, tunnel);
+        pool = PoolFor(*server, client, proxy);
         g_pool = pool.get();
     }
     void AddSession(uint64_t id, uint64_t view_id = 0) {

@@ -324,16 +324,6 @@ TEST_F(EventDbCommit, MovesTheSignatureIntoTheStore) {
     EXPECT_EQ(ReadFile(store), "new-sig");
 }
 
-TEST_F(EventDbCommit, FailedStagingChangesNothingAndARetryWorks) {
-    tbtest::FaultFileSystem faults;
-    tbtest::ScopedFileSystem use(faults);
-    faults.FailNth(tbtest::FsOp::kRenameReplace, 1, EIO);
-    EXPECT_EQ(CommitNew(), -1);
-    ExpectNothingChanged();
-    EXPECT_EQ(CommitNew(), 0);
-    EXPECT_EQ(ReadFile(store), "new-sig");
-}
-
 // The commit itself fails (its log can't grow: the file size limit stands in for a
 // full disk) after the signature was staged: the file goes back to the caller.
 TEST_F(EventDbCommit, FailedCommitGivesTheSignatureBack) {
@@ -355,22 +345,6 @@ TEST_F(EventDbCommit, FailedCommitGivesTheSignatureBack) {
     ExpectNothingChanged();
     EXPECT_EQ(CommitNew(), 0);
     EXPECT_EQ(ReadFile(store), "new-sig");
-}
-
-TEST_F(EventDbCommit, AnInterruptedMoveIsFinishedOnTheNextOpen) {
-    {
-        tbtest::FaultFileSystem faults;
-        tbtest::ScopedFileSystem use(faults);
-        faults.FailNth(tbtest::FsOp::kRenameReplace, 2, EIO);  // the move after the commit
-        EXPECT_EQ(CommitNew(), 0);
-    }
-    EXPECT_EQ(Read("/doc").fileCheckSum, ustring("new"));
-    EXPECT_FALSE(Exists(store));  // never the old signature under the new row
-    ASSERT_EQ(db.destroy(), 0);
-    ASSERT_EQ(db.initialize(path().c_str()), 0);
-    EXPECT_EQ(ReadFile(store), "new-sig");
-    EXPECT_FALSE(Exists(store + ".new"));
-    EXPECT_EQ(Rows(path(), "SELECT count(*) FROM config_table"), Lines{"2"});
 }
 
 TEST_F(EventDbCommit, AReusedRowIdNeverInheritsAStaleSignature) {

@@ -1,8 +1,8 @@
 // fault-fs.h: a FileSystem wrapper for tests. It forwards to the real file system
 // and, on request, fails the Nth call of an operation, or the Nth operation of any
-// kind, with a chosen error (a full disk, a refused rename), delays calls, pretends a volume folds
-// case or has another type, and reports other device numbers for a subtree. Header-only; install it
-// for a scope with ScopedFileSystem.
+// kind, with a chosen error (a full disk, a refused rename), pretends a volume folds case
+// or has another type, and reports other device numbers for a subtree. Header-only;
+// install it for a scope with ScopedFileSystem.
 #pragma once
 
 #include <cctype>
@@ -78,11 +78,6 @@ class FaultFileSystem : public platform::FileSystem {
     int Failed() {
         std::lock_guard<std::mutex> g(m_mu);
         return m_failed;
-    }
-    // Every call of `op` first sleeps `ms` milliseconds.
-    void Delay(FsOp op, int ms) {
-        std::lock_guard<std::mutex> g(m_mu);
-        m_delay[op] = ms;
     }
     int Calls(FsOp op) {
         std::lock_guard<std::mutex> g(m_mu);
@@ -227,16 +222,14 @@ class FaultFileSystem : public platform::FileSystem {
         std::unique_ptr<platform::File> m_real;
     };
 
-    // Counts the call, sleeps if asked, and says whether it must fail.
+    // Counts the call and says whether it must fail.
     bool Check(FsOp op, int* err) {
-        int delay = 0;
         bool failing = false;
         int code = 0;
         {
             std::lock_guard<std::mutex> g(m_mu);
             int n = ++m_calls[op];
             ++m_total;
-            delay = m_delay[op];
             auto rule = m_rules.find(op);
             if (rule != m_rules.end() && rule->second.Hits(n)) {
                 failing = true;
@@ -247,7 +240,6 @@ class FaultFileSystem : public platform::FileSystem {
             }
             if (failing) ++m_failed;
         }
-        if (delay > 0) std::this_thread::sleep_for(std::chrono::milliseconds(delay));
         if (failing && err != nullptr) *err = code;
         return failing;
     }
@@ -301,7 +293,6 @@ class FaultFileSystem : public platform::FileSystem {
     std::mutex m_mu;
     std::map<FsOp, int> m_calls;
     std::map<FsOp, Rule> m_rules;
-    std::map<FsOp, int> m_delay;
     std::optional<Rule> m_any;
     int m_total = 0;
     int m_failed = 0;

@@ -1,7 +1,7 @@
 // Workers on their own threads against the reference server: a pause interrupts a reply
-// wait and the transfer resumes with what it kept; the drop barrier of a paused session;
-// two workers and the Syncer on one pool, where dropping one session leaves the other's
-// worker alone and the sync id waits for the dropped event.
+// wait and the transfer resumes with what it kept; two workers and the Syncer on one
+// pool, where dropping one session leaves the other's worker alone and the sync id waits
+// for the dropped event.
 #include <optional>
 #include <vector>
 
@@ -125,19 +125,6 @@ TEST_F(WorkerConcurrency, PauseInterruptsTheReplyWaitAndTheTransferResumesWithWh
     ASSERT_TRUE(
         Eventually([&] { return EventManager::getInstance().GetAllPendingEventCount(1) == 0; }));
     EXPECT_TRUE(Eventually([&] { return !Exists(partial); }));  // a finished event lets go
-}
-
-TEST_F(WorkerConcurrency, TheDropBarrierWakesTheControlThreadOnceAllWorkersReported) {
-    for (ProbeWorker& w : workers) ASSERT_EQ(w.Run(), 0);
-    Worker::PauseType_T barrier(2);
-    {
-        MutexLock lock(barrier.pause_mutex);
-        for (ProbeWorker& w : workers) w.setPauseInstance(&barrier);
-        barrier.WaitForAll();
-        EXPECT_EQ(barrier.count, 0u);
-    }
-    EXPECT_EQ(LogCount("done abort"), 2u);
-    EXPECT_EQ(LogCount("signal the command thread"), 1u);
 }
 
 TEST_F(WorkerConcurrency, DroppingOneSessionLeavesTheOtherWorkerAloneAndTheSyncIdWaits) {

@@ -96,10 +96,6 @@ void DaemonProcess::Kill() {
     m_announce.reset();
 }
 
-bool DaemonProcess::Running() {
-    return m_process && m_process->Wait(0) == ChildProcess::kStillRunning;
-}
-
 std::vector<std::string> DaemonProcess::OpenFiles() const {
     std::vector<std::string> targets;
     const std::string dir = "/proc/" + std::to_string(pid()) + "/fd";

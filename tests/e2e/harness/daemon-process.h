@@ -38,7 +38,6 @@ class DaemonProcess {
     int Stop();
     // Ends the process with SIGKILL, as a crash or a power cut would.
     void Kill();
-    bool Running();
 
     pid_t pid() const { return m_process ? m_process->pid() : -1; }
     int port() const { return m_port; }

@@ -49,11 +49,6 @@ void NotificationListener::Serve() {
     }
 }
 
-std::vector<PObject> NotificationListener::Received() {
-    MutexLock lock(m_mutex);
-    return m_received;
-}
-
 size_t NotificationListener::Count(const std::function<bool(const PObject&)>& match) {
     MutexLock lock(m_mutex);
     size_t n = 0;

@@ -21,8 +21,6 @@ class NotificationListener {
     NotificationListener& operator=(const NotificationListener&) = delete;
 
     int port() const { return m_port; }
-    // Everything received so far, in the order it came.
-    std::vector<PObject> Received() EXCLUDES(m_mutex);
     // How many received maps satisfy `match`.
     size_t Count(const std::function<bool(const PObject&)>& match) EXCLUDES(m_mutex);
 
