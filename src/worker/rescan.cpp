@@ -62,7 +62,10 @@ struct FileListBuilder {
     }
 };
 
-// The visitor of an expansion: an upload for everything, a directory before its contents.
+// The visitor of an expansion: an upload for everything, a directory before its contents,
+// except a file whose size and time are still those of its row: that is the echo of a
+// download into a folder the download made, and an upload of it would only stand in the
+// way of what the server does next (a removal of that folder, for one).
 struct ExpandHandler {
     Registry::Entry* reg;
     size_t root_len;
@@ -73,12 +76,22 @@ struct ExpandHandler {
                   __LINE__, Text(path));
         PushUploadEvent(*reg, path, is_dir);
     }
+    bool AsItsRow(const ustring& full) const {
+        FILE_INFO local;
+        ClientFileEventInfo row;
+        return reg->event_db != nullptr && FSStat(full, local) == 0 && local.isExist &&
+               reg->event_db->getEventInfo(full.substr(root_len), row) >= 0 && row.IsValid() &&
+               row.syncID != 0 && row.IsFile() && row.fileSize == local.size &&
+               FSTimeEqual(row.fileModTime, local.mtime);
+    }
     bool Directory(const ustring& full, const DIR_ENTRY&, ExpandHandler& inner) const {
         Push(full, true);
         inner = *this;
         return true;
     }
-    void File(const ustring& full, const DIR_ENTRY&) const { Push(full, false); }
+    void File(const ustring& full, const DIR_ENTRY&) const {
+        if (!AsItsRow(full)) Push(full, false);
+    }
 };
 
 // Depth-first walk of `path`; links and special files are never visited. A directory
