@@ -83,13 +83,8 @@ int Worker::DownloadRemote() {
                   __LINE__, Text(e.m_path), passed);
         return passed;
     }
-    if (isFileLocked(GetFullPath(), kLockedAccess)) {
-        WorkerLog(Logger::L_ERR,
-                  "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
-                  "'%s'.\n",
-                  __LINE__, GetId(), Text(GetFullPath()));
+    if (ReportLocked(isFileLocked(GetFullPath(), kLockedAccess), GetFullPath()))
         return ERR_LOCKED_FILE;
-    }
     SetCurrentProcessEventInfo(e.m_sess_id, e.m_path, W_TYPE_DOWNLOAD);
     ClientFileEventInfo base = GetDatabaseInfo();
     if (IsForceDownload(e) && !base.IsValid()) {

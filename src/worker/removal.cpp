@@ -47,13 +47,8 @@ int Worker::RemoveLocal() {
     // unmounted disk) is asked again once it is back.
     if (path == ustring("/")) return ERR_OK;
     if (!SessionRootExists(GetLocalWatch())) return ERR_INT;
-    if (isFileLocked(GetFullPath(), FS_GENERIC_WRITE | FS_DELETE)) {
-        WorkerLog(Logger::L_ERR,
-                  "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
-                  "'%s'.\n",
-                  __LINE__, GetId(), Text(GetFullPath()));
+    if (ReportLocked(isFileLocked(GetFullPath(), FS_GENERIC_WRITE | FS_DELETE), GetFullPath()))
         return ERR_LOCKED_FILE;
-    }
     FILE_INFO local;
     if (GetFilesystemInfo(local) < 0) {
         WorkerLog(Logger::L_WARNING,
@@ -180,13 +175,8 @@ int Worker::RemoveRemote() {
                   __LINE__, Text(GetLocalWatch()), Text(path));
         return ERR_OK;
     }
-    if (isFileLocked(GetFullPath(), FS_GENERIC_READ)) {
-        WorkerLog(Logger::L_ERR,
-                  "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
-                  "'%s'.\n",
-                  __LINE__, GetId(), Text(GetFullPath()));
+    if (ReportLocked(isFileLocked(GetFullPath(), FS_GENERIC_READ), GetFullPath()))
         return ERR_LOCKED_FILE;
-    }
     FILE_INFO local;
     if (GetFilesystemInfo(local) < 0) {
         WorkerLog(Logger::L_ERR,

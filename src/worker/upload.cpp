@@ -78,13 +78,7 @@ int Worker::UploadLocal() {
                   __LINE__, path.c_str_utf8(), rc);
         return rc;
     }
-    if (LockedForReading(GetFullPath())) {
-        WorkerLog(Logger::L_ERR,
-                  "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
-                  "'%s'.\n",
-                  __LINE__, GetId(), GetFullPath().c_str_utf8());
-        return ERR_LOCKED_FILE;
-    }
+    if (ReportLocked(LockedForReading(GetFullPath()), GetFullPath())) return ERR_LOCKED_FILE;
     SetCurrentProcessEventInfo(context.current_event.m_sess_id, path, W_TYPE_UPLOAD);
     FILE_INFO local;
     if (FSStat(GetFullPath(), local) < 0) {
@@ -288,13 +282,7 @@ int Worker::TestUploadLocalFilter() {
             AddFilteredEventToDB(e, rc);
         return filtered(rc);
     }
-    if (LockedForReading(full)) {
-        WorkerLog(Logger::L_ERR,
-                  "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
-                  "'%s'.\n",
-                  __LINE__, GetId(), full.c_str_utf8());
-        return ERR_LOCKED_FILE;
-    }
+    if (ReportLocked(LockedForReading(full), full)) return ERR_LOCKED_FILE;
     FILE_INFO info;
     if (FSStat(full, info) < 0) {
         WorkerLog(Logger::L_ERR, "[ERROR] worker(%d): Failed to get file status for '%s'.\n",

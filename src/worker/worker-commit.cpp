@@ -14,6 +14,15 @@ bool IsMtimeChange(uint32_t t1, uint32_t t2) {
 
 }  // namespace
 
+bool Worker::ReportLocked(bool locked, const ustring& path) {
+    if (locked)
+        WorkerLog(Logger::L_ERR,
+                  "[ERROR] worker(%d): Worker (%d): unable to handle locked/no permission file "
+                  "'%s'.\n",
+                  __LINE__, GetId(), path.c_str_utf8());
+    return locked;
+}
+
 bool Worker::LocallyModified(const FILE_INFO& cur, const ClientFileEventInfo& base,
                              const ustring& cur_hash) {
     const ustring name = GetPath();

@@ -277,6 +277,9 @@ class Worker : public Task, private ServerCaller {
     // FSStat of the full path. 0; -1.
     int GetFilesystemInfo(FILE_INFO& info);
 
+    // `locked`, and when it is, the one line every handler logs before it gives back
+    // ERR_LOCKED_FILE for `path` (worker-commit.cpp).
+    bool ReportLocked(bool locked, const ustring& path);
     // Shared by the transfers (worker-commit.cpp). LocallyModified: true when `cur` is not
     // what the row `base` describes (type, size, time, and `cur_hash` when given).
     // UpdateDatabaseInfo: writes the row, 0 or -1. CalculateMD4: 0 with the file's hash, -1.
