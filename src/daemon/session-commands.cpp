@@ -356,6 +356,7 @@ int Tarnbridge::create_registry_entry(const Session& session, bool do_merge) {
     entry.config_path = session.config_path;
     entry.isMSDOS = IsMSDOS(session.local_path);
     entry.pause = true;
+    entry.merge_pending = do_merge;
     // From here the table owns them; Registry::Clear frees them.
     entry.event_db = event_db.release();
     entry.black_list = black_list.release();
@@ -375,8 +376,10 @@ int Tarnbridge::create_registry_entry(const Session& session, bool do_merge) {
                        __LINE__, id);
         return 0;
     }
-    // The first action of any session is a look at its whole root.
-    EventManager::getInstance().IssueRescan(session.sess_id, "/", do_merge);
+    // The first action of any session is a look at its whole root. A merging one waits
+    // for the server's listing: only the database can tell a small file already on both
+    // sides from a new one, and without it the file would go up whole.
+    if (!do_merge) EventManager::getInstance().IssueRescan(session.sess_id, "/", false);
     Logger::LogMsg(Logger::L_INFO, kAppLog,
                    "[INFO] app(%d): Folder '%s' is ready (with view %llu at %s)\n", __LINE__,
                    session.local_path.c_str_utf8(), static_cast<ull>(session.view_id),

@@ -9,6 +9,7 @@
 #include "platform/clock.h"
 #include "pulling/progress-cache.h"
 #include "state/file-event-db.h"
+#include "state/file-list.h"
 #include "transport/connection-pool.h"
 
 namespace {
@@ -156,6 +157,7 @@ int Syncer::PullEventFromServer(PObject& response) {
                        __LINE__);
         return ERR_SYS;
     }
+    sync_id = PullMark(sync_id);
     context.sync_id = sync_id;
     ConnectionPool* pool = g_pool.load();
     if (pool == nullptr) {
@@ -223,15 +225,69 @@ int Syncer::EstablishConnection(Connection* conn) {
     return ServerConnect(*this, *pool, *conn);
 }
 
+uint64_t Syncer::PullMark(uint64_t stored) {
+    const uint64_t sess = context.entry.sess_id;
+    if (stored != 0) {
+        m_listings.erase(sess);
+        return stored;
+    }
+    if (Listing* open = OpenListing()) return open->next;
+    StringBuffer names;
+    FileList rows(names);
+    if (context.entry.event_db->getFileList(&rows, "/") < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): Syncer: cannot read the rows of session %llu; "
+                       "removals made while it was down may be missed\n",
+                       __LINE__, static_cast<ull>(sess));
+        return 0;
+    }
+    Listing listing;
+    for (auto row = rows.rbegin(); row != rows.rend(); ++row)
+        listing.unseen.emplace(row->path, row->is_dir());
+    if (!listing.unseen.empty()) m_listings.emplace(sess, std::move(listing));
+    return 0;
+}
+
+Syncer::Listing* Syncer::OpenListing() {
+    auto it = m_listings.find(context.entry.sess_id);
+    return it == m_listings.end() ? nullptr : &it->second;
+}
+
+int Syncer::CloseListing(Listing& listing) {
+    const uint64_t sess = context.entry.sess_id;
+    Logger::LogMsg(Logger::L_INFO, kLog,
+                   "[INFO] syncer(%d): Syncer: session %llu: %zu known objects are no longer on "
+                   "the server\n",
+                   __LINE__, static_cast<ull>(sess), listing.unseen.size());
+    for (const auto& [path, is_dir] : listing.unseen)
+        PushServerRemoveEvent(context.entry, path, is_dir, listing.next, listing.next);
+    if (!listing.unseen.empty() && WaitForWorkers() < 0) return -1;
+    if (context.entry.event_db->setSyncId(listing.next) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kLog,
+                       "[ERROR] syncer(%d): Syncer: failed to store sync id %llu of session %llu\n",
+                       __LINE__, static_cast<ull>(listing.next), static_cast<ull>(sess));
+        return ERR_SYS;
+    }
+    m_listings.erase(sess);
+    return 0;
+}
+
 // ---- after the pull ----
 
 int Syncer::ProcessEvents(const PObject& response) {
     const uint64_t next = response["next_sync_id"].asUInt64();
     const uint64_t sess = context.entry.sess_id;
+    Listing* listing = OpenListing();
     if (next == context.sync_id) {
+        if (listing != nullptr) {
+            const int rc = CloseListing(*listing);
+            if (rc < 0) return rc;
+        }
         uptodate_set.insert(sess);
         Logger::LogMsg(Logger::L_DEBUG, kLog, "[DEBUG] syncer(%d): session '%llu' is uptodate.\n",
                        __LINE__, static_cast<ull>(sess));
+        if (Registry::getInstance().TakeMergePending(sess))
+            EventManager::getInstance().IssueRescan(sess, "/", true);
         // A removed session may linger in the set; it can only make the pause come early.
         if (uptodate_set.size() >= Registry::getInstance().Size()) {
             Logger::LogMsg(Logger::L_DEBUG, kLog,
@@ -247,7 +303,10 @@ int Syncer::ProcessEvents(const PObject& response) {
 
     const PObject::array_type& records = response["event_list"].asArray();
     size_t pushed = 0;
-    for (const PObject& record : records) pushed += PushEvent(context.entry, record) == 1 ? 1 : 0;
+    for (const PObject& record : records) {
+        pushed += PushEvent(context.entry, record) == 1 ? 1 : 0;
+        if (listing != nullptr) listing->unseen.erase(record["path"].asString());
+    }
     if (WaitForWorkers() < 0) {
         Logger::LogMsg(Logger::L_NOTICE, kLog,
                        "[NOTE] syncer(%d): ProcessEvents: interrupted while waiting events being "
@@ -255,7 +314,9 @@ int Syncer::ProcessEvents(const PObject& response) {
                        __LINE__);
         return -1;
     }
-    if (context.entry.event_db->setSyncId(next) < 0) {
+    if (listing != nullptr) {
+        listing->next = next;
+    } else if (context.entry.event_db->setSyncId(next) < 0) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] syncer(%d): Syncer: failed to store sync id %llu of session %llu\n",
                        __LINE__, static_cast<ull>(next), static_cast<ull>(sess));

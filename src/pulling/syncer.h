@@ -12,6 +12,7 @@
 #pragma once
 
 #include <cstdint>
+#include <map>
 #include <set>
 
 #include "foundation/object.h"
@@ -71,7 +72,8 @@ class Syncer : public Task, private ServerCaller {
     // session is removed or paused meanwhile.
     int WaitForWorkers();
     // Pushes the reply's records and stores its "next_sync_id" once they are all done. A
-    // reply that moves nothing marks the session up to date; when every session is, the
+    // reply that moves nothing marks the session up to date (and starts the merging look at
+    // the root of a session that joined with content); when every session is, the
     // task sleeps 5 seconds. 0; -1 when interrupted while waiting (nothing stored); -3
     // when the sync id can't be stored.
     int ProcessEvents(const PObject& response);
@@ -84,11 +86,30 @@ class Syncer : public Task, private ServerCaller {
     ProtoRespCaller RespCaller() const override { return PROTO_RESP_SYNCER; }
     TlsStyle Tls() const override { return TLS_BEFORE_CONNECT; }
 
+    // A pull from 0 over a session whose database already holds rows, as a daemon stopped
+    // before its first pull was whole leaves it: the server lists only what lives, so a
+    // row the whole listing never names was removed there meanwhile. Until the listing is
+    // whole its mark is kept here and nothing is stored, so that a crash starts it over.
+    struct Listing {
+        uint64_t next = 0;
+        std::map<ustring, bool> unseen;  // rows not named yet; true for a folder
+    };
+    // The mark to pull from given the stored one, opening a Listing when that is 0 and
+    // the database has rows. A database that can't be read opens none (logged).
+    uint64_t PullMark(uint64_t stored);
+    // The session's open Listing, or null.
+    Listing* OpenListing();
+    // Removes on disk, through server removals, what the whole listing never named, then
+    // stores its mark. 0; -1 when interrupted (the listing stays open); -3 when the mark
+    // can't be stored.
+    int CloseListing(Listing& listing);
+
     // Logs what one round changed, for people reading the log.
     void ReportRound(size_t records, size_t pushed, uint64_t next) const;
 
     Context context;
     std::set<uint64_t> uptodate_set;  // sessions last found up to date
+    std::map<uint64_t, Listing> m_listings;  // by session
     PStream m_stream;
     int64_t m_round_start_ms = 0;
 };

@@ -123,6 +123,14 @@ int Registry::Clear() {
     return result;
 }
 
+bool Registry::TakeMergePending(uint64_t sess_id) {
+    MutexLock guard(m_mutex);
+    auto it = m_table.find(sess_id);
+    if (it == m_table.end() || !it->second.merge_pending) return false;
+    it->second.merge_pending = false;
+    return true;
+}
+
 void Registry::UpdateRecycleTime(const Entry& entry, uint32_t time) {
     MutexLock guard(m_mutex);
     auto it = m_table.find(entry.sess_id);

@@ -50,6 +50,9 @@ class Registry {
         ustring config_path;
         bool isMSDOS = false;
         bool pause = false;
+        // A session joining with content: its merging look at the root waits until its
+        // first pull is up to date, so that equal files are known before any goes up.
+        bool merge_pending = false;
         BlackList2* black_list = nullptr;
         WhiteListCpp* white_list = nullptr;
         FileEventDB* event_db = nullptr;
@@ -93,6 +96,8 @@ class Registry {
     // The same for every entry. 0 and an empty table; -1 when some entry was held and
     // stays.
     int Clear() EXCLUDES(m_mutex);
+    // True once for a session whose merge_pending was set, which it clears.
+    bool TakeMergePending(uint64_t sess_id) EXCLUDES(m_mutex);
     // Sets recycle_time of entry.sess_id, when present.
     void UpdateRecycleTime(const Entry& entry, uint32_t time) EXCLUDES(m_mutex);
     // Sets recycle_time of entry.sess_id, when present, only if it is 0 or later than

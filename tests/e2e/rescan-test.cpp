@@ -48,15 +48,18 @@ class Join : public ::testing::Test {
 };
 
 TEST_F(Join, BothSidesEndWithTheUnionAndEqualFilesCrossNeitherWay) {
-    // Above the size from which uploads first ask whether the server holds the content.
+    // Above the size from which uploads first ask whether the server holds the content,
+    // and below it, where only the server's own listing can tell the copies are equal.
     const std::string big = RandomBytes(600000, 3);
+    const std::string small = RandomBytes(300000, 4);
     ServerProcess& server = world.server();
     for (const char* dir : {"/shared", "/shared/deep", "/ldir", "/lempty"})
         ASSERT_TRUE(world.MkdirLocal(1, dir));
     for (const char* dir : {"/shared", "/shared/deep", "/sdir", "/sempty"})
         ASSERT_TRUE(server.Mkdir(dir));
     for (const auto& [path, bytes] : {std::pair<std::string, std::string>{"/same.txt", "same"},
-                                      {"/shared/deep/same.bin", big}}) {
+                                      {"/shared/deep/same.bin", big},
+                                      {"/shared/small.bin", small}}) {
         ASSERT_TRUE(world.WriteLocal(1, path, bytes));
         ASSERT_TRUE(server.Put(path, bytes));
     }
@@ -72,7 +75,7 @@ TEST_F(Join, BothSidesEndWithTheUnionAndEqualFilesCrossNeitherWay) {
     EXPECT_TRUE(fs::is_directory(Local("/sempty")));
     EXPECT_TRUE(server.Payloads("/same.txt").empty());
     EXPECT_TRUE(server.Payloads("/shared/deep/same.bin").empty());
-    EXPECT_LT(relay.Sent(), big.size());
+    EXPECT_LT(relay.Sent(), small.size() / 2);
     // Both versions of the file that differs stay, one under a conflict name.
     std::multiset<std::string> versions;
     for (const auto& entry : fs::directory_iterator(world.Folder(1))) {
@@ -121,6 +124,23 @@ TEST_F(Join, ChangesMadeWhileTheDaemonWasDownAreFoundOnBothSides) {
          fs::recursive_directory_iterator(Local("/.ZephanorWorkingDirectory/#ZephRecycle")))
         if (entry.is_regular_file()) binned.insert(ReadFile(entry.path().string()));
     EXPECT_EQ(binned.count("v1"), 1u);
+}
+
+TEST_F(Join, AServerRemovalIsSeenWhenNoPullWasWholeBeforeTheStop) {
+    Start();
+    ASSERT_TRUE(world.WriteLocal(1, "/kept.txt", "kept"));
+    ASSERT_TRUE(world.WriteLocal(1, "/gone.txt", "gone"));
+    ASSERT_TRUE(Synced());
+    // The rows are there but not the mark: the next pull from 0 lists only what lives.
+    bool forgot = false;
+    ASSERT_TRUE(world.Restart(false, [&] {
+        forgot = world.ForgetSyncId(1);
+        world.server().Rm("/gone.txt");
+    }));
+    ASSERT_TRUE(forgot);
+    ASSERT_TRUE(Synced());
+    EXPECT_FALSE(fs::exists(Local("/gone.txt")));
+    EXPECT_EQ(ReadFile(Local("/kept.txt")), "kept");
 }
 
 TEST_F(Join, APauseStopsALongComparisonAndResumeRunsItWhole) {

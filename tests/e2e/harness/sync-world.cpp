@@ -144,6 +144,17 @@ int64_t SyncWorld::StoredSyncId(uint64_t id) const {
     return value;
 }
 
+bool SyncWorld::ForgetSyncId(uint64_t id) const {
+    const std::string path = ConfigFolder(id) + "/db/event-db.sqlite";
+    sqlite3* db = nullptr;
+    bool done = sqlite3_open_v2(path.c_str(), &db, SQLITE_OPEN_READWRITE, nullptr) == SQLITE_OK &&
+                sqlite3_exec(db, "UPDATE config_table SET value = '0' WHERE key = 'sync_id'",
+                             nullptr, nullptr, nullptr) == SQLITE_OK &&
+                sqlite3_changes(db) == 1;
+    sqlite3_close(db);
+    return done;
+}
+
 bool SyncWorld::Restart(bool crash, const std::function<void()>& while_down) {
     if (crash)
         m_daemon->Kill();

@@ -79,6 +79,9 @@ class SyncWorld {
     // The sync id the session's database holds, read beside the daemon; -1 when it can't
     // be read.
     int64_t StoredSyncId(uint64_t id) const;
+    // Puts the session's sync id back to 0, the state a daemon stopped before its first
+    // pull was whole leaves behind. Only while the daemon is down. False on failure.
+    bool ForgetSyncId(uint64_t id) const;
 
     // Kills the daemon with SIGKILL (when `crash`) or stops it, runs `while_down`, starts
     // it again on the same configuration, connects, adds every session added so far
