@@ -108,7 +108,7 @@ class Syncer : public Task, private ServerCaller {
     void ReportRound(size_t records, size_t pushed, uint64_t next) const;
 
     Context context;
-    std::set<uint64_t> uptodate_set;  // sessions last found up to date
+    std::set<uint64_t> uptodate_set;         // sessions last found up to date
     std::map<uint64_t, Listing> m_listings;  // by session
     PStream m_stream;
     int64_t m_round_start_ms = 0;

@@ -1,4 +1,4 @@
-// The daemon killed with SIGKILL again and again while files go up and come down, and
+// The daemon killed with SIGKILL again and again while files go up, come down and are removed, and
 // started again on the same configuration each time: after every kill no file stands under
 // its final name with anything but a whole version, the session's database passes SQLite's
 // own check, and at the end both sides agree and the last version of every file is there. Then the
@@ -49,7 +49,7 @@ class Crash : public ::testing::Test {
     std::map<std::string, std::string> last;
 };
 
-TEST_F(Crash, KillsDuringUploadsAndDownloadsLoseNothing) {
+TEST_F(Crash, KillsDuringUploadsDownloadsAndRemovalsLoseNothing) {
     const unsigned seed = std::random_device()();
     SCOPED_TRACE("seed " + std::to_string(seed));
     std::mt19937 rng(seed);
@@ -64,6 +64,12 @@ TEST_F(Crash, KillsDuringUploadsAndDownloadsLoseNothing) {
         }
         ASSERT_TRUE(world.WriteLocal(1, up, up_bytes));
         ASSERT_TRUE(world.server().Put(down, down_bytes));
+        // A name of each side removed in a round out of three, while the rest moves.
+        const std::string gone_up = "/u" + std::to_string(rng() % 3);
+        const std::string gone_down = "/d" + std::to_string(rng() % 3);
+        if (rng() % 3 == 0 && gone_up != up && world.RemoveLocal(1, gone_up)) last.erase(gone_up);
+        if (rng() % 3 == 0 && gone_down != down && world.server().Rm(gone_down))
+            last.erase(gone_down);
         // The kill lands anywhere from before the first byte moves to after the commit.
         std::this_thread::sleep_for(std::chrono::milliseconds(rng() % 600));
         world.daemon().Kill();
