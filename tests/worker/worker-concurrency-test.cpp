@@ -96,6 +96,10 @@ TEST_F(WorkerConcurrency, PauseInterruptsTheReplyWaitAndTheTransferResumesWithWh
     server->WriteFaults("delay resume_get_token 3000 times=1\n");
     AddSession(1, true, false, server->user.view_id);
     EventManager::getInstance().PushServerEvent(evtest::Server(Event::EV_CREATE, "/a.txt", 4));
+    // Shown as syncing until its event is finished.
+    const std::string shown = Root(1) + "/a.txt";
+    FileStatusInfo row;
+    ASSERT_EQ(FileStatusDB::getFileSyncStat(shown.c_str(), &row), 1);
     ProbeWorker& w = workers[0];
     AskServerOnTransfers(w);
     ASSERT_EQ(w.Run(), 0);
@@ -125,6 +129,8 @@ TEST_F(WorkerConcurrency, PauseInterruptsTheReplyWaitAndTheTransferResumesWithWh
     ASSERT_TRUE(
         Eventually([&] { return EventManager::getInstance().GetAllPendingEventCount(1) == 0; }));
     EXPECT_TRUE(Eventually([&] { return !Exists(partial); }));  // a finished event lets go
+    EXPECT_TRUE(
+        Eventually([&] { return FileStatusDB::getFileSyncStat(shown.c_str(), &row) == 0; }));
 }
 
 TEST_F(WorkerConcurrency, DroppingOneSessionLeavesTheOtherWorkerAloneAndTheSyncIdWaits) {

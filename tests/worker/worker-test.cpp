@@ -1,6 +1,6 @@
 // The worker's decisions: what each handler result and each stream failure does to the
-// event, the counters, the caches and the user interface; where each kind of event goes;
-// and the events settled before any handler runs.
+// event, the counters, the caches and the user interface; where the rescan-below flags
+// go; and the events settled before any handler runs.
 #include "foundation/error-code.h"
 #include "worker-fixture.h"
 
@@ -112,39 +112,6 @@ TEST_F(WorkerErrors, StreamFailuresResumeOnlyAfterAConnectionLossOrAPause) {
         EXPECT_TRUE(Exists(dir / "user.txt"));
         EXPECT_FALSE(w.IsAborted());
     }
-}
-
-TEST_F(WorkerEvents, EachKindReachesItsHandlerAndItsStatusRowIsCleared) {
-    AddSession(1);
-    EventManager& events = EventManager::getInstance();
-    events.PushLocalEvent(Local(Event::EV_CREATE, "/new.txt"));
-    events.PushLocalEvent(Local(Event::EV_MODIFY, "/docs", DIR_NODE));
-    events.PushLocalEvent(Local(Event::EV_REMOVE, "/gone.txt"));
-    events.PushServerEvent(Server(Event::EV_CREATE, "/srv.txt", 4));
-    events.PushServerEvent(Server(Event::EV_REMOVE, "/srv-gone.txt", 5));
-    events.IssueRescan(1, "/", false);
-    events.IssueExpand(1, "/walk");
-    FileStatusInfo row;
-    const std::string paths[] = {"/new.txt", "/docs", "/gone.txt", "/srv.txt", "/srv-gone.txt"};
-    for (const std::string& p : paths)
-        ASSERT_EQ(FileStatusDB::getFileSyncStat((Root(1) + p).c_str(), &row), 1) << p;
-
-    workers[0].SetHandlers(recorder.Handlers(0));
-    ASSERT_EQ(workers[0].Run(), 0);
-    // A walk being carried out no longer counts as pending: wait for its handler too.
-    ASSERT_TRUE(Eventually(
-        [&] { return recorder.Taken().size() == 7 && events.GetAllPendingEventCount(1) == 0; }));
-    EXPECT_EQ(recorder.Taken(), (Recorder::Routes{{"upload", "/new.txt"},
-                                                  {"upload", "/docs"},
-                                                  {"remove_remote", "/gone.txt"},
-                                                  {"download", "/srv.txt"},
-                                                  {"remove_local", "/srv-gone.txt"},
-                                                  {"rescan", "/"},
-                                                  {"expand", "/walk"}}));
-    for (const std::string& p : paths)
-        EXPECT_TRUE(Eventually([&] {
-            return FileStatusDB::getFileSyncStat((Root(1) + p).c_str(), &row) == 0;
-        })) << p;
 }
 
 TEST_F(WorkerEvents, RescanBelowFlagsComeFirstAndTheDirectoryItselfFollows) {
