@@ -97,13 +97,6 @@ class SyncerConcurrency : public ::testing::Test {
         g_pool = nullptr;
         pool.reset();
         server = std::make_unique<ServerHarness>(tweak);
-        MakePool(client, proxy);
-    }
-    // A new pool for the same server.
-    void MakePool(const std::function<void(ConnectionInfo&)>& client,
-                  const ProxyInfo& proxy = ProxyInfo()) {
-        g_pool = nullptr;
-        pool.reset();
         pool = PoolFor(*server, client, proxy);
         g_pool = pool.get();
     }

@@ -7,7 +7,6 @@
 #include <thread>
 
 #include "pulling/syncer-fixture.h"
-#include "server-certificate.h"
 
 namespace {
 
@@ -160,36 +159,6 @@ TEST_F(SyncerConcurrency, LoginOutcomes) {
     EXPECT_EQ(LogCount("Syncer: request ssl channel"), 1u);
     EXPECT_EQ(LogCount("Syncer: request SSL: "), 1u);
     EXPECT_EQ(server->server->AcceptedCount(), 1u);
-}
-
-TEST_F(SyncerConcurrency, PullsOverTlsAndRefusesAServerThatIsNotTheConfiguredOne) {
-    std::string pin;
-    const auto pinned = [&pin](ConnectionInfo& c) {
-        c.use_ssl = true;
-        c.ssl_pin = pin.c_str();
-    };
-    StartServer();
-    ASSERT_EQ(server_certificate::Ensure(server->options.data_dir, "127.0.0.1", pin), 0);
-    Put("/a.txt", "a");
-    AddSession(1);
-    ASSERT_EQ(worker.Run(), 0);
-    MakePool(pinned);
-    EXPECT_EQ(PullOnce(), 0);
-    EXPECT_EQ(LogCount("Syncer: channel is now encrypted using SSL"), 1u);
-    EXPECT_EQ(worker.Take(), Paths{"/a.txt"});
-
-    loopback::Listener ui;
-    evtest::SetUIPort(ui.port());
-    pin = std::string(64, 'A');
-    MakePool(pinned);
-    const int rc = PullOnce();
-    EXPECT_EQ(rc, ERR_AUTH);
-    EXPECT_EQ(syncer.HandleError(rc), 1);
-    const PObject notice = evtest::NextNotice(ui);
-    EXPECT_EQ(notice["notify"].asString(), "error");
-    EXPECT_TRUE(notice.hasMember("connection_id"));
-    EXPECT_EQ(notice["error_type"].asInt32(), ERR_AUTH);
-    EXPECT_EQ(LogCount("Syncer >>>: {\"_action\": \"connect\""), 1u);  // the good login only
 }
 
 TEST_F(SyncerConcurrency, SessionsAllUpToDateSleepOnceForFiveSeconds) {
