@@ -31,6 +31,11 @@ std::vector<uint64_t> CountingRelay::SentPerConnection() {
     return m_sent;
 }
 
+uint64_t CountingRelay::Received() {
+    std::lock_guard<std::mutex> lock(m_mutex);
+    return m_received;
+}
+
 void CountingRelay::Hold(uint64_t bytes) {
     std::lock_guard<std::mutex> lock(m_mutex);
     m_hold_at = bytes;
@@ -75,9 +80,9 @@ void CountingRelay::Pump(int client, int server, size_t slot) {
                 open = false;
                 break;
             }
-            if (side == 0) {
+            {
                 std::lock_guard<std::mutex> lock(m_mutex);
-                m_sent[slot] += static_cast<uint64_t>(n);
+                (side == 0 ? m_sent[slot] : m_received) += static_cast<uint64_t>(n);
             }
             for (ssize_t done = 0; done < n && open;) {
                 // A peer that went away must end the copy, not the test process.

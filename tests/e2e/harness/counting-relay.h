@@ -1,6 +1,7 @@
 // counting-relay.h: a counting TCP relay between the daemon and the server, so that a test can tell
 // how many bytes the daemon sent on each connection (a delta's size, a resumed upload's
-// remainder) without the server having to report them.
+// remainder) without the server having to report them. The benches put one in front of any
+// client and server to count the bytes on the wire both ways.
 #pragma once
 
 #include <cstdint>
@@ -24,6 +25,8 @@ class CountingRelay {
     // the connections were accepted).
     uint64_t Sent();
     std::vector<uint64_t> SentPerConnection();
+    // Bytes from the server towards the daemon, in all.
+    uint64_t Received();
     // Stops carrying the daemon's bytes once `Sent()` reaches `bytes` (the server's still
     // flow), so a transfer can be watched mid-body; Release() lets them go again.
     void Hold(uint64_t bytes);
@@ -31,7 +34,8 @@ class CountingRelay {
 
   private:
     void Accept();
-    // Copies both ways until either side closes; counts the daemon's bytes in m_sent[slot].
+    // Copies both ways until either side closes; counts the daemon's bytes in m_sent[slot], the
+    // server's in m_received.
     void Pump(int client, int server, size_t slot);
     bool Held();
 
@@ -40,6 +44,7 @@ class CountingRelay {
     int m_wake[2] = {-1, -1};  // written when the relay closes
     std::mutex m_mutex;
     std::vector<uint64_t> m_sent;
+    uint64_t m_received = 0;
     uint64_t m_hold_at = UINT64_MAX;
     std::vector<std::thread> m_threads;
     std::thread m_acceptor;

@@ -23,6 +23,8 @@ class ServerProcess {
 
     bool ok() const { return m_port > 0; }
     int port() const { return m_port; }
+    // The server's process id; -1 when it does not run.
+    pid_t pid() const { return m_process ? m_process->pid() : -1; }
     // The account's session token and its view, as a daemon logs in with them.
     const std::string& session() const { return m_session; }
     uint64_t view_id() const { return m_view_id; }

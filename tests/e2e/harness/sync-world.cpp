@@ -34,7 +34,8 @@ PObject SyncWorld::ConnectionRequest() const {
     request["action"] = "link_connection";
     request["connection_id"] = kConnectionId;
     request["server_ip"] = "127.0.0.1";
-    request["server_port"] = static_cast<uint64_t>(m_server.port());
+    request["server_port"] =
+        static_cast<uint64_t>(m_link_port != 0 ? m_link_port : m_server.port());
     request["session"] = m_server.session().c_str();
     request["use_ssl"] = false;
     return request;

@@ -47,6 +47,9 @@ class SyncWorld {
     PObject Connect();
     // The "link_connection" request for the server, for tests that change a key.
     PObject ConnectionRequest() const;
+    // Makes every later link name `port` instead of the server's own: a relay's in front of
+    // it, say; 0 goes back to the server's.
+    void LinkThrough(int port) { m_link_port = port; }
     // Makes the session's sync folder and configuration folder with its filter files;
     // `blacklist` replaces the default filter file (which filters nothing).
     void PrepareSession(uint64_t id, const std::string& blacklist = std::string());
@@ -96,6 +99,7 @@ class SyncWorld {
     NotificationListener m_notifications;
     std::unique_ptr<DaemonProcess> m_daemon;
     bool m_ok = false;
+    int m_link_port = 0;
     // The sessions added, and whether each was resumed.
     std::map<uint64_t, bool> m_sessions;
 };
