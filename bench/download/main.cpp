@@ -20,6 +20,7 @@
 #include <string>
 
 #include "admin.h"
+#include "bench-support.h"
 #include "foundation/file-op.h"
 #include "harness/sync-world.h"
 #include "server-store.h"
@@ -47,29 +48,6 @@ bool Parse(int argc, char** argv, Options& o) {
             return false;
     }
     return argc % 2 == 1;
-}
-
-// The daemon's peak resident memory in KiB, from /proc.
-uint64_t PeakKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmHWM:", 0) == 0) return std::strtoull(line.c_str() + 6, nullptr, 10);
-    return 0;
-}
-
-// Writes `mib` MiB of random bytes to `path` in 1 MiB pieces.
-void WriteRandom(const std::string& path, uint64_t mib, unsigned seed) {
-    std::ofstream out(path, std::ios::binary);
-    std::mt19937_64 rng(seed);
-    std::string piece(1 << 20, '\0');
-    for (uint64_t m = 0; m < mib; ++m) {
-        for (size_t i = 0; i + 8 <= piece.size(); i += 8) {
-            const uint64_t v = rng();
-            std::memcpy(&piece[i], &v, 8);
-        }
-        out.write(piece.data(), static_cast<std::streamsize>(piece.size()));
-    }
 }
 
 // Rewrites 1 MiB in the middle of the file at `path` with other random bytes.
@@ -144,8 +122,7 @@ int main(int argc, char** argv) {
     TempDir scratch;
     const std::string big = scratch / "big";
     const uint64_t big_size = o.big_mib << 20;
-    WriteRandom(big, o.big_mib, 1);
-    if (!Store(store, view, big, "/big.bin")) return 1;
+    if (!WriteRandomFile(big, big_size, 1) || !Store(store, view, big, "/big.bin")) return 1;
 
     // 1: one large file into an empty session.
     world.AddSession(1);

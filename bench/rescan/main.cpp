@@ -21,6 +21,7 @@
 #include <fstream>
 #include <string>
 
+#include "bench-support.h"
 #include "events/event-manager.h"
 #include "foundation/log.h"
 #include "foundation/settings.h"
@@ -52,19 +53,6 @@ bool Parse(int argc, char** argv, Options& o) {
             return false;
     }
     return argc % 2 == 1;
-}
-
-// VmHWM of this process in KiB, or 0.
-uint64_t PeakKiB() {
-    std::ifstream status("/proc/self/status");
-    std::string line;
-    while (std::getline(status, line))
-        if (line.rfind("VmHWM:", 0) == 0) return std::strtoull(line.c_str() + 6, nullptr, 10);
-    return 0;
-}
-
-void ResetPeak() {
-    std::ofstream("/proc/self/clear_refs") << "5";
 }
 
 // The tree on disk and the rows that agree with it, every `every`-th file recorded with a
@@ -137,9 +125,8 @@ int main(int argc, char** argv) {
         const auto made = std::chrono::steady_clock::now();
         if (db.initialize((base + "/event-db.sqlite").c_str()) == 0 &&
             MakeSyncedTree(root, base + "/event-db.sqlite", o)) {
-            const double setup = std::chrono::duration<double>(std::chrono::steady_clock::now() -
-                                                               made)
-                                     .count();
+            const double setup =
+                std::chrono::duration<double>(std::chrono::steady_clock::now() - made).count();
             Registry::Entry entry;
             entry.sess_id = 1;
             entry.local_path = root.c_str();
@@ -158,8 +145,7 @@ int main(int argc, char** argv) {
             const auto start = std::chrono::steady_clock::now();
             if (w.UpdateContext() == 0 && w.Rescan() == 0) {
                 const double seconds =
-                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start)
-                        .count();
+                    std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
                 std::printf(
                     "files %llu dirs %llu changed %llu%%: rescan %.3f s, %d events queued, "
                     "peak RSS %.1f MiB (%.1f MiB before; setup %.1f s)\n",

@@ -29,6 +29,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench-support.h"
 #include "delta/md4-hash-handler.h"
 #include "foundation/channel.h"
 #include "foundation/stream.h"
@@ -100,23 +101,9 @@ class ServerProcess {
         return Slurp(m_out);
     }
     // User and system CPU seconds so far.
-    double CpuSeconds() const {
-        std::string stat = Slurp("/proc/" + std::to_string(m_pid) + "/stat");
-        std::istringstream in(stat.substr(stat.rfind(')') + 2));
-        std::string field;
-        unsigned long long utime = 0, stime = 0;
-        for (int i = 3; i <= 15 && in >> field; ++i) {
-            if (i == 14) utime = std::strtoull(field.c_str(), nullptr, 10);
-            if (i == 15) stime = std::strtoull(field.c_str(), nullptr, 10);
-        }
-        return static_cast<double>(utime + stime) / static_cast<double>(sysconf(_SC_CLK_TCK));
-    }
+    double CpuSeconds() const { return ::CpuSeconds(m_pid); }
     // The peak resident memory in MiB.
-    double PeakMiB() const {
-        std::string status = Slurp("/proc/" + std::to_string(m_pid) + "/status");
-        size_t at = status.find("VmHWM:");
-        return at == std::string::npos ? 0 : std::atof(status.c_str() + at + 6) / 1024.0;
-    }
+    double PeakMiB() const { return static_cast<double>(PeakKiB(m_pid)) / 1024.0; }
 
   private:
     std::string m_out;

@@ -5,7 +5,8 @@
 //   2. a resync of those files with nothing changed,
 //   3. a first sync of one large file (default 1 GiB),
 //   4. a 1 MiB in-place edit in its middle,
-//   5. a 1-byte insert at its front (ours twice: chunked deltas, then realigned ones).
+//   5. a 1-byte insert at its front (ours twice: chunked deltas, then realigned ones),
+//   6. ours only: the edit again with realigned deltas.
 // The same definitions hold for all: seconds from the start of the sync until the target
 // holds everything (ours: the server lists every file with its size and MD4, or for the
 // resync the restarted daemon has nothing pending; the peers: the client has ended, the
@@ -77,7 +78,8 @@ struct Data {
     std::string small;
     std::string big;
     Tree small_tree;
-    std::vector<TreeEntry> big_states;  // first, edited, inserted, inserted again
+    // First, edited, inserted, inserted again, edited again.
+    std::vector<TreeEntry> big_states;
 };
 
 bool MakeData(const Options& o, const std::string& root, Data& d) {
@@ -109,6 +111,8 @@ bool MakeData(const Options& o, const std::string& root, Data& d) {
         ok = PrepareInsert(work, staged) && MoveOver(staged, work);
         state();
     }
+    ok = ok && EditMiddle(work);
+    state();
     fs::remove(work, ec);
     return ok;
 }
@@ -133,6 +137,8 @@ const char* CaseName(Case c) {
             return "large file, 1-byte insert at front";
         case Case::kInsertRealigned:
             return "  the same, ours realigned";
+        case Case::kEditRealigned:
+            return "  1 MiB edit, ours realigned";
     }
     return "";
 }
@@ -157,9 +163,11 @@ bool RunTool(Tool& tool, const std::string& root, const Data& d, std::vector<Row
         {Case::kEdit, "big", big(1), [&] { return EditMiddle(file); }},
         {Case::kInsert, "big", big(2), [&] { return MoveOver(staged, file); }},
     };
-    if (std::string(tool.Name()) == "ours")
+    if (std::string(tool.Name()) == "ours") {
         steps.push_back(
             {Case::kInsertRealigned, "big", big(3), [&] { return MoveOver(staged, file); }});
+        steps.push_back({Case::kEditRealigned, "big", big(4), [&] { return EditMiddle(file); }});
+    }
     for (const Step& step : steps) {
         // What the user had before the change is made outside the clock.
         std::error_code ec;
@@ -202,7 +210,9 @@ void PrintTable(const std::vector<Row>& rows, const std::vector<std::string>& pe
                     static_cast<unsigned long long>(r.f.wire),
                     static_cast<double>(r.f.peak_kib) / 1024.0);
         if (r.tool == "ours") {
-            const Case peer_case = r.what == Case::kInsertRealigned ? Case::kInsert : r.what;
+            const Case peer_case = r.what == Case::kInsertRealigned ? Case::kInsert
+                                   : r.what == Case::kEditRealigned ? Case::kEdit
+                                                                    : r.what;
             for (const std::string& p : peers) {
                 const Row* peer = nullptr;
                 for (const Row& q : rows)

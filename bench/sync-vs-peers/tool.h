@@ -17,7 +17,15 @@
 // Set by SIGINT or SIGTERM: every wait gives up, so that the folders and processes go.
 extern std::atomic<bool> g_interrupted;
 
-enum class Case { kSmallFirst, kSmallResync, kBigFirst, kEdit, kInsert, kInsertRealigned };
+enum class Case {
+    kSmallFirst,
+    kSmallResync,
+    kBigFirst,
+    kEdit,
+    kInsert,
+    kInsertRealigned,  // ours only: the daemon restarted with realigned deltas first
+    kEditRealigned,    // ours only, after kInsertRealigned
+};
 
 struct Figures {
     bool ok = false;

@@ -25,6 +25,7 @@
 #include <thread>
 
 #include "admin.h"
+#include "bench-support.h"
 #include "events/event-manager.h"
 #include "foundation/log.h"
 #include "foundation/settings.h"
@@ -42,12 +43,6 @@ struct Options {
     int changes = 10000;
     std::string dir;
 };
-
-long PeakKiB() {
-    rusage usage{};
-    ::getrusage(RUSAGE_SELF, &usage);
-    return usage.ru_maxrss;
-}
 
 // Fills the server's data folder in a child process, so that the store's memory never
 // counts as the daemon's. Writes "session view_id last_sync_id" to `out`.
@@ -171,7 +166,7 @@ int main(int argc, char** argv) {
     worker.Run();
     Syncer syncer;
     syncer.SetState(Task::RUN);
-    const long before_kib = PeakKiB();
+    const uint64_t before_kib = PeakKiB();
     const auto t0 = std::chrono::steady_clock::now();
     uint64_t stored = 0;
     int rounds = 0, rc = 0;
@@ -191,8 +186,9 @@ int main(int argc, char** argv) {
     std::printf("changes %d, rounds %d, stored sync id %llu of %llu: %s\n", opt.changes, rounds,
                 static_cast<unsigned long long>(stored), static_cast<unsigned long long>(last),
                 ok ? "ok" : "FAILED");
-    std::printf("pull: %.2f s (%.0f changes/s), peak memory %ld KiB (%ld KiB before the pull)\n",
-                seconds, opt.changes / seconds, PeakKiB(), before_kib);
+    std::printf("pull: %.2f s (%.0f changes/s), peak memory %llu KiB (%llu KiB before the pull)\n",
+                seconds, opt.changes / seconds, static_cast<unsigned long long>(PeakKiB()),
+                static_cast<unsigned long long>(before_kib));
 
     g_pool = nullptr;
     EventManager::getInstance().Clear();

@@ -23,6 +23,7 @@
 #include <string>
 
 #include "admin.h"
+#include "bench-support.h"
 #include "harness/sync-world.h"
 #include "server-store.h"
 #include "support/files.h"
@@ -33,32 +34,6 @@ namespace fs = std::filesystem;
 using Clock = std::chrono::steady_clock;
 
 constexpr uint32_t kServerTime = 1700000000;
-
-// The daemon's CPU seconds so far, user and system, from /proc.
-double CpuSeconds(pid_t pid) {
-    std::ifstream stat("/proc/" + std::to_string(pid) + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    // Fields after the command's closing parenthesis; utime and stime are the 12th and 13th.
-    std::istringstream rest(text.substr(text.rfind(')') + 2));
-    std::string field;
-    double ticks = 0;
-    for (int i = 1; i <= 13 && rest >> field; ++i)
-        if (i >= 12) ticks += std::strtod(field.c_str(), nullptr);
-    return ticks / static_cast<double>(::sysconf(_SC_CLK_TCK));
-}
-
-void WriteRandom(const std::string& path, uint64_t mib, unsigned seed) {
-    std::ofstream out(path, std::ios::binary);
-    std::mt19937_64 rng(seed);
-    std::string piece(1 << 20, '\0');
-    for (uint64_t m = 0; m < mib; ++m) {
-        for (size_t i = 0; i + 8 <= piece.size(); i += 8) {
-            const uint64_t v = rng();
-            std::memcpy(&piece[i], &v, 8);
-        }
-        out.write(piece.data(), static_cast<std::streamsize>(piece.size()));
-    }
-}
 
 struct Figures {
     double up_s = -1, up_cpu = 0, down_s = -1, down_cpu = 0;
@@ -90,7 +65,7 @@ Figures Measure(bool tls, uint64_t mib, const std::string& scratch) {
     SyncWorld world;
     if (!world.ok() || !Linked(world, tls)) return f;
     const std::string up = scratch + "/up";
-    WriteRandom(up, mib, 1);
+    if (!WriteRandomFile(up, mib << 20, 1)) return f;
     const std::string md4 = Md4OfFile(up);
     fs::rename(up, world.Folder(1) + "/up.bin");
     f.up_s = Timed(
@@ -104,7 +79,7 @@ Figures Measure(bool tls, uint64_t mib, const std::string& scratch) {
 
     ServerStore store;
     const std::string down = scratch + "/down";
-    WriteRandom(down, mib, 2);
+    if (!WriteRandomFile(down, mib << 20, 2)) return f;
     ServerObject obj;
     if (store.Open(world.server().data_dir()) != 0 ||
         admin::Put(store, world.server().view_id(), down, "/down.bin", kServerTime, obj) != 0)

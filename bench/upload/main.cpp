@@ -22,6 +22,7 @@
 #include <thread>
 #include <vector>
 
+#include "bench-support.h"
 #include "delta/file-reader.h"
 #include "harness/sync-world.h"
 #include "state/file-event-db.h"
@@ -38,17 +39,6 @@ struct Options {
     int files = 1000;
     std::string dir;
 };
-
-double Since(Clock::time_point start) {
-    return std::chrono::duration<double>(Clock::now() - start).count();
-}
-
-long PeakKiB(pid_t pid) {
-    std::ifstream status("/proc/" + std::to_string(pid) + "/status");
-    for (std::string line; std::getline(status, line);)
-        if (line.rfind("VmHWM:", 0) == 0) return std::atol(line.c_str() + 6);
-    return -1;
-}
 
 // Waits until the server lists each of `paths` with its hash; false after 30 minutes.
 bool ServerHolds(SyncWorld& world, const std::vector<std::pair<std::string, std::string>>& want) {
@@ -78,7 +68,7 @@ double HashSeconds(const std::vector<std::string>& files, const std::string& scr
         reader.setSignature((scratch + "/sig").c_str(), 2048, 8);
         if (reader.readFile() != 0) std::fprintf(stderr, "hash of %s failed\n", file.c_str());
     }
-    return Since(start);
+    return SecondsSince(start);
 }
 
 // The daemon's commit of one row per file, each moving a signature into the store.
@@ -98,7 +88,7 @@ double CommitSeconds(size_t rows, const std::string& scratch) {
         row.signaturePath = sig.c_str();
         db.setEventInfo(row);
     }
-    return Since(start);
+    return SecondsSince(start);
 }
 
 struct World {
@@ -111,10 +101,10 @@ struct World {
     }
 };
 
-void Report(const char* what, double seconds, uint64_t bytes, size_t files, long peak_kib,
+void Report(const char* what, double seconds, uint64_t bytes, size_t files, uint64_t peak_kib,
             double hash_s, double commit_s) {
-    std::printf("%s: %.2f s, %.1f MB/s, %.0f files/s, daemon peak %ld KiB\n", what, seconds,
-                bytes / 1e6 / seconds, files / seconds, peak_kib);
+    std::printf("%s: %.2f s, %.1f MB/s, %.0f files/s, daemon peak %llu KiB\n", what, seconds,
+                bytes / 1e6 / seconds, files / seconds, static_cast<unsigned long long>(peak_kib));
     std::printf(
         "  hashing %.2f s (%.0f%%), row commits %.2f s (%.0f%%), rest (wire, server, "
         "events) %.0f%%\n",
@@ -126,21 +116,15 @@ int OneLargeFile(const Options& opt, const std::string& scratch) {
     World w;
     if (!w.Start()) return std::fprintf(stderr, "the daemon or the server did not start\n"), 1;
     const std::string staged = scratch + "/large";
-    {
-        std::ofstream out(staged, std::ios::binary);
-        const std::string chunk = RandomBytes(1 << 20, 7);
-        for (uint64_t i = 0; i < opt.file_mib; ++i) {
-            out << chunk;
-            out.put(static_cast<char>(i));  // no two MiB alike, so nothing dedups
-        }
-    }
+    if (!WriteRandomFile(staged, opt.file_mib << 20, 7))
+        return std::fprintf(stderr, "the file could not be written\n"), 1;
     const uint64_t bytes = fs::file_size(staged);
     const std::string md4 = Md4OfFile(staged);
     const auto start = Clock::now();
     fs::rename(staged, w.world.Folder(1) + "/large");
     if (!ServerHolds(w.world, {{"/large", md4}})) return std::fprintf(stderr, "timed out\n"), 1;
-    const double seconds = Since(start);
-    const long peak = PeakKiB(w.world.daemon().pid());
+    const double seconds = SecondsSince(start);
+    const uint64_t peak = PeakKiB(w.world.daemon().pid());
     const double hash_s = HashSeconds({w.world.Folder(1) + "/large"}, scratch);
     Report("one large file", seconds, bytes, 1, peak, hash_s, CommitSeconds(1, scratch));
     return 0;
@@ -164,8 +148,8 @@ int ManySmallFiles(const Options& opt, const std::string& scratch) {
     }
     for (size_t i = 0; i < want.size(); ++i) want[i].second = Md4OfFile(paths[i]);
     if (!ServerHolds(w.world, want)) return std::fprintf(stderr, "timed out\n"), 1;
-    const double seconds = Since(start);
-    const long peak = PeakKiB(w.world.daemon().pid());
+    const double seconds = SecondsSince(start);
+    const uint64_t peak = PeakKiB(w.world.daemon().pid());
     Report("small files", seconds, bytes, want.size(), peak, HashSeconds(paths, scratch),
            CommitSeconds(want.size(), scratch));
     return 0;
