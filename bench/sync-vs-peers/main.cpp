@@ -105,13 +105,13 @@ bool MakeData(const Options& o, const std::string& root, Data& d) {
         d.big_states.push_back(TreeEntry{false, fs::file_size(work), Md4OfFile(work)});
     };
     state();
-    bool ok = !ec && EditMiddle(work);
+    bool ok = !ec && EditMiddle(work, 1);
     state();
     for (int i = 0; i < 2 && ok; ++i) {
         ok = PrepareInsert(work, staged) && MoveOver(staged, work);
         state();
     }
-    ok = ok && EditMiddle(work);
+    ok = ok && EditMiddle(work, 2);
     state();
     fs::remove(work, ec);
     return ok;
@@ -160,13 +160,13 @@ bool RunTool(Tool& tool, const std::string& root, const Data& d, std::vector<Row
          }},
         {Case::kSmallResync, "small", d.small_tree, [] { return true; }},
         {Case::kBigFirst, "big", big(0), [&] { return MoveOver(staged, file); }},
-        {Case::kEdit, "big", big(1), [&] { return EditMiddle(file); }},
+        {Case::kEdit, "big", big(1), [&] { return EditMiddle(file, 1); }},
         {Case::kInsert, "big", big(2), [&] { return MoveOver(staged, file); }},
     };
     if (std::string(tool.Name()) == "ours") {
         steps.push_back(
             {Case::kInsertRealigned, "big", big(3), [&] { return MoveOver(staged, file); }});
-        steps.push_back({Case::kEditRealigned, "big", big(4), [&] { return EditMiddle(file); }});
+        steps.push_back({Case::kEditRealigned, "big", big(4), [&] { return EditMiddle(file, 2); }});
     }
     for (const Step& step : steps) {
         // What the user had before the change is made outside the clock.

@@ -24,13 +24,13 @@ std::atomic<bool> g_interrupted{false};
 
 namespace fs = std::filesystem;
 
-bool EditMiddle(const std::string& path) {
+bool EditMiddle(const std::string& path, unsigned seed) {
     std::error_code ec;
     const uint64_t size = fs::file_size(path, ec);
     std::fstream f(path, std::ios::binary | std::ios::in | std::ios::out);
     if (ec || !f) return false;
     f.seekp(static_cast<std::streamoff>(size / 2));
-    const std::string bytes = RandomBytes(1 << 20, 99);
+    const std::string bytes = RandomBytes(1 << 20, seed);
     f.write(bytes.data(), static_cast<std::streamsize>(bytes.size()));
     return static_cast<bool>(f.flush());
 }

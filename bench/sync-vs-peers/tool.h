@@ -59,9 +59,11 @@ class Tool {
 };
 
 // The changes made to every tool's copy of the large file. EditMiddle rewrites 1 MiB in the
-// middle in place; PrepareInsert writes one byte and then the file's content to `staged`,
-// for the change to rename over the file. False when a file could not be written.
-bool EditMiddle(const std::string& path);
+// middle in place with bytes made from `seed` (another seed for another edit: bytes the
+// server already holds would go as a copy); PrepareInsert writes one byte and then the file's
+// content to `staged`, for the change to rename over the file. False when a file could not be
+// written.
+bool EditMiddle(const std::string& path, unsigned seed);
 bool PrepareInsert(const std::string& path, const std::string& staged);
 bool MoveOver(const std::string& from, const std::string& to);
 
