@@ -86,7 +86,7 @@ int ResolveView(ServerStore& store, const std::string& name_or_id, uint64_t& vie
 }
 
 int Put(ServerStore& store, uint64_t view_id, const std::string& local_file,
-        const std::string& path, uint32_t mtime, ServerObject& out) {
+        const std::string& path, uint32_t mtime, ServerObject& out, std::vector<Gone>* gone) {
     std::string norm;
     if (!server_path::Normalize(path, norm) || norm == "/") return TREE_CLASH;
     NewContent content;
@@ -101,7 +101,9 @@ int Put(ServerStore& store, uint64_t view_id, const std::string& local_file,
         }
         FileContent stored;
         if (tree.ImportContent(content, stored) != TREE_OK) return TREE_FAIL;
-        return tree.PutFile(norm, state, stored, mtime, false, out);
+        int put = tree.PutFile(norm, state, stored, mtime, false, out);
+        if (put == TREE_OK && gone && state.found == 1) gone->push_back({cur.md4, cur.path});
+        return put;
     });
     std::error_code ec;
     if (!content.temp.empty()) std::filesystem::remove(content.temp, ec);
@@ -117,12 +119,19 @@ int MakeDir(ServerStore& store, uint64_t view_id, const std::string& path, uint3
     return rc == TREE_EXISTS ? 0 : rc;
 }
 
-int Remove(ServerStore& store, uint64_t view_id, const std::string& path) {
+int Remove(ServerStore& store, uint64_t view_id, const std::string& path, std::vector<Gone>* gone) {
     std::string norm;
     if (!server_path::Normalize(path, norm)) return TREE_NOENT;
     uint64_t id = 0;
-    return RunChange(store, view_id,
-                     [&](TreeWriter& tree) -> int { return tree.Remove(norm, id); });
+    return RunChange(store, view_id, [&](TreeWriter& tree) -> int {
+        std::vector<ServerObject> subtree;
+        if (gone && store.ListTree(view_id, norm, subtree) < 0) return TREE_FAIL;
+        int rc = tree.Remove(norm, id);
+        if (rc != TREE_OK) return rc;
+        for (const ServerObject& obj : subtree)
+            if (!obj.is_dir) gone->push_back({obj.md4, obj.path});
+        return rc;
+    });
 }
 
 int Move(ServerStore& store, uint64_t view_id, const std::string& from, const std::string& to) {

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <vector>
 
 #include "server-store.h"
 
@@ -31,14 +32,25 @@ void PrintClientConfig(FILE* out, const std::string& address, int port, const st
 // A view named by its id or its name. 1 found, 0 not, -1.
 int ResolveView(ServerStore& store, const std::string& name_or_id, uint64_t& view_id);
 
+// What a change took off the tree: one file version each, as it stood inside the change's
+// own transaction, so a caller racing with clients learns exactly what it replaced.
+struct Gone {
+    std::string md4;
+    std::string path;
+};
+
 // Stores a local file at `path` (missing parents are created). Identical content at the
-// path changes nothing. `out` is the object afterwards.
+// path changes nothing. `out` is the object afterwards; `gone`, when given, receives the
+// version it replaced.
 int Put(ServerStore& store, uint64_t view_id, const std::string& local_file,
-        const std::string& path, uint32_t mtime, ServerObject& out);
+        const std::string& path, uint32_t mtime, ServerObject& out,
+        std::vector<Gone>* gone = nullptr);
 // A directory; one that exists already is no error.
 int MakeDir(ServerStore& store, uint64_t view_id, const std::string& path, uint32_t mtime,
             ServerObject& out);
-int Remove(ServerStore& store, uint64_t view_id, const std::string& path);
+// Removes the object and its subtree; `gone`, when given, receives every file version in it.
+int Remove(ServerStore& store, uint64_t view_id, const std::string& path,
+           std::vector<Gone>* gone = nullptr);
 int Move(ServerStore& store, uint64_t view_id, const std::string& from, const std::string& to);
 
 // One line per object within `root`: "d|f sync_id max_id size md4 path".

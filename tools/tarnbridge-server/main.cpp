@@ -199,17 +199,18 @@ int RunAdmin(const std::string& command, Args& args) {
     }
     int rc = -1;
     ServerObject obj;
+    std::vector<admin::Gone> gone;
     if (command == "ls" && p.size() <= 2) {
         std::string root = "/";
         if (p.size() == 2 && !server_path::Normalize(p[1], root)) return 1;
         std::printf("# view %" PRIu64 ", last sync id %" PRId64 "\n", view, store.LastSyncId(view));
         return admin::List(store, view, root, stdout) < 0 ? 1 : 0;
     } else if (command == "put" && p.size() == 3) {
-        rc = admin::Put(store, view, p[1], p[2], args.mtime, obj);
+        rc = admin::Put(store, view, p[1], p[2], args.mtime, obj, &gone);
     } else if (command == "mkdir" && p.size() == 2) {
         rc = admin::MakeDir(store, view, p[1], args.mtime, obj);
     } else if (command == "rm" && p.size() == 2) {
-        rc = admin::Remove(store, view, p[1]);
+        rc = admin::Remove(store, view, p[1], &gone);
     } else if (command == "mv" && p.size() == 3) {
         rc = admin::Move(store, view, p[1], p[2]);
     } else {
@@ -220,6 +221,7 @@ int RunAdmin(const std::string& command, Args& args) {
         std::fprintf(stderr, "tarnbridge-server %s: %s\n", command.c_str(), TreeError(rc));
         return 1;
     }
+    for (const admin::Gone& g : gone) std::printf("gone %s %s\n", g.md4.c_str(), g.path.c_str());
     std::printf("ok, last sync id %" PRId64 "\n", store.LastSyncId(view));
     return 0;
 }

@@ -1,6 +1,7 @@
 // server-process.cpp: starting the reference server and running its tree commands.
 #include "harness/server-process.h"
 
+#include <cstdio>
 #include <regex>
 
 ServerProcess::ServerProcess() {
@@ -54,18 +55,32 @@ bool ServerProcess::Command(const std::string& verb, const std::vector<std::stri
     return run.status == 0;
 }
 
-bool ServerProcess::Put(const std::string& path, const std::string& bytes) {
+bool ServerProcess::Change(const std::string& verb, const std::vector<std::string>& args,
+                           std::vector<std::string>* gone) {
+    std::string out;
+    if (!Command(verb, args, &out)) return false;
+    const std::regex line("gone (\\S+) ");
+    for (auto it = std::sregex_iterator(out.begin(), out.end(), line);
+         gone != nullptr && it != std::sregex_iterator(); ++it)
+        gone->push_back((*it)[1]);
+    return true;
+}
+
+bool ServerProcess::Put(const std::string& path, const std::string& bytes,
+                        std::vector<std::string>* gone) {
     const std::string local = m_dir / ("put-" + std::to_string(++m_puts));
     if (!WriteFile(local, bytes)) return false;
-    return Command("put", {std::to_string(m_view_id), local, path});
+    const bool done = Change("put", {std::to_string(m_view_id), local, path}, gone);
+    std::remove(local.c_str());
+    return done;
 }
 
 bool ServerProcess::Mkdir(const std::string& path) {
     return Command("mkdir", {std::to_string(m_view_id), path});
 }
 
-bool ServerProcess::Rm(const std::string& path) {
-    return Command("rm", {std::to_string(m_view_id), path});
+bool ServerProcess::Rm(const std::string& path, std::vector<std::string>* gone) {
+    return Change("rm", {std::to_string(m_view_id), path}, gone);
 }
 
 bool ServerProcess::Mv(const std::string& from, const std::string& to) {

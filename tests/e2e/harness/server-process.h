@@ -40,10 +40,12 @@ class ServerProcess {
     void WriteFaults(const std::string& text);
 
     // Changes made on the server's side, as another client would. Each gets sync ids and
-    // shows in pulls. True when the command succeeded.
-    bool Put(const std::string& path, const std::string& bytes);
+    // shows in pulls. True when the command succeeded. `gone`, when given, receives the MD4
+    // of every file version the change took off the tree.
+    bool Put(const std::string& path, const std::string& bytes,
+             std::vector<std::string>* gone = nullptr);
     bool Mkdir(const std::string& path);
-    bool Rm(const std::string& path);
+    bool Rm(const std::string& path, std::vector<std::string>* gone = nullptr);
     bool Mv(const std::string& from, const std::string& to);
     // The view's tree now, into `tree`; false when it could not be listed.
     bool Listing(Tree& tree);
@@ -63,6 +65,9 @@ class ServerProcess {
     // Runs a command of the server's command line on the data folder; true for exit 0.
     bool Command(const std::string& verb, const std::vector<std::string>& args,
                  std::string* out = nullptr);
+    // Command, collecting the MD4s of its "gone" lines into `gone` (when given).
+    bool Change(const std::string& verb, const std::vector<std::string>& args,
+                std::vector<std::string>* gone);
     // Starts the server on `port` (0: one the system picks) and learns the port.
     bool Serve(int port);
 

@@ -2,6 +2,7 @@
 // controlling process does it.
 #include "harness/sync-world.h"
 
+#include <cstdio>
 #include <filesystem>
 
 #include <sqlite3.h>
@@ -157,17 +158,23 @@ bool SyncWorld::ForgetSyncId(uint64_t id) const {
 }
 
 bool SyncWorld::Restart(bool crash, const std::function<void()>& while_down) {
+    // Says on the test's output which step failed, with the daemon's answer.
+    auto failed = [](const char* step, const PObject& reply) {
+        std::fprintf(stderr, "restart: %s failed: %s\n", step, reply.toString().c_str_utf8());
+        return false;
+    };
     if (crash)
         m_daemon->Kill();
     else if (m_daemon->Stop() != 0)
-        return false;
+        return failed("stop", PObject());
     if (while_down) while_down();
-    if (!m_daemon->Start() || !Connect().isNull()) return false;
+    if (!m_daemon->Start()) return failed("start", PObject());
+    if (PObject reply = Connect(); !reply.isNull()) return failed("connect", reply);
     for (const auto& [id, running] : m_sessions) {
         PObject request = SessionRequest(id), reply;
         request["sync_mode"] = true;
-        if (!m_daemon->Ask(request, reply) || Failed(reply)) return false;
-        if (running && Failed(m_daemon->Ask("resume", id))) return false;
+        if (!m_daemon->Ask(request, reply) || Failed(reply)) return failed("add_session", reply);
+        if (running && Failed(reply = m_daemon->Ask("resume", id))) return failed("resume", reply);
     }
     return true;
 }
