@@ -321,7 +321,7 @@ EventList2::Attribute EventList2::HandleConflict(const Attribute& old_attr,
         }
         return out;
     }
-    if (!old_server && !new_server) return new_attr;
+    if (!old_server && !new_server) return KeepServerRemoval(old_attr, new_attr);
     if (old_server && new_server) return arriving_is_newer ? new_attr : old_attr;
     if (new_server) return HandleTypeConflict(new_attr, old_attr);
     return HandleTypeConflict(old_attr, new_attr);
@@ -333,9 +333,29 @@ EventList2::Attribute EventList2::HandleConflict(const Attribute& old_attr,
 EventList2::Attribute EventList2::HandleTypeConflict(const Attribute& server,
                                                      const Attribute& local) {
     if (local.type == Event::EV_REMOVE) return server;
-    if (server.type == Event::EV_REMOVE) return local;
+    if (server.type == Event::EV_REMOVE) {
+        // The local event may be no change at all (the watcher's echo of a download):
+        // the removal rides along, for the worker to carry out if so.
+        Attribute out = local;
+        out.mode |= Event::F_SERVER_REMOVED;
+        out.syncID = server.syncID;
+        out.maxSyncID = server.maxSyncID;
+        return out;
+    }
     Attribute out = server;
     out.mode |= Event::F_CONFLICT;
+    return out;
+}
+
+EventList2::Attribute EventList2::KeepServerRemoval(const Attribute& older,
+                                                    const Attribute& newer) {
+    if (!(older.mode & Event::F_SERVER_REMOVED) || newer.type == Event::EV_REMOVE ||
+        (newer.mode & Event::F_SERVER_REMOVED))
+        return newer;
+    Attribute out = newer;
+    out.mode |= Event::F_SERVER_REMOVED;
+    out.syncID = older.syncID;
+    out.maxSyncID = older.maxSyncID;
     return out;
 }
 

@@ -156,6 +156,9 @@ class EventList2 {
                           Attribute& old_attr) REQUIRES(mutex);
     static Attribute HandleConflict(const Attribute& old_attr, const Attribute& new_attr);
     static Attribute HandleTypeConflict(const Attribute& server, const Attribute& local);
+    // Two local events of a file: the newer, still carrying a server removal the older
+    // had absorbed (unless the newer is a removal itself).
+    static Attribute KeepServerRemoval(const Attribute& older, const Attribute& newer);
 
     void RemoveSubNode(DirNode* node, bool is_server, int& refCount, uint64_t base_sync_id)
         REQUIRES(mutex);

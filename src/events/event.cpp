@@ -51,6 +51,7 @@ ustring Event::toString() const {
     s += isServerEvent() ? "server" : "local";
     s += isDir() ? ",dir" : ",file";
     if (isExpand()) s += ",expand";
+    if (hasServerRemoval()) s += ",server-removed";
     s += ">: [";
     s += TypeText(m_type);
     s += "] ";

@@ -34,6 +34,10 @@ class Event {
         F_LOCAL_SUBDIR_RESCAN_STAT = 256,
         F_SERVER_SUBDIR_RESCAN_STAT = 512,
         F_CONFLICT = 1024,  // a server event that overrode a pending local change
+        // A local file event that took the place of a server removal; m_sync_id and
+        // m_max_id are the removal's, so the worker can still carry it out when the
+        // local event turns out to have changed nothing.
+        F_SERVER_REMOVED = 2048,
     };
 
     Event() = default;
@@ -79,6 +83,7 @@ class Event {
 
     void setConflict() { m_mode |= F_CONFLICT; }
     bool isConflict() const { return (m_mode & F_CONFLICT) != 0; }
+    bool hasServerRemoval() const { return (m_mode & F_SERVER_REMOVED) != 0; }
 
     // The log form, e.g. "Event<server,dir,expand>: [EV_ADD] /a/b size = 0, hash = ".
     ustring toString() const;

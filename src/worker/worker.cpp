@@ -303,7 +303,22 @@ int Worker::ProcessEvent() {
     const bool removal = e.m_type == Event::EV_REMOVE;
     if (e.isServerEvent())
         return removal ? m_handlers.remove_local(*this) : m_handlers.download_remote(*this);
+    if (!removal && ServerRemovalStands()) return m_handlers.remove_local(*this);
     return removal ? m_handlers.remove_remote(*this) : m_handlers.upload_local(*this);
+}
+
+bool Worker::ServerRemovalStands() {
+    const Event& e = context.current_event;
+    const ClientFileEventInfo& db = context.database_record;
+    if (!e.hasServerRemoval() || e.isDir() || db.syncID == 0) return false;
+    FILE_INFO local;
+    if (GetFilesystemInfo(local) < 0 || !local.isExist || local.type != FT_FILE) return false;
+    if (LocallyModified(local, db, ustring())) return false;
+    WorkerLog(Logger::L_INFO,
+              "[INFO] worker(%d): '%s' is unchanged since its row: the server's removal it "
+              "held back goes ahead\n",
+              __LINE__, e.m_path.c_str_utf8());
+    return true;
 }
 
 int Worker::DoneEvent() {

@@ -119,6 +119,10 @@ class Worker : public Task, private ServerCaller {
     int UpdateContext();
     // Routes the event to its handler and gives the handler's code.
     int ProcessEvent();
+    // True when the current local event of a file held back a server removal and the
+    // file is as its row says (nothing of the user's to keep): the removal is then
+    // carried out instead, else it would be lost for good. False on any doubt.
+    bool ServerRemovalStands();
     // Finishes the event: tells the user interface, clears its status row, empties the
     // context. 0; -1 when a newer event for the same path was waiting, which is now the
     // current event.

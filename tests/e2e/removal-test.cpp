@@ -1,6 +1,7 @@
 // Removals both ways against the real daemon and server: what the server removes lands in
 // the session's recycle bin with its bytes, what the user removes leaves
-// the server, a user's edit outlives the server's removal, a removal the server refuses
+// the server, a user's edit outlives the server's removal (a write that changed nothing
+// does not), a removal the server refuses
 // for a newer version brings that version back, and a sync folder that vanishes whole
 // takes nothing from the server.
 #include <gtest/gtest.h>
@@ -116,6 +117,29 @@ TEST_F(Removal, AnEditMadeBeforeTheServerRemovedTheFileOrItsFolderSurvives) {
     EXPECT_EQ(bin.count("my edit"), 0u);
     EXPECT_EQ(bin.count("my edit in g"), 0u);
     EXPECT_EQ(bin.count("old g"), 1u);
+}
+
+// A write that changed nothing (same bytes, same time), like the watcher's echo of a
+// download, is still waiting when the server's removal of the file arrives, because the
+// one worker is held by a slow upload: the removal must not be lost to it.
+TEST(RemovalOneWorker, AWriteThatChangedNothingDoesNotHoldBackTheServersRemoval) {
+    SyncWorld world(2);
+    ASSERT_TRUE(world.ok());
+    ASSERT_TRUE(world.Connect().isNull());
+    ASSERT_FALSE(world.AddSession(1).hasMember("error"));
+    ASSERT_FALSE(world.Resume(1).hasMember("error"));
+    const std::string same = world.Folder(1) + "/same.txt";
+    ASSERT_TRUE(world.server().Put("/same.txt", "same"));
+    ASSERT_TRUE(WaitUntil([&] { return world.CompareTrees(1).empty(); }));
+
+    world.server().WriteFaults("delay upload 4000 times=1\n");
+    ASSERT_TRUE(world.WriteLocal(1, "/first", "held up at the server"));
+    const fs::file_time_type when = fs::last_write_time(same);
+    ASSERT_TRUE(WriteFile(same, "same"));
+    fs::last_write_time(same, when);
+    ASSERT_TRUE(world.server().Rm("/same.txt"));
+    ASSERT_TRUE(WaitUntil([&] { return !fs::exists(same) && world.CompareTrees(1).empty(); }, 40))
+        << world.CompareTrees(1) << world.daemon().Log();
 }
 
 TEST_F(Removal, ALocalRemovalRefusedForANewerServerVersionBringsThatVersionBack) {

@@ -16,6 +16,7 @@ namespace {
 
 constexpr uint32_t kNoFlag = 0;
 constexpr uint32_t kConflict = Event::F_CONFLICT;
+constexpr uint32_t kServerRemoved = Event::F_SERVER_REMOVED;  // with the removal's ids
 
 struct Side_ {
     Event::Type type;
@@ -39,7 +40,7 @@ const auto N = Event::EV_RENAME;
 // changes and removals against a model; these rows are what they leave out: a rename,
 // which must keep its target whichever event it meets.
 const std::vector<MergeCase> kMergeTable = {
-    {FILE_NODE, {N, LOCAL, 0}, {R, SERVER, 10}, 'P', kNoFlag},
+    {FILE_NODE, {N, LOCAL, 0}, {R, SERVER, 10}, 'P', kServerRemoved},
     {FILE_NODE, {N, LOCAL, 0}, {M, LOCAL, 0}, 'A', kNoFlag},
     {FILE_NODE, {N, LOCAL, 0}, {M, SERVER, 10}, 'A', kConflict},
     {FILE_NODE, {M, SERVER, 10}, {N, LOCAL, 0}, 'P', kConflict},
@@ -67,7 +68,7 @@ TEST_P(MergeTable, OnePathKeepsTheRightEvent) {
     EXPECT_EQ(out.m_data_hash, winner.m_data_hash);
     EXPECT_EQ(out.m_type, winner.m_type);
     EXPECT_EQ(out.m_mode, winner.m_mode | c.flags);
-    EXPECT_EQ(out.m_sync_id, winner.m_sync_id);
+    EXPECT_EQ(out.m_sync_id, c.flags == kServerRemoved ? arriving.m_sync_id : winner.m_sync_id);
     EXPECT_EQ(out.m_opt, winner.m_opt);
     Event none;
     EXPECT_EQ(tree.Pop(none), -1);  // one event for the path

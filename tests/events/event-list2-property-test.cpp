@@ -36,6 +36,14 @@ bool IsBelow(const std::string& path, const std::string& dir) {
            path[dir.size()] == '/';
 }
 
+// A local file event that survives a server removal carries the removal with it.
+Event Absorb(Event local, const Event& removal) {
+    local.m_mode |= Event::F_SERVER_REMOVED;
+    local.m_sync_id = removal.m_sync_id;
+    local.m_max_id = removal.m_max_id;
+    return local;
+}
+
 // The table of pending against arriving events, row by row.
 Event ModelMerge(const Event& p, const Event& a) {
     const bool dir = a.isDir();
@@ -43,21 +51,21 @@ Event ModelMerge(const Event& p, const Event& a) {
     const bool p_remove = p.m_type == Event::EV_REMOVE, a_remove = a.m_type == Event::EV_REMOVE;
     Event out;
     if (!p_server && !a_server) {
-        out = a;
+        out = p.hasServerRemoval() && !a_remove && !a.hasServerRemoval() ? Absorb(a, p) : a;
     } else if (p_server && a_server) {
         out = (p.m_sync_id < a.m_sync_id || p.m_sync_id == MAX_SYNC_ID) ? a : p;
     } else if (!p_server) {  // local pending, server arriving
         if (p_remove)
             out = a;
         else if (a_remove)
-            out = dir ? a : p;
+            out = dir ? a : Absorb(p, a);
         else {
             out = a;
             if (!dir) out.setConflict();
         }
     } else {  // server pending, local arriving
         if (p_remove && !a_remove)
-            out = a;
+            out = dir ? a : Absorb(a, p);
         else if (a_remove)
             out = dir ? a : p;
         else if (dir)
