@@ -132,7 +132,7 @@ TEST(RemovalOneWorker, AWriteThatChangedNothingDoesNotHoldBackTheServersRemoval)
     ASSERT_TRUE(world.server().Put("/same.txt", "same"));
     ASSERT_TRUE(WaitUntil([&] { return world.CompareTrees(1).empty(); }));
 
-    world.server().WriteFaults("delay upload 4000 times=1\n");
+    world.server().WriteFaults("delay upload 7000 times=1\n");
     ASSERT_TRUE(world.WriteLocal(1, "/first", "held up at the server"));
     const fs::file_time_type when = fs::last_write_time(same);
     ASSERT_TRUE(WriteFile(same, "same"));
