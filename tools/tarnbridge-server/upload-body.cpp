@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "content-store.h"
+#include "delta/background-lane.h"
 #include "delta/md4-hash-handler.h"
 #include "foundation/error-code.h"
 #include "foundation/log.h"
@@ -19,6 +20,9 @@ namespace {
 const char* const kLog = "server_debug";
 // How much of a large body is received before its writing to disk is started.
 constexpr uint64_t kWriteBehind = 8 << 20;
+// A large body moves in pieces of this size: one is written and hashed on a helper thread
+// while the next arrives, and a piece is large enough that the hand-off costs little.
+constexpr size_t kPiece = 1 << 20;
 
 int FileFailure(const char* what, const std::string& path) {
     Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] upload-body(%d): %s %s: %s\n", __LINE__, what,
@@ -62,28 +66,54 @@ int ReceiveBytes(Channel& ch, uint64_t incoming, MD4HashHandler& md4, UploadBody
     return 0;
 }
 
-// Receives into the open file from `offset`; on failure, what arrived is in the file.
+// Receives into the open file from `offset`; on failure, what arrived is in the file. A
+// piece is written and hashed while the next one comes off the socket, pieces in order.
 int ReceiveToFile(Channel& ch, int fd, const std::string& path, uint64_t offset, uint64_t incoming,
                   MD4HashHandler& md4) {
-    std::vector<char> buf(Channel::kCapacity);
-    uint64_t received = 0, started = 0;
-    while (received < incoming) {
-        size_t want = static_cast<size_t>(std::min<uint64_t>(buf.size(), incoming - received));
-        size_t got = 0;
-        int rc = ch.Read(buf.data(), want, got);
-        if (got > 0 && !WriteAll(fd, buf.data(), got)) return FileFailure("write", path);
-        md4.update(buf.data(), got);
-        received += got;
-        if (rc < 0) return ERR_IO;
+    const size_t size = static_cast<size_t>(std::min<uint64_t>(kPiece, incoming));
+    std::vector<char> pieces[2] = {std::vector<char>(size), std::vector<char>(size)};
+    size_t length = 0;
+    const char* piece = nullptr;
+    uint64_t written = 0, started = 0;
+    int write_error = 0;  // the helper's errno, which is its thread's own
+    const BackgroundLane::SliceFn store = [&](size_t) {
+        if (!WriteAll(fd, piece, length)) {
+            write_error = errno != 0 ? errno : EIO;
+            return;
+        }
+        md4.update(piece, length);
+        written += length;
         // Starts the disk on what came so far, so that the flush before the commit finds
         // little left to write.
-        if (received - started >= kWriteBehind) {
+        if (written - started >= kWriteBehind) {
             ::sync_file_range(fd, static_cast<off_t>(offset + started),
-                              static_cast<off_t>(received - started), SYNC_FILE_RANGE_WRITE);
-            started = received;
+                              static_cast<off_t>(written - started), SYNC_FILE_RANGE_WRITE);
+            started = written;
         }
+    };
+    // A thread pays off only over a few pieces.
+    const bool background = incoming > 4 * kPiece;
+    BackgroundLane lane;
+    bool storing = false;
+    uint64_t received = 0;
+    int rc = 0;
+    for (int i = 0; received < incoming && rc == 0; i ^= 1) {
+        size_t got = 0;
+        rc = ch.Read(pieces[i].data(), std::min<uint64_t>(size, incoming - received), got);
+        received += got;
+        if (storing) lane.wait();
+        if (write_error != 0) break;
+        piece = pieces[i].data();
+        length = got;
+        lane.start(1, store, background);
+        storing = true;
     }
-    return 0;
+    if (storing) lane.wait();
+    if (write_error != 0) {
+        errno = write_error;
+        return FileFailure("write", path);
+    }
+    return rc < 0 ? ERR_IO : 0;
 }
 
 }  // namespace
