@@ -15,6 +15,7 @@
 
 #include "foundation/object.h"
 #include "foundation/ustring.h"
+#include "runtime/registry.h"
 
 class ConnectionPool;
 class Detector;
@@ -95,8 +96,9 @@ class Tarnbridge {
     int do_unlink(const PObject& request, PObject& reply);
     int init_env();
     void destroy_env();
-    // The task array: slot 0 the detector, 1 the recycle cleaner, 2 the syncer, 4 to the
-    // end the workers. -1 (logged) for a worker count the daemon cannot run with.
+    // The task array: slot 0 the detector, 1 the recycle cleaner, 2 the syncer, 3 the
+    // progress syncer, 4 to the end the workers. -1 (logged) for a worker count the daemon cannot
+    // run with.
     int init_tasks();
     void start_all();
     void stop_all();
@@ -108,8 +110,14 @@ class Tarnbridge {
     int remove_session(const PObject& request, PObject& reply);
     int pause(const PObject& request, PObject& reply);
     int resume(const PObject& request, PObject& reply);
-    // "reload_session": filter reload; answered with "ack" alone until selective sync.
+    // "reload_session": a paused session takes up its changed filter files. The lists are
+    // reloaded (a file that doesn't parse changes nothing), the selective-sync rules are
+    // compared with those last applied (reload_filter), and the local changes the filters
+    // held back are queued again. -1 with "error" for a running or unknown session.
     int reload_session(const PObject& request, PObject& reply);
+    // Queues every local change the filter database says a filter held back: uploads for
+    // what exists, downloads for what doesn't. The workers filter them again.
+    void reload_local_events(Registry::Entry& entry);
     // Makes the session's objects and folders, watches it and puts it in the Registry,
     // paused, with a rescan of its root queued. 0; -1 (logged) with nothing in the table.
     int create_registry_entry(const Session& session, bool do_merge);

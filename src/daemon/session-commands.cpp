@@ -5,8 +5,10 @@
 
 #include "daemon/app-log.h"
 #include "daemon/app.h"
+#include "daemon/filter-reload.h"
 #include "daemon/worker-drop.h"
 #include "events/detector.h"
+#include "events/event-generator.h"
 #include "events/event-manager.h"
 #include "filter/black-list-v2.h"
 #include "filter/white-list-cpp.h"
@@ -16,6 +18,7 @@
 #include "foundation/request-keys.h"
 #include "foundation/settings.h"
 #include "pulling/progress-cache.h"
+#include "pulling/progress-syncer.h"
 #include "pulling/syncer.h"
 #include "runtime/recycle-cleaner.h"
 #include "runtime/registry.h"
@@ -196,6 +199,7 @@ int Tarnbridge::init_tasks() {
     task[kDetectorSlot] = std::make_unique<Detector>();
     task[kRecycleCleanerSlot] = std::make_unique<RecycleCleaner>();
     task[kSyncerSlot] = std::make_unique<Syncer>();
+    task[kProgressSyncerSlot] = std::make_unique<ProgressSyncer>();
     for (size_t slot = kFirstWorkerSlot; slot < task.size(); ++slot)
         task[slot] = std::make_unique<Worker>();
     Logger::LogMsg(Logger::L_DEBUG, kAppLog, "[DEBUG] app(%d): totally %lu tasks\n", __LINE__,
@@ -370,6 +374,16 @@ int Tarnbridge::create_registry_entry(const Session& session, bool do_merge) {
                        "[ERROR] app(%d): Failed to get sync_id for session %llu\n", __LINE__, id);
         return 0;
     }
+    Logger::LogMsg(Logger::L_DEBUG, kAppLog,
+                   "[DEBUG] app(%d): reload_filter for session '%llu', current sync_id [%llu]\n",
+                   __LINE__, id, static_cast<ull>(sync_id));
+    if (reload_filter(session.sess_id, sync_id, conf + "/blacklist.filter", entry.local_path,
+                      entry.event_db) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): failed to reload_filter for session '%llu'.\n", __LINE__,
+                       id);
+        return 0;
+    }
     if (load_resume_condition(session.sess_id) < 0) {
         Logger::LogMsg(Logger::L_ERR, kAppLog,
                        "[ERROR] app(%d): Failed to load_resume_condition for session '%llu'.\n",
@@ -520,8 +534,83 @@ int Tarnbridge::resume(const PObject& request, PObject& reply) {
     return 0;
 }
 
-int Tarnbridge::reload_session(const PObject&, PObject&) {
+int Tarnbridge::reload_session(const PObject& request, PObject& reply) {
+    if (!HasKey(request, "session_id", KeyKind::INTEGER)) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog, "[ERROR] app(%d): Invalid parameter\n.", __LINE__);
+        reply["error"] = "Invalid parameter";
+        return -1;
+    }
+    const ull id = request["session_id"].asUInt64();
+    Registry::Entry entry;
+    if (Registry::getInstance().Find(id, entry) != 1) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): invalid session %llu, stop reload\n", __LINE__, id);
+        reply["error"] = "Invalid session.";
+        return -1;
+    }
+    if (!entry.pause) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): reload session %llu without pause, stop reload\n",
+                       __LINE__, id);
+        reply["error"] = "Reload session without puase";
+        return -1;
+    }
+    const ustring conf = entry.config_path + "/conf";
+    const ustring filter_file = conf + "/blacklist.filter";
+    // A list that fails to load is left empty, which would let everything through: the
+    // file is tried on a spare list first, so a malformed one changes nothing.
+    BlackList2 trial;
+    if (trial.Load(filter_file) != 0 || entry.black_list->Load(filter_file) != 0) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): failed to reload black list filter for sesion %llu\n",
+                       __LINE__, id);
+        reply["error"] = "Failed to load black list.";
+        return -1;
+    }
+    WhiteListCpp white_trial;
+    const ustring white_file = conf + "/whitelist.filter";
+    if (white_trial.Load(white_file) != 0 || entry.white_list->Load(white_file) != 0) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): failed to reload white klist filter for sesion %llu\n",
+                       __LINE__, id);
+        reply["error"] = "Failed to load white list.";
+        return -1;
+    }
+    uint64_t sync_id = 0;
+    if (entry.event_db->getSyncId(sync_id) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): Failed to get sync_id for session %llu\n", __LINE__, id);
+        reply["error"] = "Failed to get current sync_id.";
+        return -1;
+    }
+    Logger::LogMsg(Logger::L_INFO, kAppLog,
+                   "[INFO] app(%d): Reload session (%llu), current sync_id [%llu]\n", __LINE__, id,
+                   static_cast<ull>(sync_id));
+    if (reload_filter(id, sync_id, filter_file, entry.local_path, entry.event_db) < 0) {
+        Logger::LogMsg(Logger::L_ERR, kAppLog,
+                       "[ERROR] app(%d): failed to reload_filter for sess (%llu)\n", __LINE__, id);
+        reply["error"] = "Failed to reload filter.";
+        return -1;
+    }
+    reload_local_events(entry);
     return 0;
+}
+
+void Tarnbridge::reload_local_events(Registry::Entry& entry) {
+    const ull id = entry.sess_id;
+    Logger::LogMsg(Logger::L_INFO, kAppLog,
+                   "[INFO] app(%d): reload local filtered events from database for session "
+                   "'%llu'\n",
+                   __LINE__, id);
+    std::set<FilterLocalEvent> held;
+    if (FilterDB::getInstance().dumpLocalFilteredEvent(id, held) < 0) {
+        Logger::LogMsg(Logger::L_WARNING, kAppLog,
+                       "[WARNING] app(%d): failed to dump resume items for session '%llu'... \n",
+                       __LINE__, id);
+        return;
+    }
+    // What the new rules still hold back is filtered again by the worker and recorded anew.
+    for (const FilterLocalEvent& item : held) PushEvent(entry, item);
 }
 
 void Tarnbridge::pauseRegistry(uint64_t sess_id) {

@@ -16,6 +16,33 @@ namespace {
 
 const char* const kLog = "syncer_debug";
 
+const PullerTexts kTexts = {
+    kLog,
+    PROTO_RESP_SYNCER,
+    "[DEBUG] syncer(%d): Syncer >>>: %s\n",
+    "[DEBUG] syncer(%d): Syncer <<<: %s\n",
+    "[INFO] syncer(%d): Syncer: request ssl channel\n",
+    "[DEBUG] syncer(%d): Syncer: Connect to server (%s:%d).\n",
+    "[ERROR] syncer(%d): Syncer: Failed to establish TCP connection to server (%s:%d). %s\n",
+    "[ERROR] syncer(%d): Syncer: failed to connect to server.\n",
+    "[ERROR] syncer(%d): Syncer: request SSL: %s\n",
+    "[ERROR] syncer(%d): Syncer: Convert to SSL channel failed (%d)\n",
+    "[INFO] syncer(%d): Syncer: channel is now encrypted using SSL\n",
+    "[ERROR] syncer(%d): Syncer: request channel: %s\n",
+    "[INFO] syncer(%d): Connect with Tarnbridge server build %lu\n",
+    "[INFO] syncer(%d): Syncer: connection refused by server.\n",
+    "[ERROR] syncer(%d): Syncer: RunProtocol(%s): failed to send request (%d)\n",
+    "[ERROR] syncer(%d): Syncer: RunProtocol(%s): failed to recv response (%d)\n",
+    "[ERROR] syncer(%d): PullEvent: fail to establish communication channel\n",
+    "[ERROR] syncer(%d): PullEvent: fail to pull events. %d.\n",
+    "[ERROR] syncer(%d): PullEvent: response: %s.\n",
+    "[WARNING] syncer(%d): session %llu is removed, events might be dropped\n",
+    "[WARNING] syncer(%d): Program stopped while syncing files ...\n",
+    "[WARNING] syncer(%d): session %llu is removed while there are events\n",
+    "[NOTE] syncer(%d): session %llu is paused while there are events\n",
+    "[DEBUG] syncer(%d): Wait for workers (still %d pending server events).\n",
+};
+
 using ull = unsigned long long;
 
 // Seconds to wait after a round, by HandleError's action.
@@ -72,6 +99,8 @@ ErrorRule RuleFor(int err) {
 }  // namespace
 
 // ---- the loop ----
+
+Syncer::Syncer() : m_caller(kTexts, *this) {}
 
 void Syncer::DoTask() {
     for (;;) {
@@ -159,50 +188,18 @@ int Syncer::PullEventFromServer(PObject& response) {
     }
     sync_id = PullMark(sync_id);
     context.sync_id = sync_id;
-    ConnectionPool* pool = g_pool.load();
-    if (pool == nullptr) {
+    PObject request;
+    if (!BuildPullRequest(context.entry, sync_id, request)) {
         Logger::LogMsg(Logger::L_ERR, kLog,
                        "[ERROR] syncer(%d): Syncer: no server connection is linked\n", __LINE__);
         return ERR_IO;
     }
-
-    PObject request;
-    request["_action"] = "pull_event";
-    request["sync_id"] = sync_id;
-    request["session"] = pool->getSession();
-    request["path"] = context.entry.remote_path;
-    request["view_id"] = context.entry.view_id;
-    request["node_id"] = context.entry.node_id;
-    request["recursive"] = context.entry.recursive;
-    AppendAgent(request);
     Logger::LogMsg(Logger::L_DEBUG, kLog,
                    "[DEBUG] syncer(%d): Syncer: pull event by session %llu (%llu:%s) since %llu\n",
                    __LINE__, static_cast<ull>(context.entry.sess_id),
                    static_cast<ull>(context.entry.view_id), context.entry.remote_path.c_str_utf8(),
                    static_cast<ull>(sync_id));
-
-    BorrowedConnection conn(*pool);
-    conn->GetChannel()->SetFlag(AbortFlag());
-    int rc = RequestChannel(conn.get());
-    if (rc < 0) {
-        Logger::LogMsg(Logger::L_ERR, kLog,
-                       "[ERROR] syncer(%d): PullEvent: fail to establish communication channel\n",
-                       __LINE__);
-        conn->Drop();
-        return rc;
-    }
-    rc = ProtoPullEvent(*conn->GetChannel(), request, response);
-    if (rc < 0) {
-        Logger::LogMsg(Logger::L_ERR, kLog,
-                       "[ERROR] syncer(%d): PullEvent: fail to pull events. %d.\n", __LINE__, rc);
-        conn->Drop();
-        return rc;
-    }
-    conn->Update(response["alive"].asUInt32());
-    if (!response.hasMember("error")) return 0;
-    Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] syncer(%d): PullEvent: response: %s.\n", __LINE__,
-                   response["error"].toString().c_str_utf8());
-    return ProtoResp2ErrorCode(response["error"]["code"].asUInt32(), PROTO_RESP_SYNCER);
+    return PullFromServer(m_caller, m_stream, context.entry, request, response);
 }
 
 int Syncer::ProtoPullEvent(Channel& ch, const PObject& request, PObject& response) {
@@ -210,19 +207,19 @@ int Syncer::ProtoPullEvent(Channel& ch, const PObject& request, PObject& respons
 }
 
 int Syncer::RunProtocol(Channel& ch, uint8_t cmd, const PObject& request, PObject& response) {
-    return ServerExchange(*this, ch, m_stream, cmd, request, response);
+    return ServerExchange(m_caller, ch, m_stream, cmd, request, response);
 }
 
 int Syncer::RequestChannel(Connection* conn) {
     ConnectionPool* pool = g_pool.load();
     if (pool == nullptr) return ERR_IO;
-    return ServerLogin(*this, *pool, *conn, context.entry.view_id);
+    return ServerLogin(m_caller, *pool, *conn, context.entry.view_id);
 }
 
 int Syncer::EstablishConnection(Connection* conn) {
     ConnectionPool* pool = g_pool.load();
     if (pool == nullptr) return ERR_IO;
-    return ServerConnect(*this, *pool, *conn);
+    return ServerConnect(m_caller, *pool, *conn);
 }
 
 uint64_t Syncer::PullMark(uint64_t stored) {
@@ -336,47 +333,7 @@ void Syncer::ReportRound(size_t records, size_t pushed, uint64_t next) const {
 }
 
 int Syncer::WaitForWorkers() {
-    const uint64_t sess = context.entry.sess_id;
-    for (;;) {
-        const int pending = EventManager::getInstance().GetPendingServerEvent(sess);
-        Registry::Entry fresh;
-        const bool exists = Registry::getInstance().Find(sess, fresh) == 1;
-        if (pending <= 0) {
-            if (exists) return 0;
-            Logger::LogMsg(Logger::L_WARNING, kLog,
-                           "[WARNING] syncer(%d): session %llu is removed, events might be "
-                           "dropped\n",
-                           __LINE__, static_cast<ull>(sess));
-            return -1;
-        }
-        const State state = GetState();
-        if (state == STOP) {
-            Logger::LogMsg(Logger::L_WARNING, kLog,
-                           "[WARNING] syncer(%d): Program stopped while syncing files ...\n",
-                           __LINE__);
-            return -1;
-        }
-        if (state == PAUSE) {
-            WaitWhilePaused(1000);
-            continue;
-        }
-        if (!exists) {
-            Logger::LogMsg(Logger::L_WARNING, kLog,
-                           "[WARNING] syncer(%d): session %llu is removed while there are events\n",
-                           __LINE__, static_cast<ull>(sess));
-            return -1;
-        }
-        if (fresh.pause) {
-            Logger::LogMsg(Logger::L_NOTICE, kLog,
-                           "[NOTE] syncer(%d): session %llu is paused while there are events\n",
-                           __LINE__, static_cast<ull>(sess));
-            return -1;
-        }
-        Logger::LogMsg(Logger::L_DEBUG, kLog,
-                       "[DEBUG] syncer(%d): Wait for workers (still %d pending server events).\n",
-                       __LINE__, pending);
-        Wait(1);
-    }
+    return WaitForPulledEvents(*this, context.entry.sess_id, kTexts);
 }
 
 // ---- errors ----
@@ -409,76 +366,4 @@ int Syncer::HandleError(int err) {
         Logger::LogMsg(Logger::L_CRIT, kLog,
                        "[CRIT] syncer(%d): Syncer: unexpected error code [%d].\n", __LINE__, err);
     return rule.action;
-}
-
-// ---- the syncer's side of the exchanges ----
-
-void Syncer::Note(const ExchangeEvent& event) {
-    switch (event.note) {
-        case NOTE_REQUEST:
-        case NOTE_RESPONSE:
-            // A reply may hold thousands of records: build its text only when it is logged.
-            if (!Logger::Enabled(Logger::L_DEBUG, kLog)) return;
-            Logger::LogMsg(Logger::L_DEBUG, kLog,
-                           event.note == NOTE_REQUEST ? "[DEBUG] syncer(%d): Syncer >>>: %s\n"
-                                                      : "[DEBUG] syncer(%d): Syncer <<<: %s\n",
-                           __LINE__, event.object->toString().c_str_utf8());
-            return;
-        case NOTE_KEEP_ALIVE:
-            return;
-        case NOTE_TLS_REQUEST:
-            Logger::LogMsg(Logger::L_INFO, kLog, "[INFO] syncer(%d): Syncer: request ssl channel\n",
-                           __LINE__);
-            return;
-        case NOTE_CONNECTING:
-            Logger::LogMsg(Logger::L_DEBUG, kLog,
-                           "[DEBUG] syncer(%d): Syncer: Connect to server (%s:%d).\n", __LINE__,
-                           event.ip, event.port);
-            return;
-        case NOTE_CONNECT_FAILED:
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] syncer(%d): Syncer: Failed to establish TCP connection to "
-                           "server (%s:%d). %s\n",
-                           __LINE__, event.ip, event.port, GetErrorString(event.code));
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] syncer(%d): Syncer: failed to connect to server.\n", __LINE__);
-            return;
-        case NOTE_TLS_REFUSED:
-            Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] syncer(%d): Syncer: request SSL: %s\n",
-                           __LINE__, (*event.object)["error"].toString().c_str_utf8());
-            return;
-        case NOTE_TLS_FAILED:
-            Logger::LogMsg(Logger::L_ERR, kLog,
-                           "[ERROR] syncer(%d): Syncer: Convert to SSL channel failed (%d)\n",
-                           __LINE__, event.code);
-            return;
-        case NOTE_TLS_DONE:
-            Logger::LogMsg(Logger::L_INFO, kLog,
-                           "[INFO] syncer(%d): Syncer: channel is now encrypted using SSL\n",
-                           __LINE__);
-            return;
-        case NOTE_LOGIN_ERROR:
-            Logger::LogMsg(Logger::L_ERR, kLog, "[ERROR] syncer(%d): Syncer: request channel: %s\n",
-                           __LINE__, (*event.object)["error"].toString().c_str_utf8());
-            return;
-        case NOTE_SERVER_BUILD:
-            Logger::LogMsg(Logger::L_INFO, kLog,
-                           "[INFO] syncer(%d): Connect with Tarnbridge server build %lu\n",
-                           __LINE__, event.build);
-            return;
-        case NOTE_NO_GRANT:
-            Logger::LogMsg(Logger::L_INFO, kLog,
-                           "[INFO] syncer(%d): Syncer: connection refused by server.\n", __LINE__);
-            return;
-    }
-}
-
-int Syncer::ExchangeFailed(ExchangeStep step, const char* action, int code) {
-    Logger::LogMsg(
-        Logger::L_ERR, kLog,
-        step == EXCHANGE_RECEIVE
-            ? "[ERROR] syncer(%d): Syncer: RunProtocol(%s): failed to recv response (%d)\n"
-            : "[ERROR] syncer(%d): Syncer: RunProtocol(%s): failed to send request (%d)\n",
-        __LINE__, action, code);
-    return ERR_IO;
 }

@@ -17,11 +17,11 @@
 
 #include "foundation/object.h"
 #include "foundation/stream.h"
+#include "pulling/pull-exchange.h"
 #include "runtime/registry.h"
 #include "runtime/task.h"
-#include "transport/exchange.h"
 
-class Syncer : public Task, private ServerCaller {
+class Syncer : public Task {
   public:
     // The session being pulled: a copy of its entry and the sync id pulled from.
     struct Context {
@@ -31,7 +31,7 @@ class Syncer : public Task, private ServerCaller {
     // Whom the user interface is told of an error.
     enum ErrorType { ERR_NONE = 0, ERR_SESSION = 1, ERR_CONNECTION = 2 };
 
-    Syncer() = default;
+    Syncer();
     ~Syncer() override = default;
 
     // The loop: one session per turn, then the wait HandleError chose.
@@ -79,13 +79,6 @@ class Syncer : public Task, private ServerCaller {
     int ProcessEvents(const PObject& response);
 
   private:
-    // ServerCaller: the syncer's log lines and tables.
-    void Note(const ExchangeEvent& event) override;
-    int ExchangeFailed(ExchangeStep step, const char* action, int code) override;
-    int* CallerAbortFlag() override { return AbortFlag(); }
-    ProtoRespCaller RespCaller() const override { return PROTO_RESP_SYNCER; }
-    TlsStyle Tls() const override { return TLS_BEFORE_CONNECT; }
-
     // A pull from 0 over a session whose database already holds rows, as a daemon stopped
     // before its first pull was whole leaves it: the server lists only what lives, so a
     // row the whole listing never names was removed there meanwhile. Until the listing is
@@ -111,5 +104,6 @@ class Syncer : public Task, private ServerCaller {
     std::set<uint64_t> uptodate_set;         // sessions last found up to date
     std::map<uint64_t, Listing> m_listings;  // by session
     PStream m_stream;
+    PullerCaller m_caller;  // the syncer's log lines and tables in the exchanges
     int64_t m_round_start_ms = 0;
 };
