@@ -30,6 +30,15 @@ bool IsAgreed(FileEventDB* event_db, const ustring& rel, const DIR_ENTRY& entry)
            FSTimeEqual(row.fileModTime, entry.mtime);
 }
 
+// Forgets the path, then takes it off the disk. The row goes first: the detector reports
+// the removal as a local change, and a path the database doesn't know is never removed on
+// the server, however late that report is carried out (after the rule is dropped again,
+// say). When the rule goes, the path is fetched as new. `remove` gives 0 on success.
+template <typename Remove>
+bool ForgetAndRemove(FileEventDB* event_db, const ustring& rel, Remove remove) {
+    return event_db->rmEventInfo(rel) == 0 && remove() == 0;
+}
+
 // Takes off the disk what lies in the folder `rel` (below `root`) as the last agreement
 // left it, then the folder when nothing else is left in it. True when the folder went.
 bool RemoveAgreed(const ustring& root, const ustring& rel, FileEventDB* event_db) {
@@ -45,15 +54,18 @@ bool RemoveAgreed(const ustring& root, const ustring& rel, FileEventDB* event_db
         if (entry.type == FT_DIR)
             keep = !RemoveAgreed(root, child, event_db) || keep;
         else if (entry.type == FT_FILE && IsAgreed(event_db, child, entry))
-            keep = FSRemove(root + child, false) != 0 || keep;
+            keep =
+                !ForgetAndRemove(event_db, child, [&] { return FSRemove(root + child); }) || keep;
         else
             keep = true;
     }
     FSCloseDir(dh);
-    if (rc < 0 || keep) return false;
-    int err = 0;
+    if (rc < 0 || keep || event_db == nullptr) return false;
     // Never a tree removal: a file that arrived during the walk must stay.
-    return platform::file_system().remove_dir(Text(dir), &err) == 0;
+    return ForgetAndRemove(event_db, rel, [&] {
+        int err = 0;
+        return platform::file_system().remove_dir(Text(dir), &err);
+    });
 }
 
 void RemoveHiddenFolder(uint64_t sess_id, const ustring& sync_folder, const ustring& prefix,

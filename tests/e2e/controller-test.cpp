@@ -1,6 +1,6 @@
 // The controller's session verbs as a person uses them, against a real server and the
 // daemon the controller starts: add a folder, see it in status, pause, stop and start
-// again with the session brought back, watch, remove.
+// again with the session brought back, watch, remove; change what a session syncs.
 #include <signal.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
@@ -137,6 +137,30 @@ TEST_F(ControllerVerbs, AFolderIsAddedShownPausedBroughtBackAfterAStopAndRemoved
     EXPECT_NE(status.out.find("\"sessions\":[]"), std::string::npos) << status.out;
     EXPECT_EQ(Run({"stop"}).status, 0);
     EXPECT_FALSE(Exists(config + ".state"));
+}
+
+TEST_F(ControllerVerbs, FilterEditHidesAndBringsBackAFolderOfARunningSession) {
+    ASSERT_TRUE(server.Put("/photos/a.jpg", "a"));
+    ASSERT_EQ(Add(folder, address, {"--ssl-pin", server.pin()}).status, 0);
+    ASSERT_TRUE(WaitUntil([&] { return Exists(folder + "/photos/a.jpg"); }));
+
+    EXPECT_EQ(Run({"filter", "edit", "--session-id", "1", "--hide-folder", "photos"}).status, 2);
+    const RunResult hidden = Run(
+        {"filter", "edit", "--session-id", "1", "--hide-folder", "/photos", "--max-size", "100"});
+    ASSERT_EQ(hidden.status, 0) << hidden.out << ReadFile(dir / "daemon.log");
+    EXPECT_FALSE(Exists(folder + "/photos"));
+    const RunResult shown = Run({"filter", "show", "--session-id", "1"});
+    EXPECT_NE(shown.out.find("hidden folders: /photos\n"), std::string::npos) << shown.out;
+    EXPECT_NE(shown.out.find("size limit: 100 bytes"), std::string::npos) << shown.out;
+
+    // Dropping the rule at once brings the folder back: the removal it made on disk is
+    // never carried to the server. The session was left running.
+    EXPECT_EQ(Run({"filter", "edit", "--session-id", "1", "--show-folder", "/photos"}).status, 0);
+    EXPECT_TRUE(WaitUntil([&] { return Exists(folder + "/photos/a.jpg"); }))
+        << ReadFile(dir / "daemon.log");
+    Tree tree;
+    EXPECT_TRUE(server.Listing(tree) && tree.count("/photos/a.jpg") == 1);
+    EXPECT_EQ(Run({"status"}).out.find("paused"), std::string::npos);
 }
 
 }  // namespace

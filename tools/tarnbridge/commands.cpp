@@ -31,7 +31,13 @@ const ControllerCommand kControllerCommands[] = {
     {"reload-connection",
      "reload-connection [--config FILE | --port N] ...the options of link-connection",
      run_reload_connection},
-    {"filter", "filter check FILE [PATH ...]", cmd_filter},
+    {"filter",
+     "filter check FILE [PATH ...]\n"
+     "  filter show --config FILE --session-id N\n"
+     "  filter edit --config FILE --session-id N [--hide-ext X] [--show-ext X]\n"
+     "      [--hide-name X] [--show-name X] [--hide-folder /P] [--show-folder /P]\n"
+     "      [--max-size BYTES (0: none)]",
+     cmd_filter},
     {"watch", "watch [--config FILE] [--port P] [--json]", run_watch},
 };
 

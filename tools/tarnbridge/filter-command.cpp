@@ -1,20 +1,23 @@
 // filter-command.cpp: `tarnbridge filter check FILE [PATH ...]`. Reads a filter file as
 // the daemon does, reports the first error with its line, and tells for each path
 // (relative to the view root, a trailing '/' for a folder) whether it is synchronised
-// and which rule holds it back.
+// and which rule holds it back. `filter show` and `filter edit` are session commands.
 #include <cstdio>
 #include <cstring>
 #include <string>
+#include <vector>
 
 #include "commands.h"
 #include "filter/filter.h"
 #include "filter/printer.h"
+#include "session-commands.h"
 
 namespace {
 
 int filter_usage() {
     std::fprintf(stderr,
                  "usage: tarnbridge filter check FILE [PATH ...]\n"
+                 "       tarnbridge filter show|edit --config FILE --session-id N ...\n"
                  "  PATH is relative to the view root and begins with '/';\n"
                  "  end it with '/' to test it as a folder.\n");
     return 2;
@@ -54,7 +57,23 @@ void report_path(const Filter& filter, const char* arg) {
 }  // namespace
 
 int cmd_filter(int argc, char** argv) {
-    if (argc < 2 || std::strcmp(argv[0], "check") != 0) return filter_usage();
+    if (argc > 0 && std::strcmp(argv[0], "check") != 0) {
+        // "show" and "edit" may come after the options, as in "filter --config F show".
+        std::vector<char*> rest;
+        int verb = -1;
+        for (int i = 0; i < argc; ++i) {
+            const bool is_verb =
+                std::strcmp(argv[i], "show") == 0 || std::strcmp(argv[i], "edit") == 0;
+            if (is_verb && verb < 0)
+                verb = i;
+            else
+                rest.push_back(argv[i]);
+        }
+        if (verb < 0) return filter_usage();
+        return run_filter_session(static_cast<int>(rest.size()), rest.data(),
+                                  std::strcmp(argv[verb], "edit") == 0);
+    }
+    if (argc < 2) return filter_usage();
     const char* file = argv[1];
     Filter filter;
     if (filter_init(&filter) < 0) {

@@ -16,6 +16,7 @@
 
 #include "connection-command.h"
 #include "daemon-client.h"
+#include "filter/filter.h"
 #include "foundation/config.h"
 #include "json-out.h"
 #include "request-args.h"
@@ -394,6 +395,72 @@ int run_pause_or_resume(int argc, char** argv, bool paused) {
     return 0;
 }
 
+// The session of `args` as the daemon of the configuration knows it, with the path of its
+// filter file; false with a message (the exit status in `code`).
+bool load_session(const Args& args, std::string& config, ControllerState& state, uint64_t& id,
+                  std::string& filter_file, int& code) {
+    if (!load(args, config, state, code)) return false;
+    if (!parse_id(args.get("--session-id"), id)) {
+        code = usage_error("--session-id wants a number above 0");
+        return false;
+    }
+    if (state.sessions.count(id) == 0) {
+        code = failure("no session " + std::to_string(id) + " is recorded for " + config);
+        return false;
+    }
+    filter_file = SessionConfigFolder(config, id) + "/conf/blacklist.filter";
+    return true;
+}
+
+// A size in bytes, every character a digit; 0 is no limit.
+bool parse_size(const std::string& text, uint64_t& size) {
+    if (text.empty() || text.size() > 19 ||
+        text.find_first_not_of("0123456789") != std::string::npos)
+        return false;
+    size = std::stoull(text);
+    return true;
+}
+
+void print_rules(const char* what, const value_type_string_set& set) {
+    std::printf("%s:", what);
+    for (size_t i = 0; i < set.used; ++i) std::printf(" %s", set.set[i]);
+    std::printf(set.used == 0 ? " none\n" : "\n");
+}
+
+// One change of an edit: the option, and what it does to the filter. false when the
+// value can't be taken.
+bool apply_edit(Filter& f, const std::string& option, const std::string& value) {
+    const char* v = value.c_str();
+    if (option == "--hide-ext")
+        return vt_string_set_insert(&f.File.black_ext_selective_sync, v) >= 0;
+    if (option == "--show-ext")
+        return vt_string_set_remove(&f.File.black_ext_selective_sync, v) >= 0;
+    if (option == "--hide-name")
+        return vt_string_set_insert(&f.File.black_name_selective_sync, v) >= 0;
+    if (option == "--show-name")
+        return vt_string_set_remove(&f.File.black_name_selective_sync, v) >= 0;
+    if (option == "--max-size") return parse_size(value, f.File.max_size_selective_sync);
+    // A folder is named from the view's root, as the daemon's paths are.
+    if (value.size() < 2 || value[0] != '/' || value.back() == '/') return false;
+    value_type_string_set* folders = &f.Common.black_path_prefix_selective_sync;
+    return (option == "--hide-folder" ? vt_string_set_insert(folders, v)
+                                      : vt_string_set_remove(folders, v)) >= 0;
+}
+
+// Pause, reload, and resume unless a person had paused the session. false with `error`;
+// a running session is resumed even when the reload failed.
+bool reload_session(const ControllerState& state, uint64_t id, std::string& error) {
+    if (!send_action(state, "pause", id, error)) return false;
+    const bool reloaded = send_action(state, "reload_session", id, error);
+    std::string resume_error;
+    if (!state.sessions.at(id).paused && !send_action(state, "resume", id, resume_error) &&
+        reloaded) {
+        error = resume_error;
+        return false;
+    }
+    return reloaded;
+}
+
 }  // namespace
 
 int restore_sessions(const std::string& config, const ControllerState& state) {
@@ -550,5 +617,59 @@ int run_remove(int argc, char** argv) {
         if (!WriteState(config, state, error)) return failure(error);
         std::printf("%s\n", line.c_str());
     }
+    return 0;
+}
+
+// tarnbridge filter show|edit: the session's selective-sync rules, and changes to them
+// that take effect at once.
+int run_filter_session(int argc, char** argv, bool edit) {
+    Args args;
+    std::string error, config, filter_file;
+    const std::set<std::string> edits = {"--hide-ext",  "--show-ext",    "--hide-name",
+                                         "--show-name", "--hide-folder", "--show-folder",
+                                         "--max-size"};
+    std::set<std::string> options = {"--config", "--session-id"};
+    if (edit) options.insert(edits.begin(), edits.end());
+    // The edit options may repeat, so they are read in order from the words themselves.
+    std::vector<std::pair<std::string, std::string>> changes;
+    for (int i = 0; edit && i + 1 < argc; ++i)
+        if (edits.count(argv[i]) != 0) changes.emplace_back(argv[i], argv[i + 1]), ++i;
+    if (!parse_args(argc, argv, options, {}, args, error)) return usage_error(error);
+    ControllerState state;
+    uint64_t id = 0;
+    int code = 0;
+    if (!load_session(args, config, state, id, filter_file, code)) return code;
+    Filter filter;
+    parse_report report;
+    if (filter_init(&filter) < 0) return failure("out of memory");
+    if (filter_read(&filter, filter_file.c_str(), &report) != 0)
+        return failure(filter_file + ": " + report.message);
+    for (const auto& [option, value] : changes) {
+        if (apply_edit(filter, option, value)) continue;
+        filter_destroy(&filter);
+        return usage_error(option + " cannot take '" + value +
+                           "' (folders begin with '/', sizes are bytes)");
+    }
+    if (edit && filter_write(&filter, filter_file.c_str()) != 0) {
+        filter_destroy(&filter);
+        return failure("cannot write " + filter_file);
+    }
+    print_rules("hidden folders", filter.Common.black_path_prefix_selective_sync);
+    print_rules("hidden names", filter.File.black_name_selective_sync);
+    print_rules("hidden extensions", filter.File.black_ext_selective_sync);
+    const unsigned long long limit = filter.File.max_size_selective_sync;
+    filter_destroy(&filter);
+    if (limit == 0)
+        std::printf("size limit: none\n");
+    else
+        std::printf("size limit: %llu bytes\n", limit);
+    if (!edit) return 0;
+    if (!daemon_alive(state)) {
+        std::printf("no daemon runs: the rules take effect when it starts\n");
+        return 0;
+    }
+    if (!reload_session(state, id, error))
+        return failure("the daemon did not take the rules: " + error);
+    std::printf("session %llu follows the new rules\n", static_cast<unsigned long long>(id));
     return 0;
 }

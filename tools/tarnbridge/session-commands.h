@@ -18,6 +18,12 @@ int run_status(int argc, char** argv);
 int run_pause(int argc, char** argv);
 int run_resume(int argc, char** argv);
 int run_remove(int argc, char** argv);
+// tarnbridge filter show --config FILE --session-id N
+// tarnbridge filter edit --config FILE --session-id N [--hide-ext X] [--show-ext X]
+//     [--hide-name X] [--show-name X] [--hide-folder /P] [--show-folder /P] [--max-size B]
+// Shows the session's selective-sync rules; an edit rewrites its filter file and has the
+// daemon take it up (pause, reload, resume as it was). The words come without the verb.
+int run_filter_session(int argc, char** argv, bool edit);
 
 // Links the daemon just started (`state` holds its port), connects it to the recorded
 // server, adds every recorded session and resumes those a person did not pause. 0; 1 when
